@@ -1,0 +1,79 @@
+#include "nnet/component-registry.h"
+
+#include <memory>
+
+#include "nnet/activation.h"
+#include "nnet/affine.h"
+#include "nnet/fixed-affine.h"
+#include "nnet/lstm.h"
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+template <class Layer>
+Component* Make(int first, int second) {
+  return std::make_unique<Layer>(first, second).release();
+}
+
+// One layer type: its code, the word inside its marker, and who is built for the float and for the
+// fixed-point code. Most layers have one class for both.
+struct Row {
+  int code;
+  const char* name;
+  Component::Factory make;
+  Component::Factory make_fixed;
+};
+
+template <class Layer, class FixedLayer = Layer>
+constexpr Row RowOf(const char* name) {
+  return {Layer::kType, name, &Make<Layer>, &Make<FixedLayer>};
+}
+
+// Adding a layer adds a row. Codes are part of the model format.
+constexpr Row kRows[] = {
+    RowOf<AffineTransform, FixedAffineTransform>("AffineTransform"),
+    RowOf<LinearTransform, FixedLinearTransform>("LinearTransform"),
+    RowOf<Lstm, FixedLstm>("Lstm"),
+    RowOf<LstmProjectedNnet3Streams, FixedLstmProjectedNnet3Streams>("LstmProjectedNnet3Streams"),
+    RowOf<Embedding, FixedEmbedding>("Embedding"),
+    RowOf<BlstmProjectedNnet3Streams, FixedBlstmProjectedNnet3Streams>(
+        "BlstmProjectedNnet3Streams"),
+    RowOf<Blstm, FixedBlstm>("Blstm"),
+    RowOf<Softmax>("Softmax"),
+    RowOf<Sigmoid>("Sigmoid"),
+    RowOf<Relu>("ReLU"),
+    RowOf<LogSoftmax>("LogSoftmax"),
+    RowOf<PRelu>("PReLU"),
+    RowOf<Relu2d>("ReLU2d"),
+    RowOf<PRelu2d>("PReLU2d"),
+};
+
+Component::ComponentMap BuildComponentMap() {
+  Component::ComponentMap components;
+  for (const Row& row : kRows) {
+    const std::string name(row.name);
+    components.try_emplace(row.code, "<" + name + ">", row.make);
+    components.try_emplace(FixedTypeOf(row.code), "<Fixed" + name + ">", row.make_fixed);
+  }
+  return components;
+}
+
+}  // namespace
+
+Component::MarkerMap BuildMarkerMap(const Component::ComponentMap& components) {
+  Component::MarkerMap markers;
+  for (const auto& [code, entry] : components) {
+    const auto& [marker, factory] = entry;
+    if (!markers.try_emplace(marker, code, factory).second) {
+      ThrowError(Here(), "insert component map failed! [%s:%04X]", marker.c_str(),
+                 static_cast<unsigned>(code));
+    }
+  }
+  return markers;
+}
+
+const Component::ComponentMap Component::component_map = BuildComponentMap();
+const Component::MarkerMap Component::marker_map = BuildMarkerMap(component_map);
+
+}  // namespace tarev::nnet::handwriting_CTC

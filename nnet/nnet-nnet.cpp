@@ -1,0 +1,164 @@
+#include "nnet/nnet-nnet.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <limits>
+#include <utility>
+
+#include "nnet/lstm.h"
+#include "utils/file-io.h"
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+// Bounds on what a model can make of a call, so that no file can exhaust the machine's memory: 2
+// GiB a frame buffer, and frame counts that leave room for arithmetic.
+constexpr uint64_t kMaxBlockFloats = uint64_t{1} << 29;
+constexpr int64_t kMaxFrames = int64_t{1} << 26;
+
+// The shortest component is a one-dimensional header without parameters.
+constexpr size_t kMinComponentBytes = 12;
+
+void CheckFrames(const Component& layer, size_t position, int64_t frames) {
+  if (frames > kMaxFrames) {
+    ThrowError(Here(), "too many frames! layer[%s] position[%zu] [%" PRId64 " > %" PRId64 "]",
+               layer.TypeMarker().c_str(), position, frames, kMaxFrames);
+  }
+}
+
+}  // namespace
+
+bool ReadNnet(Nnet& nnet, FILE* fp) {
+  if (fp == nullptr) {
+    PrintWrongParameters(Here(), "ReadNnet", "fp == __null");
+    return false;
+  }
+  uint32_t count = 0;
+  if (!ReadValues(fp, count)) {
+    LogWarning(Here(), "fread failed!");
+    return false;
+  }
+  nnet.layers.reserve(std::min<size_t>(count, RemainingBytes(fp) / kMinComponentBytes));
+  while (nnet.layers.size() < count) nnet.layers.emplace_back(Component::Read(fp));
+  if (nnet.layers.size() == count) return true;
+  LogWarning(Here(), "mismatched layer number! [%u/%zu]", count, nnet.layers.size());
+  return false;
+}
+
+NnetForward::NnetForward(Nnet* network) : nnet(network) {
+  if (nnet == nullptr) ThrowWrongParameters(Here(), "NnetForward", "nnet == __null");
+  if (nnet->layers.empty()) ThrowWrongParameters(Here(), "NnetForward", "nnet->layers.empty()");
+  input_dim = nnet->layers.front()->InputDim();
+  output_dim = nnet->layers.back()->OutputDim();
+  LinkGates();
+}
+
+NnetForward::~NnetForward() {
+  // The network may outlive its executor: no layer keeps a way into buffers that go away here.
+  for (const auto& layer : nnet->layers) {
+    if (auto* blstm = dynamic_cast<Blstm*>(layer.get())) blstm->shared_gates = nullptr;
+  }
+}
+
+void NnetForward::LinkGates() {
+  for (const auto& layer : nnet->layers) {
+    auto* blstm = dynamic_cast<Blstm*>(layer.get());
+    if (blstm == nullptr) continue;
+    blstm->shared_gates = &shared_gate_buffer;
+    shared_gate_dim = std::max(shared_gate_dim, blstm->OutputDim() / 2);
+  }
+}
+
+void NnetForward::ReserveFrames(int64_t frames) {
+  if (frames <= 0) return;
+  int64_t n = frames;
+  int width = input_dim;
+  uint64_t need = 0;
+  int64_t gate_frames = shared_gate_frames;
+  for (size_t position = 0; position < nnet->layers.size(); ++position) {
+    Component& layer = *nnet->layers[position];
+    CheckFrames(layer, position, n);
+    layer.Reserve(n);
+    need = std::max(need, layer.Extent(n, width).writes);
+    n = layer.CalcStreamOutputFrames(n);
+    if (dynamic_cast<const Blstm*>(&layer) != nullptr) gate_frames = std::max(gate_frames, n);
+    need = std::max(need, BlockFloats(layer.OutputChannel(), layer.OutputDim(), n));
+    if (layer.OutputDim() > 0) width = layer.OutputDim();
+  }
+  GrowGates(gate_frames);
+  GrowBuffers(need);
+}
+
+void NnetForward::GrowGates(int64_t frames) {
+  if (frames <= shared_gate_frames) return;
+  shared_gate_buffer.Grow(BlockFloats(4, shared_gate_dim, frames), buffer_bytes);
+  shared_gate_frames = frames;
+}
+
+void NnetForward::GrowBuffers(uint64_t floats) {
+  if (floats <= buffer_capacity) return;
+  if (floats > kMaxBlockFloats) {
+    ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
+               kMaxBlockFloats);
+  }
+  buffer_b.Grow(floats, buffer_bytes);
+  if (nnet->layers.size() > 1) buffer_a.Grow(floats, buffer_bytes);
+  buffer_capacity = floats;
+}
+
+void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels) {
+  if (forward_count < std::numeric_limits<int32_t>::max()) ++forward_count;
+  Propagate(in, frames, dim, forward_count, channels);
+}
+
+void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
+  ReserveFrames(frames);
+  BlockShape shape{channels, dim, frames};
+  for (size_t position = 0; position < nnet->layers.size(); ++position) {
+    shape = RunLayer(position, in, shape, call_id);
+    std::swap(buffer_a, buffer_b);
+  }
+  std::swap(buffer_a, buffer_b);
+  output_shape = shape;
+  cur_frames = shape.frames;
+}
+
+BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockShape& shape,
+                                 int call_id) {
+  Component& layer = *nnet->layers[position];
+  layer.CheckWidth(shape.dim);
+  CheckFrames(layer, position, shape.frames);
+  const CallExtent extent = layer.Extent(shape.frames, shape.dim);
+  CheckInput(position, shape, extent.reads);
+  GrowBuffers(extent.writes);
+  int width = shape.dim;
+  layer.Propagate(position == 0 ? in : buffer_a.data(), shape.frames, shape.dim, buffer_b.data(),
+                  &width, call_id);
+  const BlockShape produced{layer.OutputChannel(), width, layer.OutputFrames()};
+  // A layer whose header claims more than it writes hands on zeros, not what an earlier call left.
+  if (const uint64_t floats = produced.floats(); floats > extent.writes) {
+    GrowBuffers(floats);
+    zero_vec(buffer_b.data() + extent.writes, floats - extent.writes);
+  }
+  return produced;
+}
+
+void NnetForward::CheckInput(size_t position, const BlockShape& shape, uint64_t reads) const {
+  if (reads <= shape.floats()) return;
+  const Component& layer = *nnet->layers[position];
+  ThrowError(Here(),
+             "too little input! layer[%s] position[%zu] reads [%" PRIu64
+             "] floats, given [%d channels x %d x %" PRId64 " frames = %" PRIu64 "]",
+             layer.TypeMarker().c_str(), position, reads, shape.channels, shape.dim, shape.frames,
+             shape.floats());
+}
+
+void NnetForward::Reset() {
+  cur_frames = 0;
+  output_shape = {};
+  forward_count = 0;
+  for (const auto& layer : nnet->layers) layer->Reset();
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

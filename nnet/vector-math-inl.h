@@ -1,0 +1,131 @@
+// Vector forms of the definitions in utils/fast-math.h, for the kernel files that are compiled once
+// for every vector target. Included after hwy/highway.h, once per target.
+
+#if defined(NNET_VECTOR_MATH_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef NNET_VECTOR_MATH_INL_H_
+#undef NNET_VECTOR_MATH_INL_H_
+#else
+#define NNET_VECTOR_MATH_INL_H_
+#endif
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+
+#include "utils/fast-math.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace tarev::nnet::handwriting_CTC {
+namespace HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+/// out[i] = op(in[i]). The tail runs through the same vector code on a padded copy.
+template <class Op>
+void Map(const float* in, size_t n, float* out, const Op& op) {
+  const hn::ScalableTag<float> d;
+  const size_t lanes = hn::Lanes(d);
+  size_t i = 0;
+  for (; i + lanes <= n; i += lanes) hn::StoreU(op(d, hn::LoadU(d, in + i)), d, out + i);
+  if (i == n) return;
+  HWY_ALIGN float tail[hn::MaxLanes(d)] = {};
+  std::copy(in + i, in + n, tail);
+  hn::Store(op(d, hn::Load(d, tail)), d, tail);
+  std::copy_n(tail, n - i, out + i);
+}
+
+/// out[i] = op(a[i], b[i]).
+template <class Op>
+void Map2(const float* a, const float* b, size_t n, float* out, const Op& op) {
+  const hn::ScalableTag<float> d;
+  const size_t lanes = hn::Lanes(d);
+  size_t i = 0;
+  for (; i + lanes <= n; i += lanes) {
+    hn::StoreU(op(d, hn::LoadU(d, a + i), hn::LoadU(d, b + i)), d, out + i);
+  }
+  if (i == n) return;
+  HWY_ALIGN float tail_a[hn::MaxLanes(d)] = {};
+  HWY_ALIGN float tail_b[hn::MaxLanes(d)] = {};
+  std::copy(a + i, a + n, tail_a);
+  std::copy(b + i, b + n, tail_b);
+  hn::Store(op(d, hn::Load(d, tail_a), hn::Load(d, tail_b)), d, tail_a);
+  std::copy_n(tail_a, n - i, out + i);
+}
+
+/// fast_math::ExpFromBits where 0 < t < kExpLimit; any value elsewhere.
+template <class D, class V>
+HWY_INLINE V ExpFromBits(D d, V t) {
+  const hn::RebindToSigned<D> di;
+  const auto bits = hn::ConvertTo(di, t);
+  const auto mantissa = hn::And(bits, hn::Set(di, static_cast<int32_t>(fast_math::kMantissaMask)));
+  const V m =
+      hn::BitCast(d, hn::Or(mantissa, hn::Set(di, static_cast<int32_t>(fast_math::kOneBits))));
+  const V power =
+      hn::BitCast(d, hn::And(bits, hn::Set(di, static_cast<int32_t>(fast_math::kExponentMask))));
+  V p = hn::Sub(hn::Mul(hn::Set(d, fast_math::kExpA4), m), hn::Set(d, fast_math::kExpA3));
+  p = hn::Add(hn::Mul(p, m), hn::Set(d, fast_math::kExpA2));
+  p = hn::Add(hn::Mul(p, m), hn::Set(d, fast_math::kExpA1));
+  p = hn::Add(hn::Mul(p, m), hn::Set(d, fast_math::kExpA0));
+  return hn::Mul(p, power);
+}
+
+/// e^-|x|, or 0 once it underflows or x is NaN. Since -(|x| c) + B and B - |x| c round alike, this
+/// is the one exponential that both branches of the sigmoid and of tanh need.
+template <class D, class V>
+HWY_INLINE V ExpOfMinusAbs(D d, V x) {
+  const V t = hn::Sub(hn::Set(d, fast_math::kExpBias),
+                      hn::Mul(hn::Abs(x), hn::Set(d, fast_math::kExpScale)));
+  return hn::IfThenElseZero(hn::Gt(t, hn::Zero(d)), ExpFromBits(d, t));
+}
+
+template <class D, class V>
+HWY_INLINE V Sigmoid(D d, V x) {
+  const V one = hn::Set(d, 1.0F);
+  const V e = ExpOfMinusAbs(d, x);
+  const V y = hn::Div(hn::IfThenElse(hn::Gt(x, hn::Zero(d)), one, e), hn::Add(one, e));
+  return hn::IfThenElse(hn::Eq(x, x), y, hn::Set(d, std::numeric_limits<float>::quiet_NaN()));
+}
+
+template <class D, class V>
+HWY_INLINE V Tanh(D d, V x) {
+  const V one = hn::Set(d, 1.0F);
+  const V two = hn::Set(d, 2.0F);
+  const V e = ExpOfMinusAbs(d, x);
+  const V q = hn::Div(two, hn::Add(hn::Mul(e, e), one));
+  const V y = hn::IfThenElse(hn::Gt(x, hn::Zero(d)), hn::Sub(q, one), hn::Sub(one, q));
+  return hn::IfThenElse(hn::Eq(x, x), y, one);
+}
+
+/// fast_math::ExpOrLimits of x * kExpScale + kExpBias.
+template <class D, class V>
+HWY_INLINE V ExpOfDifference(D d, V x) {
+  const V t =
+      hn::Add(hn::Mul(x, hn::Set(d, fast_math::kExpScale)), hn::Set(d, fast_math::kExpBias));
+  const V e = hn::IfThenElseZero(hn::Gt(t, hn::Zero(d)), ExpFromBits(d, t));
+  const V infinity = hn::Set(d, std::numeric_limits<float>::infinity());
+  return hn::IfThenElse(hn::Lt(t, hn::Set(d, fast_math::kExpLimit)), e, infinity);
+}
+
+/// fast_math::FastLog. The bits become a float with one rounding: both halves convert exactly.
+template <class D, class V>
+HWY_INLINE V Log(D d, V x) {
+  const hn::RebindToUnsigned<D> du;
+  const hn::RebindToSigned<D> di;
+  const auto bits = hn::BitCast(du, x);
+  const V high = hn::ConvertTo(d, hn::BitCast(di, hn::ShiftRight<16>(bits)));
+  const V low = hn::ConvertTo(d, hn::BitCast(di, hn::And(bits, hn::Set(du, 0xFFFF))));
+  const V value = hn::Add(hn::Mul(high, hn::Set(d, 65536.0F)), low);
+  const V m = hn::BitCast(d, hn::Or(hn::And(bits, hn::Set(du, fast_math::kMantissaMask)),
+                                    hn::Set(du, fast_math::kHalfBits)));
+  V y = hn::Sub(hn::Mul(value, hn::Set(d, fast_math::kLogScale)), hn::Set(d, fast_math::kLogBias));
+  y = hn::Sub(y, hn::Mul(hn::Set(d, fast_math::kLogB1), m));
+  y = hn::Sub(y, hn::Div(hn::Set(d, fast_math::kLogB2), hn::Add(m, hn::Set(d, fast_math::kLogB3))));
+  return hn::Mul(y, hn::Set(d, fast_math::kLogLn2));
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace tarev::nnet::handwriting_CTC
+HWY_AFTER_NAMESPACE();
+
+#endif  // include guard per target

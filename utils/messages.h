@@ -1,0 +1,38 @@
+#ifndef UTILS_MESSAGES_H_
+#define UTILS_MESSAGES_H_
+
+// The roads by which the library reports a failure. A run-time failure is logged and thrown with
+// one text; an argument check prints one line to standard error. Readers and writers of parameter
+// blocks answer with a bool and say nothing.
+
+#include <source_location>
+#include <string>
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// The caller's place in the source, for the first argument of the functions below.
+constexpr std::source_location Here(
+    std::source_location here = std::source_location::current()) noexcept {
+  return here;
+}
+
+/// The name of a source file without folders and extension, as messages carry it.
+std::string FileStem(const char* path);
+
+/// Logs the formatted text at warning verbosity with file and line. The text is cut at 4096 bytes.
+[[gnu::format(printf, 2, 3)]] void LogWarning(std::source_location where, const char* format, ...);
+
+/// Logs the formatted text as LogWarning does and throws std::runtime_error with the same text.
+[[noreturn, gnu::format(printf, 2, 3)]] void ThrowError(std::source_location where,
+                                                        const char* format, ...);
+
+/// Prints the line of a failed argument check to standard error.
+void PrintWrongParameters(std::source_location where, const char* function, const char* condition);
+
+/// Prints that line and throws std::runtime_error("Wrong parameter(s)!").
+[[noreturn]] void ThrowWrongParameters(std::source_location where, const char* function,
+                                       const char* condition);
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // UTILS_MESSAGES_H_
