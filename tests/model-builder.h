@@ -1,0 +1,203 @@
+#ifndef TESTS_MODEL_BUILDER_H_
+#define TESTS_MODEL_BUILDER_H_
+
+// Models and parameter blocks as raw bytes, written from the description of the file format and not
+// through the library's writers.
+
+#include <bit>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "nnet/nnet-component.h"
+#include "nnet/nnet-nnet.h"
+
+namespace handwriting::tests {
+
+namespace runtime = tarev::nnet::handwriting_CTC;
+
+/// Bytes of a model file, little-endian and back to back.
+class Bytes {
+ public:
+  template <class T>
+  Bytes& Raw(T value) {
+    const auto* p = reinterpret_cast<const char*>(&value);
+    data_.append(p, sizeof(value));
+    return *this;
+  }
+  Bytes& Int(int32_t value) { return Raw(value); }
+  Bytes& Float(float value) { return Raw(value); }
+  Bytes& Byte(int value) { return Raw(static_cast<uint8_t>(value)); }
+  Bytes& Floats(const std::vector<float>& values) {
+    for (const float value : values) Float(value);
+    return *this;
+  }
+  Bytes& Codes(std::initializer_list<int> values) {
+    for (const int value : values) Byte(value);
+    return *this;
+  }
+  Bytes& String(const std::string& text) {
+    Int(static_cast<int32_t>(text.size()));
+    data_ += text;
+    return *this;
+  }
+  Bytes& Add(const Bytes& other) {
+    data_ += other.data_;
+    return *this;
+  }
+
+  const std::string& str() const { return data_; }
+
+ private:
+  std::string data_;
+};
+
+/// A one-dimensional component: header, then its block.
+inline Bytes Component1d(int code, int input_dim, int output_dim, const Bytes& block = {}) {
+  return Bytes().Int(input_dim).Int(output_dim).Int(code).Add(block);
+}
+
+/// A channel component; a dimension of 0 is written as not set.
+inline Bytes Component2d(int code, int input_channel, int output_channel, int input_dim,
+                         int output_dim, const Bytes& block = {}) {
+  return Bytes()
+      .Int(input_channel)
+      .Int(output_channel)
+      .Int(code)
+      .Int(input_dim)
+      .Int(output_dim)
+      .Byte(input_dim > 0)
+      .Byte(output_dim > 0)
+      .Add(block);
+}
+
+/// A network of the given components.
+inline Bytes Network(std::initializer_list<Bytes> components) {
+  Bytes network;
+  network.Raw(static_cast<uint32_t>(components.size()));
+  for (const Bytes& component : components) network.Add(component);
+  return network;
+}
+
+/// An affine component: bias, then weights row by row.
+inline Bytes Affine(int input_dim, int output_dim, const std::vector<float>& bias,
+                    const std::vector<float>& weights) {
+  return Component1d(0x100, input_dim, output_dim, Bytes().Floats(bias).Floats(weights));
+}
+
+struct CloseFile {
+  void operator()(FILE* fp) const { std::fclose(fp); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+/// A real temporary file that holds the bytes, positioned at its start.
+inline File FileOf(const std::string& bytes) {
+  File file(std::tmpfile());
+  std::fwrite(bytes.data(), 1, bytes.size(), file.get());
+  std::rewind(file.get());
+  return file;
+}
+inline File FileOf(const Bytes& bytes) { return FileOf(bytes.str()); }
+
+/// What a writer put into a file.
+template <class Write>
+std::string Written(Write write) {
+  File file(std::tmpfile());
+  if (!write(file.get())) return "write failed";
+  std::string bytes(static_cast<size_t>(std::ftell(file.get())), '\0');
+  std::rewind(file.get());
+  if (std::fread(bytes.data(), 1, bytes.size(), file.get()) != bytes.size()) return "read failed";
+  return bytes;
+}
+
+using Layer = std::unique_ptr<runtime::Component>;
+
+inline Layer ReadLayer(const Bytes& bytes) {
+  const File file = FileOf(bytes);
+  return Layer(runtime::Component::Read(file.get()));
+}
+
+/// A component in text form; null at the end marker.
+inline Layer ReadTextLayer(const std::string& text) {
+  const File file = FileOf(text);
+  return Layer(runtime::Component::Read(file.get(), false));
+}
+
+/// One call of a layer that is run without executor; `in` is changed by layers that work in place.
+inline std::vector<float> Run(runtime::Component& layer, std::vector<float>& in, int64_t frames,
+                              int in_dim, int call_id = 1) {
+  const runtime::CallExtent extent = layer.Extent(frames, in_dim);
+  std::vector<float> out(extent.writes);
+  int width = in_dim;
+  layer.Propagate(in.data(), frames, in_dim, out.data(), &width, call_id);
+  out.resize(runtime::BlockFloats(layer.OutputChannel(), width, layer.OutputFrames()));
+  return out;
+}
+inline std::vector<float> Run(runtime::Component& layer, std::vector<float>&& in, int64_t frames,
+                              int in_dim, int call_id = 1) {
+  return Run(layer, in, frames, in_dim, call_id);
+}
+
+/// A network read from bytes, with its executor.
+struct Model {
+  explicit Model(const Bytes& bytes) {
+    const File file = FileOf(bytes);
+    if (!runtime::ReadNnet(nnet, file.get())) throw std::runtime_error("not a network");
+    forward = std::make_unique<runtime::NnetForward>(&nnet);
+  }
+
+  /// The output of one call without a reset before it.
+  std::vector<float> Call(std::vector<float> in, int64_t frames, int dim, int channels = 1) {
+    forward->Forward(in.data(), frames, dim, channels);
+    const float* out = forward->Output();
+    return {out, out + forward->OutputShape().floats()};
+  }
+
+  runtime::Nnet nnet;
+  std::unique_ptr<runtime::NnetForward> forward;
+};
+
+/// Uniform values in [-range, range], the same for a seed on every machine.
+inline std::vector<float> Random(size_t count, uint32_t seed, float range = 1.0F) {
+  std::mt19937 engine(seed);
+  std::vector<float> values(count);
+  for (float& value : values) {
+    value = (static_cast<float>(engine() >> 8) * 0x1p-23F - 1.0F) * range;
+  }
+  return values;
+}
+
+/// The text of the std::runtime_error that `run` throws; empty when it throws none.
+template <class Function>
+std::string ThrownBy(Function run) {
+  try {
+    run();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return {};
+}
+
+/// Every proper prefix of a component's file must be refused, whatever it is cut in.
+inline bool EveryPrefixIsRefused(const Bytes& component) {
+  const std::string& bytes = component.str();
+  for (size_t size = 0; size < bytes.size(); ++size) {
+    const File file = FileOf(bytes.substr(0, size));
+    if (ThrownBy([&] { Layer layer(runtime::Component::Read(file.get())); }).empty()) return false;
+  }
+  return true;
+}
+
+inline uint32_t BitsOf(float value) { return std::bit_cast<uint32_t>(value); }
+
+/// Same bits, or both NaN.
+inline bool SameFloat(float a, float b) { return BitsOf(a) == BitsOf(b) || (a != a && b != b); }
+
+}  // namespace handwriting::tests
+
+#endif  // TESTS_MODEL_BUILDER_H_
