@@ -1,5 +1,6 @@
 #include "nnet/nnet-component.h"
 
+#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -85,12 +86,33 @@ bool ReadChannelHeader(FILE* fp, Component& layer) {
   return true;
 }
 
+// Containers read what they nest through the reader that read them; a file must not be able to
+// exhaust the stack that way.
+constexpr int kMaxNesting = 16;
+
+class NestingGuard {
+ public:
+  NestingGuard() {
+    if (depth == kMaxNesting) ThrowError(Here(), "components nested too deeply! [%d]", kMaxNesting);
+    ++depth;
+  }
+  NestingGuard(const NestingGuard&) = delete;
+  NestingGuard& operator=(const NestingGuard&) = delete;
+  ~NestingGuard() { --depth; }
+
+ private:
+  static thread_local int depth;
+};
+
+thread_local int NestingGuard::depth = 0;
+
 void CheckReadable(FILE* fp, std::source_location where) {
   if (fp == nullptr) ThrowWrongParameters(where, "Read", "fp == __null");
   if (std::feof(fp) != 0) ThrowError(where, "end of file reached!");
 }
 
 std::unique_ptr<Component> ReadText(FILE* fp) {
+  const NestingGuard guard;
   Token marker;
   NextToken(fp, marker);
   if (StartsWith(marker, "</Nnet>")) return nullptr;
@@ -162,8 +184,26 @@ void Component::Propagate(const float* in, int64_t frames, int in_dim, float* ou
   *out_dim = output_dim;
 }
 
+void Component::PropagateWithin(std::span<const float> in, int64_t frames, int in_dim,
+                                std::span<float> out, int call_id) {
+  CheckWidth(in_dim);
+  const CallExtent extent = Extent(frames, in_dim);
+  if (extent.reads > in.size()) {
+    ThrowError(Here(), "too little input! nested layer[%s] reads [%" PRIu64 "] floats, given [%zu]",
+               TypeMarker().c_str(), extent.reads, in.size());
+  }
+  if (extent.writes > out.size()) {
+    ThrowError(Here(), "too little room! nested layer[%s] writes [%" PRIu64 "] floats, room [%zu]",
+               TypeMarker().c_str(), extent.writes, out.size());
+  }
+  int width = in_dim;
+  Propagate(in.data(), frames, in_dim, out.data(), &width, call_id);
+  zero_vec(out.data() + extent.writes, out.size() - extent.writes);
+}
+
 Component* Component::Read(FILE* fp) {
   CheckReadable(fp, Here());
+  const NestingGuard guard;
   int32_t first = 0;
   int32_t second = 0;
   uint32_t code = 0;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -60,6 +61,10 @@ struct CallExtent {
   uint64_t reads;
   uint64_t writes;
 };
+
+/// The most floats that one block of frames may hold (2 GiB), so that no model file can exhaust the
+/// machine's memory.
+inline constexpr uint64_t kMaxBlockFloats = uint64_t{1} << 29;
 
 /// Tags the constructor of layers that work on one plane per channel.
 struct ChannelForm {};
@@ -148,10 +153,15 @@ class Component {
   /// Runs the layer once: width check, frame count, computation, and the width that came out.
   void Propagate(const float* in, int64_t frames, int in_dim, float* out, int* out_dim,
                  int call_id);
+  /// Runs a nested layer in the room that its container has: throws before anything is computed when
+  /// the call would read beyond `in` or write beyond `out`. What it leaves of `out` is zero then.
+  void PropagateWithin(std::span<const float> in, int64_t frames, int in_dim, std::span<float> out,
+                       int call_id);
 
   // Whole components.
 
-  /// Reads one binary component, header and block; the caller owns it. Throws on every failure.
+  /// Reads one binary component, header and block; the caller owns it. Throws on every failure, and
+  /// when components are nested too deeply.
   static Component* Read(FILE* fp);
   /// The same for binary; otherwise reads the text form and returns null at "</Nnet>".
   static Component* Read(FILE* fp, bool binary);

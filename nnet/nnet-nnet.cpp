@@ -12,9 +12,7 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// Bounds on what a model can make of a call, so that no file can exhaust the machine's memory: 2
-// GiB a frame buffer, and frame counts that leave room for arithmetic.
-constexpr uint64_t kMaxBlockFloats = uint64_t{1} << 29;
+// Beside the bound on a block, frame counts are bounded so that they leave room for arithmetic.
 constexpr int64_t kMaxFrames = int64_t{1} << 26;
 
 // The shortest component is a one-dimensional header without parameters.
