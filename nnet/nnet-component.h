@@ -153,8 +153,9 @@ class Component {
   /// Runs the layer once: width check, frame count, computation, and the width that came out.
   void Propagate(const float* in, int64_t frames, int in_dim, float* out, int* out_dim,
                  int call_id);
-  /// Runs a nested layer in the room that its container has: throws before anything is computed when
-  /// the call would read beyond `in` or write beyond `out`. What it leaves of `out` is zero then.
+  /// Runs a nested layer in the room that its container has: throws before anything is computed
+  /// when the call would read beyond `in` or write beyond `out`. What it leaves of `out` is zero
+  /// then.
   void PropagateWithin(std::span<const float> in, int64_t frames, int in_dim, std::span<float> out,
                        int call_id);
 

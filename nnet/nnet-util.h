@@ -68,6 +68,18 @@ class FloatArray {
 /// C (M x N) = alpha A (M x K) B' + beta C, with B stored N x K.
 void matmul_trans_b(const float* A, const float* B, float* C, size_t M, size_t N, size_t K,
                     float alpha, float beta);
+/// Rows `stride` floats apart, such as a band of columns of a wider matrix.
+template <class T>
+struct StridedRows {
+  T* data;
+  size_t stride;
+};
+/// The same product of bands.
+void matmul_trans_b(StridedRows<const float> A, StridedRows<const float> B, StridedRows<float> C,
+                    size_t M, size_t N, size_t K, float alpha, float beta);
+/// C (M x N) = alpha A (M x K) B (K x N) + beta C, on bands.
+void matmul(StridedRows<const float> A, StridedRows<const float> B, StridedRows<float> C, size_t M,
+            size_t N, size_t K, float alpha, float beta);
 /// y (M) = alpha A (M x N) x + beta y.
 void mat_vec(const float* A, const float* x, float* y, size_t M, size_t N, float alpha, float beta);
 /// y[i] = alpha a[i] x[i] + beta y[i].
