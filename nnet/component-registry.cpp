@@ -5,7 +5,11 @@
 #include "nnet/activation.h"
 #include "nnet/affine.h"
 #include "nnet/fixed-affine.h"
+#include "nnet/gru.h"
+#include "nnet/highway.h"
 #include "nnet/lstm.h"
+#include "nnet/nnet-layer.h"
+#include "nnet/normalisation.h"
 #include "utils/messages.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -39,7 +43,10 @@ constexpr Row kRows[] = {
     RowOf<Embedding, FixedEmbedding>("Embedding"),
     RowOf<BlstmProjectedNnet3Streams, FixedBlstmProjectedNnet3Streams>(
         "BlstmProjectedNnet3Streams"),
+    RowOf<Gru, FixedGru>("Gru"),
     RowOf<Blstm, FixedBlstm>("Blstm"),
+    RowOf<Highway>("Highway"),
+    RowOf<BGru, FixedBGru>("BGru"),
     RowOf<Softmax>("Softmax"),
     RowOf<Sigmoid>("Sigmoid"),
     RowOf<Relu>("ReLU"),
@@ -47,14 +54,27 @@ constexpr Row kRows[] = {
     RowOf<PRelu>("PReLU"),
     RowOf<Relu2d>("ReLU2d"),
     RowOf<PRelu2d>("PReLU2d"),
+    RowOf<Splice>("Splice"),
+    RowOf<AddShift>("AddShift"),
+    RowOf<Rescale>("Rescale"),
+    RowOf<NormalizeComponent>("NormalizeComponent"),
+    RowOf<BatchNormComponent>("BatchNormComponent"),
+    RowOf<LayerNorm>("LayerNorm"),
+    RowOf<BatchNorm2d>("BatchNorm2d"),
+    RowOf<AddComponent>("AddComponent"),
+    RowOf<BatchNorm1d>("BatchNorm1d"),
+    RowOf<Prior>("Prior"),
 };
+
+std::string Marker(const char* opening, const char* name) {
+  return std::string(opening).append(name).append(">");
+}
 
 Component::ComponentMap BuildComponentMap() {
   Component::ComponentMap components;
   for (const Row& row : kRows) {
-    const std::string name(row.name);
-    components.try_emplace(row.code, "<" + name + ">", row.make);
-    components.try_emplace(FixedTypeOf(row.code), "<Fixed" + name + ">", row.make_fixed);
+    components.try_emplace(row.code, Marker("<", row.name), row.make);
+    components.try_emplace(FixedTypeOf(row.code), Marker("<Fixed", row.name), row.make_fixed);
   }
   return components;
 }

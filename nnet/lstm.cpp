@@ -16,26 +16,6 @@ RowSums SumsOf(size_t index) {
   return index % kArraysPerDirection < 2 ? RowSums::kPerRow : RowSums::kNone;
 }
 
-ParameterList Join(ParameterList first, const ParameterList& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
-}
-
-void AllocateState(FloatArray& state, size_t count, uint64_t& memory_bytes) {
-  if (state.empty()) state.Allocate(1, count, memory_bytes);
-}
-
-void Clear(FloatArray& state, size_t count) {
-  if (!state.empty()) zero_vec(state.data(), count);
-}
-
-// Gate rows of all frames: in * weights' + bias.
-void InputGates(const float* in, size_t frames, size_t input_dim, const FloatArray& weights,
-                const FloatArray& bias, size_t gate_dim, float* gates) {
-  matmul_trans_b(in, weights.data(), gates, frames, gate_dim, input_dim, 1.0F, 0.0F);
-  add_vec_to_rows(gates, frames, gate_dim, bias.data(), 1.0F);
-}
-
 }  // namespace
 
 ParameterList LstmParameters::List(int32_t cell_dim, int32_t input_dim) {
@@ -125,7 +105,7 @@ void LstmLayer<kCode>::Reserve(int64_t frames) {
 
 template <int kCode>
 void LstmLayer<kCode>::Reset() {
-  Clear(state, 2 * ToSize(cell_dim));
+  ClearState(state, 2 * ToSize(cell_dim));
 }
 
 template <int kCode>
@@ -173,8 +153,8 @@ void ProjectedLstmLayer<kCode>::Reserve(int64_t frames) {
 
 template <int kCode>
 void ProjectedLstmLayer<kCode>::Reset() {
-  Clear(state, 4 * ToSize(cell_dim));
-  Clear(saved_state, 4 * ToSize(cell_dim));
+  ClearState(state, 4 * ToSize(cell_dim));
+  ClearState(saved_state, 4 * ToSize(cell_dim));
 }
 
 template <int kCode>
@@ -220,8 +200,8 @@ void BlstmLayer<kCode>::Reserve(int64_t frames) {
 
 template <int kCode>
 void BlstmLayer<kCode>::Reset() {
-  Clear(forward.state, forward.state.size());
-  Clear(backward.state, backward.state.size());
+  ClearState(forward.state, forward.state.size());
+  ClearState(backward.state, backward.state.size());
 }
 
 template <int kCode>
@@ -332,8 +312,8 @@ void ProjectedBlstmLayer<kCode>::Reserve(int64_t frames) {
 
 template <int kCode>
 void ProjectedBlstmLayer<kCode>::Reset() {
-  Clear(forward.state, 4 * ToSize(cell_dim));
-  Clear(backward.state, 4 * ToSize(cell_dim));
+  ClearState(forward.state, 4 * ToSize(cell_dim));
+  ClearState(backward.state, 4 * ToSize(cell_dim));
 }
 
 template <int kCode>

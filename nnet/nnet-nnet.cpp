@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cinttypes>
 #include <limits>
+#include <ranges>
 #include <utility>
 
 #include "nnet/lstm.h"
+#include "nnet/nnet-layer.h"
 #include "utils/file-io.h"
 #include "utils/messages.h"
 
@@ -50,6 +52,7 @@ NnetForward::NnetForward(Nnet* network) : nnet(network) {
   input_dim = nnet->layers.front()->InputDim();
   output_dim = nnet->layers.back()->OutputDim();
   LinkGates();
+  LinkSpliceContext();
 }
 
 NnetForward::~NnetForward() {
@@ -65,6 +68,20 @@ void NnetForward::LinkGates() {
     if (blstm == nullptr) continue;
     blstm->shared_gates = &shared_gate_buffer;
     shared_gate_dim = std::max(shared_gate_dim, blstm->OutputDim() / 2);
+  }
+}
+
+// The splices behind a projected LSTM consume so many frames of a call that come again in the next.
+void NnetForward::LinkSpliceContext() {
+  int64_t context = 0;
+  for (const auto& layer : std::views::reverse(nnet->layers)) {
+    if (const auto* splice = dynamic_cast<const Splice*>(layer.get())) {
+      context += splice->LeftContext() + splice->RightContext();
+    } else if (auto* lstm = dynamic_cast<LstmProjectedNnet3Streams*>(layer.get())) {
+      lstm->overlap_frames = context;
+    } else if (auto* fixed = dynamic_cast<FixedLstmProjectedNnet3Streams*>(layer.get())) {
+      fixed->overlap_frames = context;
+    }
   }
 }
 

@@ -67,6 +67,7 @@ class NnetForward {
 
  private:
   void LinkGates();
+  void LinkSpliceContext();
   BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id);
   void CheckInput(size_t position, const BlockShape& shape, uint64_t reads) const;
   void GrowBuffers(uint64_t floats);

@@ -75,6 +75,18 @@ struct GateBuffer {
   void ReserveGates(int64_t frames, size_t gate_dim, uint64_t& memory_bytes);
 };
 
+/// The arrays of two directions, one after the other.
+ParameterList Join(ParameterList first, const ParameterList& second);
+
+/// Allocates a state vector, zero-filled, the first time.
+void AllocateState(FloatArray& state, size_t count, uint64_t& memory_bytes);
+/// Zeroes the first `count` values of a state; one that is not allocated yet is skipped.
+void ClearState(FloatArray& state, size_t count);
+
+/// Gate rows of all frames of a call: in * weights' + bias.
+void InputGates(const float* in, size_t frames, size_t input_dim, const FloatArray& weights,
+                const FloatArray& bias, size_t gate_dim, float* gates);
+
 /// Sequence index of the k-th step of a direction over `frames` frames.
 enum class Direction { kForward, kBackward };
 constexpr size_t StepIndex(Direction direction, size_t k, size_t frames) {

@@ -51,6 +51,21 @@ void PeepholeSpan(D d, size_t begin, size_t end, const PeepholeFrame& frame, siz
   }
 }
 
+template <class D>
+void GruSpan(D d, size_t begin, size_t end, const GruFrame& frame, size_t n) {
+  const auto add_bias = [&](const float* values, size_t block, size_t j) HWY_ATTR {
+    return hn::Add(hn::LoadU(d, values + j), hn::LoadU(d, frame.recurrent_bias + block * n + j));
+  };
+  for (size_t j = begin; j < end; j += hn::Lanes(d)) {
+    const auto r = Sigmoid(d, add_bias(frame.gates, 0, j));
+    const auto z = Sigmoid(d, add_bias(frame.gates + n, 1, j));
+    const auto from_hidden = hn::Mul(r, add_bias(frame.candidate, 2, j));
+    const auto m = Tanh(d, hn::Add(from_hidden, hn::LoadU(d, frame.gates + 2 * n + j)));
+    const auto kept = hn::Mul(z, hn::LoadU(d, frame.previous_hidden + j));
+    hn::StoreU(hn::Add(hn::Sub(m, hn::Mul(z, m)), kept), d, frame.hidden + j);
+  }
+}
+
 void LstmCell(const float* gates, const float* bias, size_t n, float* cell, float* hidden) {
   const hn::ScalableTag<float> d;
   const size_t whole = n / hn::Lanes(d) * hn::Lanes(d);
@@ -65,6 +80,13 @@ void PeepholeCell(const PeepholeFrame& frame, size_t n) {
   PeepholeSpan(hn::CappedTag<float, 1>(), whole, n, frame, n);
 }
 
+void GruCell(const GruFrame& frame, size_t n) {
+  const hn::ScalableTag<float> d;
+  const size_t whole = n / hn::Lanes(d) * hn::Lanes(d);
+  GruSpan(d, 0, whole, frame, n);
+  GruSpan(hn::CappedTag<float, 1>(), whole, n, frame, n);
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace tarev::nnet::handwriting_CTC
 HWY_AFTER_NAMESPACE();
@@ -74,6 +96,7 @@ namespace tarev::nnet::handwriting_CTC {
 
 HWY_EXPORT(LstmCell);
 HWY_EXPORT(PeepholeCell);
+HWY_EXPORT(GruCell);
 
 void lstm_cell(const float* gates, const float* bias, size_t n, float* cell, float* hidden) {
   HWY_DYNAMIC_DISPATCH(LstmCell)(gates, bias, n, cell, hidden);
@@ -82,6 +105,8 @@ void lstm_cell(const float* gates, const float* bias, size_t n, float* cell, flo
 void peephole_lstm_cell(const PeepholeFrame& frame, size_t n) {
   HWY_DYNAMIC_DISPATCH(PeepholeCell)(frame, n);
 }
+
+void gru_cell(const GruFrame& frame, size_t n) { HWY_DYNAMIC_DISPATCH(GruCell)(frame, n); }
 
 }  // namespace tarev::nnet::handwriting_CTC
 #endif  // HWY_ONCE

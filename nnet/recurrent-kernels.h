@@ -29,6 +29,20 @@ struct PeepholeFrame {
 ///   hidden = sigmoid(G_o + p_o cell) tanh(cell).
 void peephole_lstm_cell(const PeepholeFrame& frame, size_t n);
 
+/// The arrays of one frame of a GRU; gate blocks r, z, n. `gates` holds the input part of all three
+/// and the recurrent part of r and z; `candidate` is the recurrent part of n.
+struct GruFrame {
+  const float* gates;
+  const float* candidate;
+  const float* recurrent_bias;
+  const float* previous_hidden;
+  float* hidden;
+};
+
+///   r = sigmoid(G_r + b_r), z = sigmoid(G_z + b_z), m = tanh(G_n + r (candidate + b_n)),
+///   hidden = (m - z m) + z previous.
+void gru_cell(const GruFrame& frame, size_t n);
+
 }  // namespace tarev::nnet::handwriting_CTC
 
 #endif  // NNET_RECURRENT_KERNELS_H_

@@ -249,6 +249,13 @@ std::vector<float> ReadTextValues(FILE* fp, int rows, int cols, MatrixOpening op
   return values;
 }
 
+std::vector<int32_t> ReadTextIntegers(FILE* fp, int rows, int cols, MatrixOpening opening) {
+  std::vector<int32_t> values;
+  ReadMatrix(fp, rows, cols, opening,
+             [&values](size_t, const char* token) { values.push_back(ToInt(token)); });
+  return values;
+}
+
 float SymmetricScale(const float* values, size_t count) {
   float largest = 0.0F;
   for (size_t i = 0; i < count; ++i) {

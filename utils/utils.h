@@ -67,6 +67,7 @@ enum class MatrixOpening { kLenient, kStrict };
 /// Reads such a matrix into memory that grows with the text, so that a large shape over a short
 /// file allocates nothing.
 std::vector<float> ReadTextValues(FILE* fp, int rows, int cols, MatrixOpening opening);
+std::vector<int32_t> ReadTextIntegers(FILE* fp, int rows, int cols, MatrixOpening opening);
 
 /// 127 / the largest magnitude of the values, or 1 when there are none or all are zero.
 float SymmetricScale(const float* values, size_t count);

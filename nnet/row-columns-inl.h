@@ -1,0 +1,78 @@
+// The columns of a block of rows, for sums along rows that run in element order: one lane a row, so
+// that the chains of additions of many rows run side by side. Included after hwy/highway.h, once
+// per target.
+
+#if defined(NNET_ROW_COLUMNS_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef NNET_ROW_COLUMNS_INL_H_
+#undef NNET_ROW_COLUMNS_INL_H_
+#else
+#define NNET_ROW_COLUMNS_INL_H_
+#endif
+
+#include <cstddef>
+
+HWY_BEFORE_NAMESPACE();
+namespace tarev::nnet::handwriting_CTC {
+namespace HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+#if HWY_TARGET != HWY_SCALAR  // where all groups are single rows
+
+/// Four floats of every fourth row: block b of the result is X[4 b][0..3].
+template <class D>
+HWY_INLINE hn::Vec<D> LoadRowBlocks(D d, const float* X, size_t cols) {
+  if constexpr (hn::MaxLanes(D()) > 4) {
+    const hn::Half<D> half;
+    return hn::Combine(d, LoadRowBlocks(half, X + hn::Lanes(half) * cols, cols),
+                       LoadRowBlocks(half, X, cols));
+  } else {
+    return hn::LoadU(d, X);
+  }
+}
+
+/// Calls consume(v) for every column in order; lane r of v is the value of row r. D has at least
+/// four lanes, X as many rows.
+template <class D, class Consume>
+HWY_INLINE void ForEachColumn(D d, const float* X, size_t cols, const Consume& consume) {
+  size_t c = 0;
+  for (; c + 4 <= cols; c += 4) {
+    const auto row0 = LoadRowBlocks(d, X + c, cols);
+    const auto row1 = LoadRowBlocks(d, X + cols + c, cols);
+    const auto row2 = LoadRowBlocks(d, X + 2 * cols + c, cols);
+    const auto row3 = LoadRowBlocks(d, X + 3 * cols + c, cols);
+    const auto even_low = hn::InterleaveLower(d, row0, row2);
+    const auto odd_low = hn::InterleaveLower(d, row1, row3);
+    consume(hn::InterleaveLower(d, even_low, odd_low));
+    consume(hn::InterleaveUpper(d, even_low, odd_low));
+    const auto even_high = hn::InterleaveUpper(d, row0, row2);
+    const auto odd_high = hn::InterleaveUpper(d, row1, row3);
+    consume(hn::InterleaveLower(d, even_high, odd_high));
+    consume(hn::InterleaveUpper(d, even_high, odd_high));
+  }
+  for (; c < cols; ++c) {
+    HWY_ALIGN float column[hn::MaxLanes(d)];
+    for (size_t r = 0; r < hn::Lanes(d); ++r) column[r] = X[r * cols + c];
+    consume(hn::Load(d, column));
+  }
+}
+
+#endif
+
+/// Cuts `rows` rows into groups as large as vectors are, the last ones smaller: calls run(d, first)
+/// with a tag of as many lanes as the group has rows. The smallest group is one row.
+template <class D, class Run>
+HWY_INLINE void ForEachRowGroup(D d, size_t first, size_t rows, const Run& run) {
+  for (; rows - first >= hn::Lanes(d); first += hn::Lanes(d)) run(d, first);
+  if constexpr (hn::MaxLanes(D()) > 4) {
+    ForEachRowGroup(hn::Half<D>(), first, rows, run);
+  } else {
+    for (; first < rows; ++first) run(hn::CappedTag<float, 1>(), first);
+  }
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace tarev::nnet::handwriting_CTC
+HWY_AFTER_NAMESPACE();
+
+#endif  // include guard per target
