@@ -108,7 +108,7 @@ def train(digits: lines.Digits, batches: int) -> Recognizer:
     optimizer = torch.optim.AdamW(model.parameters(), weight_decay=WEIGHT_DECAY)
     schedule = torch.optim.lr_scheduler.OneCycleLR(optimizer, LEARNING_RATE, batches, pct_start=0.1)
     start = time.monotonic()
-    average = 0.0
+    recent: list[float] = []
     for batch, (frames, classes) in zip(range(1, batches + 1), Batches(digits, SEED)):
         scores = model(frames)
         counts = [torch.full((len(classes),), size) for size in (len(frames), classes.shape[1])]
@@ -118,9 +118,11 @@ def train(digits: lines.Digits, batches: int) -> Recognizer:
         nn.utils.clip_grad_norm_(model.parameters(), 1.0)
         optimizer.step()
         schedule.step()
-        average += 0.01 * (loss.item() - average)
+        recent.append(loss.item())
         if batch % 250 == 0:
-            print(f"batch {batch}: loss {average:.4f}, {time.monotonic() - start:.0f} s", flush=True)
+            seconds = time.monotonic() - start
+            print(f"batch {batch}: loss {np.mean(recent):.4f}, {seconds:.0f} s", flush=True)
+            recent.clear()
     return model
 
 
