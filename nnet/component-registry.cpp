@@ -4,12 +4,17 @@
 
 #include "nnet/activation.h"
 #include "nnet/affine.h"
+#include "nnet/decoder-layer.h"
+#include "nnet/encoder-layer.h"
 #include "nnet/fixed-affine.h"
+#include "nnet/fsmn-layer.h"
 #include "nnet/gru.h"
 #include "nnet/highway.h"
 #include "nnet/lstm.h"
 #include "nnet/nnet-layer.h"
 #include "nnet/normalisation.h"
+#include "nnet/positional-encoding.h"
+#include "nnet/statistics.h"
 #include "utils/messages.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -40,6 +45,10 @@ constexpr Row kRows[] = {
     RowOf<LinearTransform, FixedLinearTransform>("LinearTransform"),
     RowOf<Lstm, FixedLstm>("Lstm"),
     RowOf<LstmProjectedNnet3Streams, FixedLstmProjectedNnet3Streams>("LstmProjectedNnet3Streams"),
+    RowOf<Fsmn>("Fsmn"),
+    RowOf<PositionalEncoding>("PositionalEncoding"),
+    RowOf<Encoder>("Encoder"),
+    RowOf<Decoder>("Decoder"),
     RowOf<Embedding, FixedEmbedding>("Embedding"),
     RowOf<BlstmProjectedNnet3Streams, FixedBlstmProjectedNnet3Streams>(
         "BlstmProjectedNnet3Streams"),
@@ -64,6 +73,9 @@ constexpr Row kRows[] = {
     RowOf<AddComponent>("AddComponent"),
     RowOf<BatchNorm1d>("BatchNorm1d"),
     RowOf<Prior>("Prior"),
+    RowOf<StatisticsExtraction>("StatisticsExtractionComponent"),
+    RowOf<StatisticsPooling>("StatisticsPoolingComponent"),
+    RowOf<SlidingWindow>("SlidingWindowComponent"),
 };
 
 std::string Marker(const char* opening, const char* name) {

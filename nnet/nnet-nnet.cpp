@@ -6,8 +6,10 @@
 #include <ranges>
 #include <utility>
 
+#include "nnet/fsmn-layer.h"
 #include "nnet/lstm.h"
 #include "nnet/nnet-layer.h"
+#include "nnet/statistics.h"
 #include "utils/file-io.h"
 #include "utils/messages.h"
 
@@ -52,7 +54,9 @@ NnetForward::NnetForward(Nnet* network) : nnet(network) {
   input_dim = nnet->layers.front()->InputDim();
   output_dim = nnet->layers.back()->OutputDim();
   LinkGates();
+  LinkMemories();
   LinkSpliceContext();
+  LinkWindows();
 }
 
 NnetForward::~NnetForward() {
@@ -82,6 +86,39 @@ void NnetForward::LinkSpliceContext() {
     } else if (auto* fixed = dynamic_cast<FixedLstmProjectedNnet3Streams*>(layer.get())) {
       fixed->overlap_frames = context;
     }
+  }
+}
+
+// A block depends on the depend-th one before it among the blocks of the network. Its first row
+// lies later than that of the other by the left contexts of all blocks behind the other.
+void NnetForward::LinkMemories() {
+  struct Met {
+    Fsmn* block;
+    int64_t left_contexts;  // of all blocks up to this one
+  };
+  std::vector<Met> met;
+  int64_t left_contexts = 0;
+  for (const auto& layer : nnet->layers) {
+    auto* fsmn = dynamic_cast<Fsmn*>(layer.get());
+    if (fsmn == nullptr) continue;
+    left_contexts += fsmn->LeftContext();
+    met.push_back({fsmn, left_contexts});
+    fsmn->Unlink();
+    if (fsmn->depend == 0) continue;
+    const int64_t source = static_cast<int64_t>(met.size()) - 1 + fsmn->depend;
+    if (source < 0 || source >= static_cast<int64_t>(met.size())) {
+      ThrowError(Here(), "fsmn 'depend' out of scope! [%d]", static_cast<int>(source));
+    }
+    const Met& other = met[ToSize(source)];
+    fsmn->LinkTo(*other.block, left_contexts - other.left_contexts);
+  }
+}
+
+void NnetForward::LinkWindows() {
+  for (size_t position = 1; position < nnet->layers.size(); ++position) {
+    auto* pooling = dynamic_cast<StatisticsPooling*>(nnet->layers[position].get());
+    const auto* window = dynamic_cast<const SlidingWindow*>(nnet->layers[position - 1].get());
+    if (pooling != nullptr && window != nullptr) pooling->pool_frames = window->window_size;
   }
 }
 

@@ -67,6 +67,8 @@ class NnetForward {
 
  private:
   void LinkGates();
+  void LinkMemories();
+  void LinkWindows();
   void LinkSpliceContext();
   BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id);
   void CheckInput(size_t position, const BlockShape& shape, uint64_t reads) const;

@@ -1,0 +1,49 @@
+#include "nnet/encoder-layer.h"
+
+#include <algorithm>
+
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+std::vector<NestedGroup> Encoder::Groups() {
+  return {{"self_atten", self_atten_layers}, {"ff", ff_layers}, {"sub", sub_layers}};
+}
+
+bool Encoder::ReadData(FILE* fp) { return ReadBinary(fp, Here()); }
+
+bool Encoder::ReadTextData(FILE* fp, bool binary) {
+  return binary ? ReadData(fp) : ReadText(fp, Here());
+}
+
+void Encoder::GrowBuffers(int64_t frames) {
+  ReserveScores(frames, frames, memory_bytes);
+  const uint64_t floats = RowFloats(frames);
+  GrowBlock(query_buffer, floats, memory_bytes);
+  GrowBlock(key_buffer, floats, memory_bytes);
+  GrowBlock(value_buffer, floats, memory_bytes);
+  GrowBlock(hidden_buffer, std::max(floats, HiddenFloats(frames)), memory_bytes);
+  frame_capacity = std::max(frame_capacity, frames);
+}
+
+void Encoder::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
+                           int /*call_id*/) {
+  RequireWidth(model_dim, in_dim);
+  CountCall();
+  if (frames <= 0) return;
+  GrowBuffers(frames);
+  auto* rows = const_cast<float*>(in);
+  RunNested(*sub_layers[0], rows, frames, out);
+  RunNested(*self_atten_layers[0], out, frames, query_buffer.data());
+  RunNested(*self_atten_layers[1], out, frames, key_buffer.data());
+  RunNested(*self_atten_layers[2], out, frames, value_buffer.data());
+  Attend(query_buffer.data(), frames, key_buffer.data(), value_buffer.data(), frames,
+         hidden_buffer.data());
+  RunNested(*self_atten_layers[3], hidden_buffer.data(), frames, out);
+  AddRows(rows, frames, out);
+  RunNested(*sub_layers[1], rows, frames, out);
+  FeedForward(out, frames, hidden_buffer.data(), out);
+  AddRows(out, frames, rows);
+}
+
+}  // namespace tarev::nnet::handwriting_CTC
