@@ -1,0 +1,430 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cfloat>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <limits>
+#include <map>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <hwy/highway.h>
+
+#include "ctc/beam-search.h"
+#include "ctc/decoder-kernels.h"
+#include "utils/fast-math.h"
+
+namespace handwriting_CTC {
+namespace {
+
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+
+using Sequence = std::vector<int>;
+
+// Rows of scores, from ordinary ones to those that strain the comparisons.
+enum class Scores { kDistinct, kTied, kSpecial };
+
+std::vector<float> RandomScores(std::mt19937& random, std::size_t count, Scores kind) {
+  static constexpr float kSpecials[] = {-kInf, kInf, kNan, -FLT_MAX, FLT_MAX, -1.0F, -0.0F, 0.0F};
+  std::normal_distribution<float> normal(-3.0F, 2.0F);
+  std::vector<float> scores(count);
+  for (float& score : scores) {
+    score = normal(random);
+    if (kind == Scores::kTied) score = std::round(score);
+    if (kind == Scores::kSpecial && random() % 3 != 0) score = kSpecials[random() % 8];
+    if (kind == Scores::kSpecial && random() % 2 != 0) score = -kInf;
+  }
+  return scores;
+}
+
+// Calls `check` once with every vector target that this machine supports.
+template <typename Check>
+void ForEachTarget(Check check) {
+  for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
+    SCOPED_TRACE(hwy::TargetName(target));
+    hwy::SetSupportedTargetsForTest(target);
+    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    check();
+  }
+  hwy::SetSupportedTargetsForTest(0);
+  hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+}
+
+// ---- Selection, from its definition.
+
+void PlainTopN(const float* scores, int n, std::vector<_index_score_node>& out) {
+  const int k = static_cast<int>(out.size());
+  out.clear();
+  for (int i = 0; i < k; ++i) out.push_back({i, scores[i]});
+  std::make_heap(out.begin(), out.end(), index_score_greater);
+  for (int i = k; i < n && k > 0; ++i) {
+    if (!(scores[i] > out.front().score)) continue;
+    std::pop_heap(out.begin(), out.end(), index_score_greater);
+    out.back() = {i, scores[i]};
+    std::push_heap(out.begin(), out.end(), index_score_greater);
+  }
+}
+
+// Readable and, for NaNs and zeros, exact.
+std::string Text(const std::vector<_index_score_node>& nodes) {
+  std::string text;
+  for (const auto& [index, score] : nodes) {
+    text += std::to_string(index) + ":" + std::to_string(score) + "/" +
+            std::to_string(std::bit_cast<std::uint32_t>(score)) + " ";
+  }
+  return text;
+}
+
+TEST(TopN, MatchesPlainSelectionOnEveryTarget) {
+  ForEachTarget([] {
+    std::mt19937 random(7);
+    for (int round = 0; round < 1500; ++round) {
+      const std::size_t n = random() % 150;
+      const std::size_t k = std::min(n, random() % (round % 2 != 0 ? 12 : n + 1));
+      const auto scores = RandomScores(random, n, static_cast<Scores>(round % 3));
+      std::vector<_index_score_node> selected(k), expected(k);
+      get_topn(scores.data(), static_cast<int>(n), selected);
+      PlainTopN(scores.data(), static_cast<int>(n), expected);
+      ASSERT_EQ(Text(selected), Text(expected)) << "n " << n << " k " << k;
+    }
+  });
+}
+
+TEST(TopN, ScanFindsEveryPosition) {
+  ForEachTarget([] {
+    for (std::size_t n = 0; n <= 100; ++n) {
+      std::vector<float> row(n, 1.0F);  // equal to the threshold: not greater
+      for (std::size_t i = 0; i < n; i += 3) row[i] = kNan;
+      EXPECT_EQ(find_greater(row.data(), 0, n, 1.0F), n);
+      for (std::size_t hit = 0; hit < n; ++hit) {
+        const float kept = std::exchange(row[hit], 1.5F);
+        EXPECT_EQ(find_greater(row.data(), 0, n, 1.0F), hit);
+        EXPECT_EQ(find_greater(row.data(), hit / 2, n, 1.0F), hit);
+        EXPECT_EQ(find_greater(row.data(), hit, n, 1.0F), hit);
+        EXPECT_EQ(find_greater(row.data(), hit + 1, n, 1.0F), n);
+        EXPECT_EQ(find_greater(row.data(), 0, n, kNan), n);
+        row[hit] = kept;
+      }
+    }
+  });
+}
+
+TEST(TopN, FourArgumentFormPartitions) {
+  std::mt19937 random(8);
+  for (int n = 0; n < 40; ++n) {
+    const auto scores = RandomScores(random, static_cast<std::size_t>(n), Scores::kTied);
+    for (int m = 0; m <= n; ++m) {
+      std::vector<_index_score_node> out(scores.size());
+      get_topn(scores.data(), n, out, m);
+      float worst_kept = kInf;
+      float best_left = -kInf;
+      std::vector<bool> seen(scores.size());
+      for (int i = 0; i < n; ++i) {
+        const auto [index, score] = out[static_cast<std::size_t>(i)];
+        const auto place = static_cast<std::size_t>(index);
+        ASSERT_FALSE(seen.at(place));
+        seen[place] = true;
+        ASSERT_EQ(score, scores[place]);
+        ASSERT_TRUE(m < n || index == i);
+        if (i < m) worst_kept = std::min(worst_kept, score);
+        if (i >= m) best_left = std::max(best_left, score);
+      }
+      ASSERT_GE(worst_kept, best_left);
+    }
+  }
+}
+
+// ---- The search, from its definition: a node for every candidate that enters.
+
+class PlainSearch {
+ public:
+  PlainSearch(int beam_size, int topn_size, int label_dim)
+      : n_(label_dim),
+        labels_(static_cast<std::size_t>(std::min(topn_size, label_dim))),
+        beam(std::min(static_cast<std::size_t>(beam_size), labels_.size())),
+        collected(beam.size(), {nullptr, -1, -FLT_MAX}) {}
+
+  void First(const float* frame) {
+    for (auto& entry : collected) entry.hist = nullptr;
+    PlainTopN(frame, n_, labels_);
+    const auto kept = static_cast<std::ptrdiff_t>(beam.size());
+    if (beam.size() != labels_.size()) {
+      std::nth_element(labels_.begin(), labels_.begin() + kept, labels_.end(), index_score_greater);
+    }
+    for (std::size_t i = 0; i < beam.size(); ++i) {
+      beam[i] = {std::make_shared<_hist_t>(labels_[i].index, nullptr), -1, labels_[i].score};
+    }
+  }
+
+  void Next(const float* frame) {
+    PlainTopN(frame, n_, labels_);
+    for (const auto& entry : beam) {
+      for (const auto& label : labels_) {
+        const float score = entry.score + label.score;
+        if (!(score > collected.front().score)) continue;
+        std::pop_heap(collected.begin(), collected.end(), list_score_greater);
+        collected.back() = {std::make_shared<_hist_t>(label.index, entry.hist), -1, score};
+        std::push_heap(collected.begin(), collected.end(), list_score_greater);
+      }
+    }
+    beam.swap(collected);
+    for (auto& entry : collected) entry.score = -FLT_MAX;
+  }
+
+  std::vector<Sequence> Result() const {
+    std::map<Sequence, float> merged;
+    for (const auto& entry : beam) {
+      std::deque<int> path;
+      for (auto node = entry.hist; node != nullptr; node = node->parent) {
+        path.push_front(node->label);
+      }
+      Sequence sequence;
+      for (std::size_t t = 0; t < path.size(); ++t) {
+        if (path[t] != 0 && (t == 0 || path[t] != path[t - 1])) sequence.push_back(path[t]);
+      }
+      const auto [place, inserted] = merged.emplace(sequence, entry.score);
+      if (!inserted) place->second = log_add(place->second, entry.score);
+    }
+    std::vector<_result_score_node> order;
+    for (const auto& [sequence, score] : merged) order.push_back({&sequence, score});
+    // NaN scores leave std::sort without an order; so few elements it sorts by plain insertion.
+    EXPECT_LE(order.size(), 16U);
+    std::sort(order.begin(), order.end(), result_score_greater);
+    std::vector<Sequence> result;
+    for (const auto& node : order) result.push_back(*node.seq);
+    return result;
+  }
+
+ private:
+  int n_;
+  std::vector<_index_score_node> labels_;
+
+ public:
+  std::vector<_list_score_node> beam;
+  std::vector<_list_score_node> collected;
+};
+
+std::string Text(const std::vector<_list_score_node>& entries) {
+  std::string text;
+  for (const auto& entry : entries) {
+    text += std::to_string(entry.index) + ":" + std::to_string(entry.score) + "/" +
+            std::to_string(std::bit_cast<std::uint32_t>(entry.score)) + " (";
+    for (auto node = entry.hist; node != nullptr; node = node->parent) {
+      text += std::to_string(node->label) + " ";
+    }
+    text += ") ";
+  }
+  return text;
+}
+
+std::vector<Sequence> Result(const _beam_search_t& decoder, std::size_t frames) {
+  const auto beam = decoder.beam_list.size();
+  Sequence output(beam * frames + 1, -7);
+  Sequence lengths(beam + 1, -7);
+  const int count = decoder.get_CTC_result(output.data(), lengths.data());
+  std::vector<Sequence> sequences;
+  auto next = output.begin();
+  for (int k = 0; k < count; ++k) {
+    const auto end = next + lengths.at(static_cast<std::size_t>(k));
+    sequences.emplace_back(next, end);
+    next = end;
+  }
+  EXPECT_EQ(*next, -7) << "written behind the last sequence";
+  EXPECT_EQ(lengths[static_cast<std::size_t>(count)], -7) << "written behind the last length";
+  return sequences;
+}
+
+TEST(BeamSearch, MatchesPlainSearch) {
+  std::mt19937 random(9);
+  for (int round = 0; round < 600; ++round) {
+    const int classes = 1 + static_cast<int>(random() % 24);
+    const int topn = 1 + static_cast<int>(random() % 16);
+    const int beam = random() % 2 != 0 ? topn : 1 + static_cast<int>(random() % 12);
+    _beam_search_t decoder(beam, topn, classes, nullptr);
+    PlainSearch plain(beam, topn, classes);
+    // Several inputs with one decoder: an entry that no candidate replaces keeps an older path, but
+    // none of an input before, which would not fit in the output.
+    for (int input = 0; input < 4; ++input) {
+      const std::size_t frames = 1 + random() % 7;
+      for (std::size_t t = 0; t < frames; ++t) {
+        const auto row = RandomScores(random, static_cast<std::size_t>(classes),
+                                      static_cast<Scores>(random() % 3));
+        t == 0 ? decoder.process_first_frame(row.data()) : decoder.process_one_frame(row.data());
+        t == 0 ? plain.First(row.data()) : plain.Next(row.data());
+        ASSERT_EQ(Text(decoder.beam_list), Text(plain.beam));
+        ASSERT_EQ(Text(decoder.topn_result), Text(plain.collected));
+      }
+      ASSERT_EQ(Result(decoder, frames), plain.Result());
+    }
+  }
+}
+
+TEST(BeamSearch, AllFramesAtOnceAreTheFramesOneByOne) {
+  std::mt19937 random(10);
+  const auto frames = RandomScores(random, 6 * 9, Scores::kDistinct);
+  _beam_search_t whole(4, 5, 9, nullptr);
+  _beam_search_t stepwise(4, 5, 9, nullptr);
+  whole.process_all_frame(frames.data(), 6);
+  stepwise.process_first_frame(frames.data());
+  for (std::size_t t = 1; t < 6; ++t) stepwise.process_one_frame(frames.data() + 9 * t);
+  EXPECT_EQ(Text(whole.beam_list), Text(stepwise.beam_list));
+
+  whole.process_all_frame(frames.data(), 0);
+  stepwise.process_first_frame(frames.data());
+  EXPECT_EQ(Text(whole.beam_list), Text(stepwise.beam_list));
+}
+
+// The sum over all paths of `labels` classes, in double precision.
+void AddPaths(const std::vector<float>& frames, std::size_t classes, std::size_t labels,
+              std::size_t t, int last, double score, Sequence sequence,
+              std::map<Sequence, double>& sums) {
+  if (t * classes == frames.size()) {
+    sums[sequence] += std::exp(score);
+    return;
+  }
+  for (std::size_t c = 0; c < labels; ++c) {
+    const int label = static_cast<int>(c);
+    Sequence extended = sequence;
+    if (label != last && label != 0) extended.push_back(label);
+    AddPaths(frames, classes, labels, t + 1, label,
+             score + static_cast<double>(frames[t * classes + c]), extended, sums);
+  }
+}
+
+TEST(BeamSearch, RanksAllSequencesWhenTheBeamHoldsAllPaths) {
+  std::mt19937 random(11);
+  for (const auto& [labels, frame_count] : {std::pair{3, 1}, {3, 3}, {3, 5}, {4, 4}, {2, 7}}) {
+    // The other classes are impossible; they are there to let the beam grow.
+    const auto paths = static_cast<std::size_t>(std::pow(labels, frame_count));
+    std::vector<float> frames(paths * static_cast<std::size_t>(frame_count), -kInf);
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+      if (i % paths < static_cast<std::size_t>(labels)) {
+        frames[i] = -static_cast<float>(random() % 4096) / 1024.0F;
+      }
+    }
+    const int size = static_cast<int>(paths);
+    _beam_search_t decoder(size, size, size, nullptr);
+    decoder.process_all_frame(frames.data(), frame_count);
+    const auto ranked = Result(decoder, static_cast<std::size_t>(frame_count));
+
+    std::map<Sequence, double> sums;
+    AddPaths(frames, paths, static_cast<std::size_t>(labels), 0, -1, 0.0, {}, sums);
+    ASSERT_EQ(ranked.size(), sums.size());
+    double better = HUGE_VAL;
+    for (const Sequence& sequence : ranked) {
+      ASSERT_EQ(sums.count(sequence), 1U);
+      const double score = std::log(sums[sequence]);
+      EXPECT_LE(score, better + 1e-4);  // nearly equal ones may change places
+      better = score;
+    }
+  }
+}
+
+TEST(BeamSearch, WorkedExample) {
+  const float frames[] = {-0.1F, -2.0F, -3.0F, -0.2F, -1.8F, -5.0F};
+  _beam_search_t decoder(2, 2, 3, nullptr);
+  decoder.process_all_frame(frames, 2);
+  EXPECT_EQ(Result(decoder, 2), (std::vector<Sequence>{{}, {1}}));
+  EXPECT_EQ(Result(decoder, 2), (std::vector<Sequence>{{}, {1}})) << "reading changed the beam";
+}
+
+TEST(BeamSearch, EmptySizes) {
+  const float frames[3 * 3] = {};
+  for (const auto& [beam, topn, classes] : {std::array{0, 2, 3}, {2, 0, 3}, {2, 2, 0}}) {
+    _beam_search_t decoder(beam, topn, classes, nullptr);
+    decoder.process_all_frame(frames, 3);
+    EXPECT_TRUE(Result(decoder, 3).empty());
+  }
+  const _beam_search_t fresh(3, 4, 5, nullptr);
+  EXPECT_EQ(Result(fresh, 1), std::vector<Sequence>{{}});
+  for (const auto& [beam, topn, classes] : {std::array{-1, 2, 3}, {2, -1, 3}, {2, 2, -1}}) {
+    EXPECT_THROW(_beam_search_t(beam, topn, classes, nullptr), std::length_error);
+  }
+}
+
+TEST(BeamSearch, MillionFramesAreReleased) {
+  const float frames[2][3] = {{-1.0F, -0.5F, -2.0F}, {-0.25F, -3.0F, -4.0F}};
+  constexpr std::size_t kFrames = 1'000'000;
+  _beam_search_t decoder(1, 3, 3, nullptr);
+  decoder.process_first_frame(frames[0]);
+  for (std::size_t t = 1; t < kFrames; ++t) decoder.process_one_frame(frames[t % 2]);
+  EXPECT_EQ(Result(decoder, kFrames), std::vector<Sequence>{Sequence(kFrames / 2, 1)});
+  // The next input releases the path frame by frame: into the second beam, then for good.
+  decoder.process_first_frame(frames[0]);
+  decoder.process_one_frame(frames[1]);
+  EXPECT_EQ(Result(decoder, 2), std::vector<Sequence>{{1}});
+}
+
+TEST(BeamSearch, LongResultsWithNanScoresAreCompleteAndInOrder) {
+  std::mt19937 random(12);
+  for (int round = 0; round < 50; ++round) {
+    std::vector<float> row(200);
+    for (float& score : row) score = random() % 3 == 0 ? kNan : static_cast<float>(random() % 99);
+    _beam_search_t decoder(200, 200, 200, nullptr);
+    decoder.process_first_frame(row.data());
+    const auto sequences = Result(decoder, 1);
+    std::vector<std::size_t> labels;
+    for (const Sequence& sequence : sequences) {
+      labels.push_back(sequence.empty() ? 0 : static_cast<std::size_t>(sequence.front()));
+    }
+    for (std::size_t i = 1; i < labels.size(); ++i) {
+      ASSERT_FALSE(row[labels[i]] > row[labels[i - 1]]) << i;
+    }
+    std::sort(labels.begin(), labels.end());
+    for (std::size_t i = 0; i < row.size(); ++i) ASSERT_EQ(labels.at(i), i);
+  }
+}
+
+TEST(LogAdd, AddsProbabilities) {
+  for (float d = 0.0F; d < 87.3F; d += 0.0625F) {
+    const double exact = std::log1p(std::exp(-static_cast<double>(d)));
+    EXPECT_NEAR(static_cast<double>(log_add(0.0F, -d)), exact, 1.5e-5 * exact) << d;
+    EXPECT_EQ(log_add(0.0F, -d), log_add(-d, 0.0F)) << d;
+  }
+  EXPECT_EQ(log_add(-4.0F, -4.0F), -4.0F + 0.6931472F);
+  EXPECT_EQ(log_add(-3.5F, -91.0F), -3.5F);
+  EXPECT_EQ(log_add(-FLT_MAX, -3.5F), -3.5F);
+  EXPECT_EQ(log_add(-kInf, -3.5F), -3.5F);
+  EXPECT_EQ(log_add(kInf, kInf), kInf);
+  EXPECT_TRUE(std::isnan(log_add(-kInf, -kInf)));
+}
+
+// ---- The declarations' promises of the fast exponential and logarithm.
+
+TEST(FastMath, ErrorsStayBelowThePromisedOnes) {
+  for (std::uint32_t bits = 0; bits < 0x7F800000; bits += 997) {
+    const float x = std::bit_cast<float>(bits);
+    for (const float d : {x, -x}) {
+      if (d < -88.72F || d > 87.33F) continue;
+      const double exact = std::exp(-static_cast<double>(d));
+      ASSERT_NEAR(static_cast<double>(fast_math::fast_exp(d)), exact, 1.5e-5 * exact) << d;
+    }
+    if (!std::isnormal(x)) continue;
+    const double exact = std::log(static_cast<double>(x));
+    ASSERT_NEAR(static_cast<double>(fast_math::FastLog(x)), exact, 1.3e-4) << x;
+  }
+}
+
+TEST(FastMath, LimitsAndExactValues) {
+  EXPECT_EQ(fast_math::fast_exp(0.0F), 1.0F);
+  EXPECT_EQ(fast_math::fast_exp(kNan), kInf);
+  for (const float d : {-88.73F, -1e30F, -kInf}) EXPECT_EQ(fast_math::fast_exp(d), kInf) << d;
+  for (const float d : {87.34F, 88.5F, 1e30F, kInf}) EXPECT_EQ(fast_math::fast_exp(d), 0.0F) << d;
+  // The exponent of one: t is 2^23, and only the mantissa's polynomial decides.
+  EXPECT_EQ(fast_math::ExpFromBits(0x1p23F), FLT_MIN);
+  EXPECT_NEAR(fast_math::FastLog(0.0F), -88.0297F, 1e-4F);
+  EXPECT_NEAR(fast_math::FastLog(1.0F), -1.6526e-6F, 1e-9F);
+}
+
+}  // namespace
+}  // namespace handwriting_CTC
