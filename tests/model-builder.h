@@ -129,8 +129,8 @@ inline Layer ReadTextLayer(const std::string& text) {
 }
 
 /// One call of a layer that is run without executor; `in` is changed by layers that work in place.
-inline std::vector<float> Run(runtime::Component& layer, std::vector<float>& in, int64_t frames,
-                              int in_dim, int call_id = 1) {
+inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>& in,
+                                   int64_t frames, int in_dim, int call_id = 1) {
   const runtime::CallExtent extent = layer.Extent(frames, in_dim);
   std::vector<float> out(extent.writes);
   int width = in_dim;
@@ -138,9 +138,9 @@ inline std::vector<float> Run(runtime::Component& layer, std::vector<float>& in,
   out.resize(runtime::BlockFloats(layer.OutputChannel(), width, layer.OutputFrames()));
   return out;
 }
-inline std::vector<float> Run(runtime::Component& layer, std::vector<float>&& in, int64_t frames,
-                              int in_dim, int call_id = 1) {
-  return Run(layer, in, frames, in_dim, call_id);
+inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>&& in,
+                                   int64_t frames, int in_dim, int call_id = 1) {
+  return RunLayer(layer, in, frames, in_dim, call_id);
 }
 
 /// A network read from bytes, with its executor.
