@@ -198,6 +198,7 @@ void Run(const std::string& model, const std::string& folder) {
               100.0 * static_cast<double>(errors) / static_cast<double>(digits), errors, digits,
               lines.size());
   std::printf("speed             %.0f frames per second\n", FramesPerSecond(recognizer, lines));
+  if (std::fflush(stdout) != 0) throw std::runtime_error("standard output: cannot write");
 }
 
 }  // namespace

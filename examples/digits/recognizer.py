@@ -16,7 +16,15 @@ from torch import nn
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
 
-from handwriting_model import AffineTransform, Blstm, LogSoftmax, LstmDirection, Network  # noqa: E402
+from handwriting_model import (  # noqa: E402
+    AffineTransform,
+    Blstm,
+    LogSoftmax,
+    LstmDirection,
+    Network,
+    read_model,
+    write_model,
+)
 
 FRAME_DIM = 8
 BLANK = 0
@@ -65,7 +73,7 @@ def _lstm_parameters(lstm: nn.LSTM, layer: int, reverse: bool) -> dict[str, nn.P
     }
 
 
-def to_networks(model: Recognizer) -> list[Network]:
+def _to_networks(model: Recognizer) -> list[Network]:
     """The two networks of the model file: the LSTM layers, and the output layer."""
 
     def direction(layer: int, reverse: bool) -> LstmDirection:
@@ -87,7 +95,7 @@ def to_networks(model: Recognizer) -> list[Network]:
 
 
 @torch.no_grad()
-def from_networks(networks: Sequence[Network]) -> Recognizer:
+def _from_networks(networks: Sequence[Network]) -> Recognizer:
     """The recognizer of the two networks of a model file."""
     first, (affine, _) = networks
     model = Recognizer(cell_dim=first[0].output_dim // 2)
@@ -98,3 +106,13 @@ def from_networks(networks: Sequence[Network]) -> Recognizer:
     model.output.weight.copy_(torch.from_numpy(affine.weights))
     model.output.bias.copy_(torch.from_numpy(affine.bias))
     return model
+
+
+def save(model: Recognizer, path: str | Path) -> None:
+    """Writes a model file, in which the LSTM parameters are rounded to binary16."""
+    write_model(path, _to_networks(model))
+
+
+def load(path: str | Path) -> Recognizer:
+    """Reads a model file."""
+    return _from_networks(read_model(path))

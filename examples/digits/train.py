@@ -18,10 +18,8 @@ from torch import nn
 from torch.nn import functional
 
 import lines
-from recognizer import BLANK, Recognizer, from_networks, to_networks
+from recognizer import BLANK, Recognizer, load, save
 from scoring import label_error_rate
-
-from handwriting_model import read_model, write_model
 
 CELL_DIM = 48
 DROPOUT = 0.3
@@ -134,10 +132,10 @@ def main() -> None:
 
     torch.set_num_threads(1)
     training, held_out = lines.load_split()
-    write_model(options.out, to_networks(train(training, options.batches)))
+    save(train(training, options.batches), options.out)
 
     # What is in the file counts: its LSTM parameters are rounded to binary16.
-    model = from_networks(read_model(options.out))
+    model = load(options.out)
     for name, digits in (("training", training), ("held-out", held_out)):
         made = lines.make_lines(digits, [8] * 300, seed=0)
         found = [model.greedy(line.frames) for line in made]
