@@ -128,6 +128,17 @@ inline Layer ReadTextLayer(const std::string& text) {
   return Layer(runtime::Component::Read(file.get(), false));
 }
 
+/// A matrix of the text form, with digits enough to read back the same floats.
+inline std::string TextMatrix(const std::vector<float>& values) {
+  std::string text = "[ ";
+  for (const float value : values) {
+    char number[32];
+    std::snprintf(number, sizeof(number), "%.9g ", static_cast<double>(value));
+    text += number;
+  }
+  return text + "]\n";
+}
+
 /// One call of a layer that is run without executor; `in` is changed by layers that work in place.
 inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>& in,
                                    int64_t frames, int in_dim, int call_id = 1) {
