@@ -1,0 +1,229 @@
+// Splices and the layers with one vector for all rows, alone and in a network.
+
+#include "nnet/nnet-layer.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "nnet/lstm.h"
+#include "tests/model-builder.h"
+#include "utils/fast-math.h"
+
+namespace handwriting::tests {
+namespace {
+
+using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
+using Floats = std::vector<float>;
+
+constexpr int kSplice = 0x401;
+constexpr int kAddShift = 0x402;
+constexpr int kRescale = 0x403;
+constexpr int kAddComponent = 0x408;
+constexpr int kPrior = 0x600;
+
+Bytes SpliceOf(int dim, const std::vector<int>& offsets) {
+  Bytes block;
+  for (const int offset : offsets) block.Int(offset);
+  return Component1d(kSplice, dim, dim * static_cast<int>(offsets.size()), block);
+}
+
+Bytes ColumnLayer(int code, const Floats& values) {
+  const int dim = static_cast<int>(values.size());
+  return Component1d(code, dim, dim, Bytes().Floats(values));
+}
+
+TEST(NnetLayer, HandWorkedRows) {
+  const struct {
+    Bytes component;
+    const char* text;
+    Floats in;
+    int frames;
+    Floats out;
+    Floats in_afterwards;
+  } cases[] = {
+      {SpliceOf(2, {-1, 0, 1}),
+       "<Splice> 6 2 stray [ -1 0 1 ]",
+       {1, 2, 3, 4, 5, 6, 7, 8},
+       4,
+       {1, 2, 3, 4, 5, 6, 3, 4, 5, 6, 7, 8},
+       {1, 2, 3, 4, 5, 6, 7, 8}},
+      {SpliceOf(1, {0, 2}), "<Splice> 2 1 [ 0 2 ]", {1, 2, 3, 4}, 4, {1, 3, 2, 4}, {1, 2, 3, 4}},
+      {SpliceOf(2, {0}), "<Splice> 2 2 [ 0 ]", {1, 2}, 1, {1, 2}, {1, 2}},
+      {ColumnLayer(kAddShift, {10, -1}),
+       "<AddShift> 2 2 stray [ 10 -1 ]",
+       {1, 2, 3, 4},
+       2,
+       {11, 1, 13, 3},
+       {11, 1, 13, 3}},
+      {ColumnLayer(kRescale, {10, -1}),
+       "<Rescale> 2 2 [ 10 -1 ]",
+       {1, 2, 3, 4},
+       2,
+       {10, -2, 30, -4},
+       {10, -2, 30, -4}},
+      {ColumnLayer(kPrior, {10, -1}), nullptr, {1, 2, 3, 4}, 2, {-9, 3, -7, 5}, {1, 2, 3, 4}},
+      {Component1d(kAddComponent, 6, 2, Bytes().Int(3).Floats({1, 1, -2})),
+       "<AddComponent> 2 6 <InputNum> 3\n[ 1 1 -2 ]",
+       {1, 2, 3, 4, 5, 6, 0, 1, 0, 1, 0, 1},
+       2,
+       {-6, -6, 0, 0},
+       {1, 2, 3, 4, 5, 6, 0, 1, 0, 1, 0, 1}},
+  };
+  for (const auto& c : cases) {
+    const Layer layer = ReadLayer(c.component);
+    SCOPED_TRACE(layer->TypeMarker());
+    Floats in = c.in;
+    EXPECT_EQ(RunLayer(*layer, in, c.frames, layer->input_dim), c.out);
+    EXPECT_EQ(in, c.in_afterwards);
+    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
+    EXPECT_TRUE(EveryPrefixIsRefused(c.component));
+    if (c.text == nullptr) continue;
+    const Layer text = ReadTextLayer(c.text);
+    EXPECT_EQ(Written([&](FILE* fp) { return text->Write(fp); }), c.component.str());
+    EXPECT_EQ(layer->MemoryBytes(), 0U);
+  }
+}
+
+TEST(Splice, FramesAndContext) {
+  const struct {
+    std::vector<int> offsets;
+    int64_t left, right, in, out;
+  } cases[] = {
+      {{-3, 0, 3}, 3, 3, 6, 0},
+      {{-3, 0, 3}, 3, 3, 7, 1},
+      {{-2, -1, 0, 1, 2}, 2, 2, 10, 6},
+      {{0, 2}, 0, 2, -5, 0},
+      {{INT32_MIN, 0, INT32_MAX}, 1LL << 31, INT32_MAX, 1LL << 40, (1LL << 40) - 0xFFFFFFFF}};
+  for (const auto& c : cases) {
+    const Layer layer = ReadLayer(SpliceOf(1, c.offsets));
+    EXPECT_EQ(layer->LeftContext(), c.left);
+    EXPECT_EQ(layer->RightContext(), c.right);
+    EXPECT_EQ(layer->CalcOutputFrames(c.in), c.out);
+  }
+  const Layer layer = ReadLayer(SpliceOf(1, {-1, 0, 1}));
+  EXPECT_EQ(RunLayer(*layer, {1, 2, 3}, 3, 1), Floats({1, 2, 3}));
+  EXPECT_EQ(ThrownBy([&] {
+              RunLayer(*layer, {1, 2}, 2, 1);
+            }),
+            "too few input frames! [frames:2, left:1, right:1]");
+}
+
+TEST(NnetLayer, BlocksThatCannotRunAreRefused) {
+  const auto splice = [](int dim, int out, const std::vector<int>& offsets) {
+    Bytes block;
+    for (const int offset : offsets) block.Int(offset);
+    return Component1d(kSplice, dim, out, block);
+  };
+  const Bytes cases[] = {
+      splice(2, 5, {0, 1}),
+      splice(2, 1, {0}),
+      splice(0, 2, {0}),
+      splice(2, -2, {0}),
+      splice(-2, -2, {0}),
+      splice(1, 3, {-1, 1, 0}),
+      splice(1, 3, {-1, 0, 0}),
+      splice(1, 2, {1, 2}),
+      splice(1, 2, {-2, -1}),
+      splice(1, 0x7fffffff, {0}),
+      Component1d(kAddShift, -1, 1, Bytes().Float(1)),
+      Component1d(kPrior, 0x7fffffff, 1, Bytes().Float(1)),
+      Component1d(kAddComponent, 6, 3, Bytes().Int(3).Floats({1, 1, 1})),
+      Component1d(kAddComponent, 0, 3, Bytes().Int(0)),
+      Component1d(kAddComponent, 6, -3, Bytes().Int(-2)),
+      Component1d(kAddComponent, 0, 1 << 30, Bytes().Int(4).Floats({1, 1, 1, 1})),
+  };
+  for (const Bytes& component : cases) {
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!");
+  }
+  for (const char* text : {"<Splice> 5 2 [ 0 1 ]", "<Splice> 2 1 [ 1 2 ]", "<AddShift> 1 -1 [ ]",
+                           "<AddComponent> 2 6 <InputNum> 2\n[ 1 1 ]"}) {
+    EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!") << text;
+  }
+  EXPECT_EQ(ThrownBy([] { ReadTextLayer("<Splice> 2147483647 1 [ 0 1 ]"); }),
+            "mismatched matrix dimension! [rows:0/1, cols:2/2147483647]");
+}
+
+// The stored vector rules the width, even when the header leaves it open; an output dimension that
+// differs from it makes the layer write no more than its input.
+TEST(NnetLayer, OtherWidthsThanTheStoredVectorThrow) {
+  for (const int code : {kAddShift, kRescale, kPrior}) {
+    const Layer unset = ReadLayer(Component1d(code, 0, 4));
+    EXPECT_EQ(ThrownBy([&] {
+                RunLayer(*unset, {1, 2}, 1, 2);
+              }),
+              "mismatched input dimension! layer[" + unset->TypeMarker() + "] [0] vs [2]");
+    const Layer narrow = ReadLayer(Component1d(code, 3, 1, Bytes().Floats({1, 2, 3})));
+    EXPECT_EQ(narrow->Extent(5, 3).writes, 15U);
+  }
+}
+
+TEST(Prior, TextHoldsWeightsBinaryHoldsLogarithms) {
+  const Layer text = ReadTextLayer("<Prior> 2 2 [ 1 3 ]");
+  const auto& prior = dynamic_cast<const Prior&>(*text).prior;
+  EXPECT_EQ(prior[0], fast_math::FastLog(0.25F));
+  EXPECT_EQ(prior[1], fast_math::FastLog(0.75F));
+  EXPECT_NEAR(prior[0], std::log(0.25), 2e-4);
+  const File file = FileOf(Written([&](FILE* fp) { return text->Write(fp); }));
+  const Layer binary(Component::Read(file.get()));
+  EXPECT_EQ(RunLayer(*binary, {0, 0}, 1, 2), RunLayer(*text, {0, 0}, 1, 2));
+  // A weight of 0 becomes a probability of 1e-20.
+  const Layer zero = ReadTextLayer("<Prior> 2 2 [ 0 1 ]");
+  EXPECT_EQ(dynamic_cast<const Prior&>(*zero).prior[0], fast_math::FastLog(1e-20F));
+}
+
+TEST(NnetLayer, InPlaceLayersChangeTheCallersRows) {
+  Model model(Network({ColumnLayer(kAddShift, {1, 2}), ColumnLayer(kRescale, {10, 100}),
+                       ColumnLayer(kPrior, {5, 5})}));
+  Floats features = {1, 2, 3, 4};
+  model.forward->Forward(features.data(), 2, 2);
+  const float* out = model.forward->Output();
+  EXPECT_EQ(Floats(out, out + 4), Floats({15, 395, 35, 595}));
+  EXPECT_EQ(features, Floats({2, 4, 4, 6}));
+}
+
+// Splices behind a projected LSTM make their context come again in the next call: with the overlap
+// of all of them, calls that begin so many frames earlier join to the output of one call. A splice
+// before the layer does not count.
+TEST(Splice, ContextBehindProjectedLstmOverlaps) {
+  constexpr int kDim = 2;
+  constexpr int kCell = 3;
+  const auto lstm = [](bool fixed) {
+    Bytes block;
+    block.Int(kCell);
+    uint32_t seed = 40;
+    for (const size_t count : {4 * kCell * 3 * kDim, 4 * kCell * kDim, 4 * kCell, kCell, kCell,
+                               kCell, kDim * kCell, kDim}) {
+      if (fixed) block.Float(127);
+      for (const float x : Random(count, seed++)) {
+        fixed ? block.Byte(static_cast<int>(127 * x)) : block.Float(x);
+      }
+    }
+    return Component1d(fixed ? 0x806 : 0x106, 3 * kDim, kDim, block);
+  };
+  for (const bool fixed : {false, true}) {
+    Model model(Network({SpliceOf(kDim, {-1, 0, 1}), lstm(fixed), SpliceOf(kDim, {-1, 0, 1}),
+                         Component1d(0xa01, 6, 12, Bytes().Int(0).Int(2))}));
+    const Component& layer = *model.nnet.layers[1];
+    EXPECT_EQ(fixed ? dynamic_cast<const FixedLstmProjectedNnet3Streams&>(layer).overlap_frames
+                    : dynamic_cast<const LstmProjectedNnet3Streams&>(layer).overlap_frames,
+              4);
+    const Floats in = Random(30 * kDim, 41);
+    const Floats whole = model.Call(in, 30, kDim);
+    ASSERT_EQ(whole.size(), 24U * 12);
+    model.forward->Reset();
+    Floats joined;
+    for (const int64_t first : {0, 8, 16}) {  // 14 frames each, 6 of them again in the next
+      const auto begin = in.begin() + first * kDim;
+      const Floats out = model.Call(Floats(begin, begin + 14 * kDim), 14, kDim);
+      joined.insert(joined.end(), out.begin(), out.end());
+    }
+    ASSERT_EQ(joined.size(), whole.size());
+    for (size_t i = 0; i < whole.size(); ++i) ASSERT_NEAR(joined[i], whole[i], 1e-5) << i;
+  }
+}
+
+}  // namespace
+}  // namespace handwriting::tests
