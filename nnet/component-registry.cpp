@@ -4,6 +4,7 @@
 
 #include "nnet/activation.h"
 #include "nnet/affine.h"
+#include "nnet/conv1d.h"
 #include "nnet/decoder-layer.h"
 #include "nnet/encoder-layer.h"
 #include "nnet/fixed-affine.h"
@@ -63,6 +64,9 @@ constexpr Row kRows[] = {
     RowOf<PRelu>("PReLU"),
     RowOf<Relu2d>("ReLU2d"),
     RowOf<PRelu2d>("PReLU2d"),
+    RowOf<Conv1d>("Conv1d"),
+    RowOf<ConvTranspose1d>("ConvTranspose1d"),
+    RowOf<MaxPool1d>("MaxPool1d"),
     RowOf<Splice>("Splice"),
     RowOf<AddShift>("AddShift"),
     RowOf<Rescale>("Rescale"),

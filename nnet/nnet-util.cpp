@@ -17,7 +17,8 @@ namespace tarev::nnet::handwriting_CTC {
 namespace {
 
 constexpr size_t kAlignment = 64;
-constexpr size_t kMaxFloats = std::numeric_limits<ptrdiff_t>::max() / sizeof(float) - kAlignment;
+// Four gigabytes: far above any real array, and below what would take a machine down.
+constexpr size_t kMaxFloats = size_t{1} << 30;
 
 // Zero-filled floats, or null when the count overflows or the memory cannot be had.
 float* NewFloats(size_t rows, size_t cols) {

@@ -1,0 +1,177 @@
+// The executor: buffers, links, shapes that only show at run time, and what a hostile file may
+// claim.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "nnet/lstm.h"
+#include "nnet/nnet-nnet.h"
+#include "tests/model-builder.h"
+
+namespace handwriting::tests {
+namespace {
+
+using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
+using Floats = std::vector<float>;
+
+TEST(Executor, OneTwoAndManyLayersLeaveTheResultInOnePlace) {
+  const Bytes twice = Affine(2, 2, {0, 0}, {2, 0, 0, 2});
+  const Bytes swap = Affine(2, 2, {1, 0}, {0, 1, 1, 0});
+  const struct {
+    Bytes network;
+    Floats out;
+  } cases[] = {
+      {Network({twice}), {2, 4, -6, 8}},
+      {Network({twice, swap}), {5, 2, 9, -6}},
+      {Network({swap, twice, Component1d(0x203, 2, 2)}), {6, 2, 10, 0}},
+  };
+  for (const auto& c : cases) {
+    Model model(c.network);
+    EXPECT_EQ(model.Call({1, 2, -3, 4}, 2, 2), c.out);
+    EXPECT_EQ(model.forward->OutputFrames(), 2);
+    EXPECT_EQ(model.forward->InputDim(), 2);
+    EXPECT_EQ(model.forward->OutputDim(), 2);
+  }
+}
+
+TEST(Executor, BuffersFollowTheLargestCall) {
+  Model model(Network({Affine(1, 3, {0, 0, 0}, {1, 2, 3}), Affine(3, 1, {0}, {1, 1, 1})}));
+  model.forward->ReserveFrames(4);
+  for (const int64_t frames : {1, 40, 3, 41}) {
+    const Floats in = Random(static_cast<size_t>(frames), 3);
+    const Floats out = model.Call(in, frames, 1);
+    ASSERT_EQ(out.size(), in.size());
+    for (size_t t = 0; t < in.size(); ++t) EXPECT_FLOAT_EQ(out[t], 6 * in[t]);
+  }
+  EXPECT_TRUE(model.Call({}, 0, 1).empty());
+}
+
+// Records what the executor hands to a layer.
+class Probe final : public Component {
+ public:
+  Probe() : Component(1, 1) {}
+  int GetType() const override { return 0x202; }
+  int GetFixedType() const override { return 0x902; }
+  void Reset() override { ++resets; }
+  void PropagateFnc(const float* in, int64_t frames, int, float* out, int call_id) override {
+    std::copy_n(in, frames, out);
+    ids.push_back(call_id);
+  }
+  std::vector<int> ids;
+  int resets = 0;
+};
+
+TEST(Executor, CountsCallsSinceTheLastReset) {
+  Nnet nnet;
+  auto owned = std::make_unique<Probe>();
+  Probe& probe = *owned;
+  nnet.layers.push_back(std::move(owned));
+  NnetForward forward(&nnet);
+  const float in[] = {1, 2};
+  forward.Forward(in, 2, 1);
+  forward.Forward(in, 1, 1);
+  EXPECT_EQ(forward.OutputFrames(), 1);
+  forward.Reset();
+  EXPECT_EQ(forward.OutputFrames(), 0);
+  forward.Forward(in, 1, 1);
+  forward.Propagate(in, 1, 1, -7);
+  EXPECT_EQ(probe.ids, (std::vector<int>{1, 2, 1, -7}));
+  EXPECT_EQ(probe.resets, 1);
+}
+
+TEST(Executor, NetworksThatCannotBeBuilt) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ThrownBy([] { NnetForward forward(nullptr); }), "Wrong parameter(s)!");
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(log.starts_with("[nnet-nnet:")) << log;
+  EXPECT_TRUE(
+      log.ends_with("] Wrong parameter(s) to [NnetForward], condition [nnet == __null]. \n"))
+      << log;
+  Nnet empty;
+  EXPECT_EQ(ThrownBy([&] { NnetForward forward(&empty); }), "Wrong parameter(s)!");
+}
+
+TEST(Executor, BlstmLayersShareOneGateBuffer) {
+  const auto blstm = [](int in, int cell, uint32_t seed) {
+    Bytes block = Bytes().Int(cell);
+    const auto count = static_cast<size_t>(8 * cell * (in + cell + 2));
+    for (const float value : Random(count, seed)) {
+      block.Raw(static_cast<uint16_t>(0x3000 | (BitsOf(value) >> 23 & 0x3FF)));
+    }
+    return Component1d(0x10e, in, 2 * cell, block);
+  };
+  const Bytes first = blstm(3, 2, 1);
+  const Bytes second = blstm(4, 5, 2);
+  const Layer alone_first = ReadLayer(first);
+  const Layer alone_second = ReadLayer(second);
+  const Floats in = Random(60, 3);
+  const Floats between = RunLayer(*alone_first, Floats(in), 20, 3);
+  const Floats wanted = RunLayer(*alone_second, Floats(between), 20, 4);
+  Model model(Network({first, second}));
+  model.forward->ReserveFrames(2);  // the slot is read at each call: it may grow
+  EXPECT_EQ(model.Call(in, 20, 3), wanted);
+  const auto* linked = dynamic_cast<const Blstm*>(model.nnet.layers[0].get());
+  EXPECT_TRUE(linked->gate_buffer.empty());
+  EXPECT_EQ(linked->shared_gates->size(), 20U * 4 * 5);
+}
+
+// Headers that do not fit together are refused at the layer that would read too much.
+TEST(Executor, ALayerMustFindAllTheInputThatItReads) {
+  const struct {
+    Bytes network;
+    int dim;
+    const char* message;
+  } cases[] = {
+      {Network({Component1d(0x202, 2, 2), Affine(3, 1, {0}, {1, 1, 1})}), 2,
+       "mismatched input dimension! layer[<AffineTransform>] [3] vs [2]"},
+      {Network({Component1d(0x202, 2, 2)}), 3,
+       "mismatched input dimension! layer[<Sigmoid>] [2] vs [3]"},
+      {Network({Component1d(0x202, 2, 2), Component2d(0x206, 3, 3, 0, 0)}), 2,
+       "too little input! layer[<ReLU2d>] position[1] reads [24] floats, given [1 channels x 2 x 4 "
+       "frames = 8]"},
+      {Network({Component2d(0x206, 5, 5, 2, 2)}), 2,
+       "too little input! layer[<ReLU2d>] position[0] reads [40] floats, given [1 channels x 2 x 4 "
+       "frames = 8]"},
+  };
+  for (const auto& c : cases) {
+    Model model(c.network);
+    EXPECT_EQ(ThrownBy([&] { model.Call(Floats(12), 4, c.dim); }), c.message);
+  }
+}
+
+TEST(Executor, WidthsThatOnlyShowAtRunTimeGetTheirRoom) {
+  // The channel layers announce nothing; their width is the caller's.
+  Model planes(Network({Component2d(0x206, 2, 2, 0, 0), Component2d(0x206, 2, 2, 0, 0)}));
+  for (const int dim : {1, 7, 3}) {
+    const Floats in = Random(static_cast<size_t>(10 * dim), 4);
+    const Floats out = planes.Call(in, 5, dim, 2);
+    ASSERT_EQ(out.size(), in.size());
+    for (size_t i = 0; i < in.size(); ++i) EXPECT_EQ(out[i], in[i] > 0 ? in[i] : 0.0F);
+    EXPECT_EQ(planes.forward->OutputShape().dim, dim);
+    EXPECT_EQ(planes.forward->OutputShape().channels, 2);
+  }
+}
+
+TEST(Executor, AClaimedWidthBeyondWhatIsWrittenReadsAsZeros) {
+  Model model(Network({Affine(1, 40, Floats(40, 1.0F), Floats(40, 1.0F)),
+                       Affine(40, 2, {5, 6}, Floats(80)), Component1d(0x203, 2, 9)}));
+  const Floats out = model.Call({1}, 1, 1);
+  EXPECT_EQ(out, Floats({5, 6, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(Executor, SizesBeyondTheLimitsAreRefused) {
+  Model wide(Network({Component1d(0x203, 1, 0x7fffffff)}));
+  EXPECT_NE(ThrownBy([&] { wide.forward->ReserveFrames(2); }).find("frame buffer too large!"),
+            std::string::npos);
+  Model narrow(Network({Component1d(0x203, 1, 1)}));
+  EXPECT_NE(
+      ThrownBy([&] { narrow.forward->ReserveFrames(int64_t{1} << 40); }).find("too many frames!"),
+      std::string::npos);
+  EXPECT_EQ(narrow.Call({-1, 1}, 2, 1), Floats({0, 1}));  // and remains usable
+}
+
+}  // namespace
+}  // namespace handwriting::tests

@@ -1,0 +1,255 @@
+// The three exported functions, called through the shared library.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/handwriting_forward.h"
+#include "ctc/beam-search.h"
+#include "tests/model-builder.h"
+
+namespace handwriting::tests {
+namespace {
+
+using Floats = std::vector<float>;
+
+struct Result {
+  int count = 0;
+  std::vector<std::vector<int>> sequences;
+  std::string printed;
+};
+
+class Recogniser {
+ public:
+  Recogniser(const Bytes& model, int max_frames, int nbest) : nbest_(nbest) {
+    const File file = FileOf(model);
+    testing::internal::CaptureStderr();
+    instance_ = handwriting_forward_create(file.get(), max_frames, nbest);
+    printed = testing::internal::GetCapturedStderr();
+    position = std::ftell(file.get());
+  }
+  ~Recogniser() { handwriting_forward_destory(instance_); }
+  Recogniser(const Recogniser&) = delete;
+  Recogniser& operator=(const Recogniser&) = delete;
+
+  explicit operator bool() const { return instance_ != nullptr; }
+
+  Result Process(Floats features, int frames, int dim) {
+    std::vector<int> output(static_cast<size_t>(nbest_ * frames));
+    std::vector<int> len(static_cast<size_t>(nbest_));
+    testing::internal::CaptureStderr();
+    Result result;
+    result.count = handwriting_forward_process(instance_, features.data(), frames, dim,
+                                               output.data(), len.data());
+    result.printed = testing::internal::GetCapturedStderr();
+    auto next = output.begin();
+    for (int k = 0; k < result.count; ++k) {
+      result.sequences.emplace_back(next, next + len[static_cast<size_t>(k)]);
+      next += len[static_cast<size_t>(k)];
+    }
+    return result;
+  }
+
+  std::string printed;
+  long position = 0;
+
+ private:
+  void* instance_;
+  int nbest_;
+};
+
+// Features pass unchanged: a class's score is its feature.
+Bytes Identity(int dim) {
+  Floats weights(static_cast<size_t>(dim * dim), 0.0F);
+  for (int i = 0; i < dim; ++i) weights[static_cast<size_t>(i * dim + i)] = 1.0F;
+  return Affine(dim, dim, Floats(static_cast<size_t>(dim)), weights);
+}
+
+Bytes TwoNetworks(const Bytes& first, const Bytes& second) {
+  return Bytes().Add(first).Add(second);
+}
+
+TEST(Recogniser, TwoSmallNetworksWorkedByHand) {
+  // y = 2 x + 1 on two features, then three classes: blank sum - 1, first, second.
+  Bytes model = TwoNetworks(Network({Affine(2, 2, {1, 1}, {2, 0, 0, 2})}),
+                                  Network({Affine(2, 3, {-1, 0, 0}, {1, 1, 1, 0, 0, 1})}));
+  Recogniser recogniser(model.Add(Bytes().Int(7)), 1, 3);
+  ASSERT_TRUE(recogniser);
+  EXPECT_EQ(recogniser.position + 4, static_cast<long>(model.str().size()));
+  EXPECT_EQ(recogniser.printed, "");
+  // (1, -2) -> (3, -3) -> blank -1, class 1: 3, class 2: -3.
+  // (1, 1) -> (3, 3) -> blank 5, class 1: 3, class 2: 3.
+  // (-2, 1) -> (-3, 3) -> blank -1, class 1: -3, class 2: 3.
+  const Result result = recogniser.Process({1, -2, 1, 1, -2, 1}, 3, 2);
+  // The best three paths, 1 0 2, 1 1 2 and 1 2 2, are one sequence.
+  ASSERT_EQ(result.count, 1);
+  EXPECT_EQ(result.sequences[0], (std::vector<int>{1, 2}));
+}
+
+// Scores from the second network reach the decoder row by row whatever the chunks are.
+TEST(Recogniser, EveryLengthGivesTheDecodersOwnResult) {
+  constexpr int kClasses = 5;
+  Recogniser recogniser(TwoNetworks(Network({Identity(kClasses)}), Network({Identity(kClasses)})),
+                        16, 4);
+  ASSERT_TRUE(recogniser);
+  for (const int frames : {1, 15, 16, 17, 31, 32, 33, 100}) {
+    const Floats scores = Random(static_cast<size_t>(frames * kClasses), 7, 3.0F);
+    ::handwriting_CTC::_beam_search_t decoder(4, 4, kClasses, nullptr);
+    decoder.process_all_frame(scores.data(), frames);
+    std::vector<int> output(static_cast<size_t>(4 * frames));
+    int len[4];
+    const int count = decoder.get_CTC_result(output.data(), len);
+    const Result result = recogniser.Process(scores, frames, kClasses);
+    ASSERT_EQ(result.count, count) << frames;
+    auto next = output.begin();
+    for (int k = 0; k < count; next += len[k++]) {
+      EXPECT_EQ(result.sequences[static_cast<size_t>(k)], std::vector<int>(next, next + len[k]));
+    }
+  }
+}
+
+// An LSTM as the second network carries state over an input's chunks and not into the next input.
+TEST(Recogniser, NoResultDependsOnAnEarlierInput) {
+  const Bytes lstm =
+      Component1d(0x103, 3, 4, Bytes().Floats(Random(16 * 3 + 16 * 4 + 32, 5, 2.0F)));
+  const Bytes model = TwoNetworks(Network({Identity(3)}), Network({lstm}));
+  const Floats in = Random(120, 6, 2.0F);
+  Recogniser fresh(model, 40, 4);
+  const Result wanted = fresh.Process(in, 40, 3);
+  Recogniser used(model, 40, 4);
+  used.Process(Random(60, 8), 20, 3);
+  EXPECT_EQ(used.Process(Floats(3), 1, 4).count, -1);
+  EXPECT_EQ(used.Process(in, 40, 3).sequences, wanted.sequences);
+}
+
+TEST(Recogniser, CreationRefusesWhatItCannotUse) {
+  const Bytes one = Network({Identity(2)});
+  const struct {
+    Bytes model;
+    const char* message;
+  } cases[] = {
+      {one, ">>] Failed to read nnet.\n"},
+      {Bytes(), ">>] Failed to read nnet.\n"},
+      {TwoNetworks(one, Network({})), ">>] Wrong parameter(s)!\n"},
+      {TwoNetworks(one, Network({Component1d(0x102, 2, 2)})),
+       ">>] unknown or unimplemented nnet layer! [0102]\n"},
+      {TwoNetworks(one, Network({Component1d(0x202, 2, -2)})),
+       ">>] "},  // no decoder for -2 classes
+  };
+  for (const auto& c : cases) {
+    Recogniser recogniser(c.model, 10, 2);
+    EXPECT_FALSE(recogniser);
+    const size_t at = recogniser.printed.rfind("WARNING * [handwriting_forward:");
+    ASSERT_NE(at, std::string::npos) << recogniser.printed;
+    EXPECT_NE(recogniser.printed.find("<<handwriting_forward_create", at), std::string::npos);
+    EXPECT_NE(recogniser.printed.find(c.message, at), std::string::npos) << recogniser.printed;
+  }
+  const std::string whole =
+      TwoNetworks(one, Network({Component1d(0x205, 2, 2, Bytes().Float(1))})).str();
+  for (size_t size = 0; size < whole.size(); ++size) {
+    const File file = FileOf(whole.substr(0, size));
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(handwriting_forward_create(file.get(), 4, 1), nullptr) << size;
+    testing::internal::GetCapturedStderr();
+  }
+}
+
+TEST(Recogniser, ArgumentsAreCheckedFirst) {
+  const File file = FileOf(Bytes());
+  const Floats feature(4);
+  int output[4];
+  int len[4];
+  const File model = FileOf(TwoNetworks(Network({Identity(2)}), Network({Identity(2)})));
+  void* instance = handwriting_forward_create(model.get(), 2, 2);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(handwriting_forward_create(nullptr, 1, 1), nullptr);
+  EXPECT_EQ(handwriting_forward_create(file.get(), 0, 1), nullptr);
+  EXPECT_EQ(handwriting_forward_create(file.get(), 1, -1), nullptr);
+  const auto process = [&](void* i, const float* f, int n, int d, int* o, int* l) {
+    return handwriting_forward_process(i, f, n, d, o, l);
+  };
+  EXPECT_EQ(process(nullptr, feature.data(), 1, 2, output, len), -1);
+  EXPECT_EQ(process(instance, nullptr, 1, 2, output, len), -1);
+  EXPECT_EQ(process(instance, feature.data(), 0, 2, output, len), -1);
+  EXPECT_EQ(process(instance, feature.data(), 1, 0, output, len), -1);
+  EXPECT_EQ(process(instance, feature.data(), 1, 2, nullptr, len), -1);
+  EXPECT_EQ(process(instance, feature.data(), 1, 2, output, nullptr), -1);
+  handwriting_forward_destory(nullptr);
+  handwriting_forward_destory(instance);
+  const std::string printed = testing::internal::GetCapturedStderr();
+  size_t lines = 0;
+  for (size_t at = 0; (at = printed.find("] Wrong parameter(s) to [", at)) != std::string::npos;
+       ++at) {
+    ++lines;
+  }
+  EXPECT_EQ(lines, 9U);
+  EXPECT_NE(printed.find("<<handwriting_forward_create>>] Wrong parameter(s) to "
+                         "[handwriting_forward_create], condition [fp == __null || max_frame_num "
+                         "<= 0 || nbest <= 0]. \n"),
+            std::string::npos);
+  EXPECT_NE(printed.find("condition [instance == __null || feature == __null || frame_num <= 0 || "
+                         "input_dim <= 0 || output == __null || len == __null]. \n"),
+            std::string::npos);
+}
+
+TEST(Recogniser, OutputThatTheNextStageCannotReadFailsTheCall) {
+  const Bytes identity = Network({Identity(2)});
+  const Bytes claims = Network({Component2d(0x206, 1, 3, 2, 2)});
+  const struct {
+    Bytes model;
+    int dim;
+    const char* message;
+  } cases[] = {
+      {TwoNetworks(identity, identity), 5,
+       "mismatched input dimension! layer[<AffineTransform>] [2] vs [5]\n"},
+      {TwoNetworks(identity, Network({Identity(3)})), 2,
+       "mismatched input dimension! layer[<AffineTransform>] [3] vs [2]\n"},
+      {TwoNetworks(claims, identity), 2, "mismatched output channels! first network [3] vs [1]\n"},
+      {TwoNetworks(identity, claims), 2, "mismatched output channels! second network [3] vs [1]\n"},
+      {TwoNetworks(identity, Network({Component2d(0x206, 1, 1, 2, 0)})), 2,
+       "mismatched output dimension! second network [2] vs [0]\n"},
+  };
+  for (const auto& c : cases) {
+    Recogniser recogniser(c.model, 3, 2);
+    ASSERT_TRUE(recogniser) << recogniser.printed;
+    const Result result = recogniser.Process(Floats(15), 3, c.dim);
+    EXPECT_EQ(result.count, -1);
+    EXPECT_TRUE(result.printed.ends_with(c.message)) << result.printed;
+    EXPECT_NE(result.printed.find("<<handwriting_forward_process>>] "), std::string::npos);
+  }
+}
+
+TEST(Recogniser, InstancesRunOnSeparateThreads) {
+  const Bytes model = TwoNetworks(Network({Identity(4)}), Network({Identity(4)}));
+  const Floats in = Random(400, 9);
+  Recogniser reference(model, 100, 3);
+  const auto wanted = reference.Process(in, 100, 4).sequences;
+  std::vector<std::thread> threads;
+  std::vector<int> matches(3, 0);
+  for (int& match : matches) {
+    threads.emplace_back([&] {
+      const File file = FileOf(model);
+      void* instance = handwriting_forward_create(file.get(), 10, 3);
+      std::vector<int> output(300);
+      int len[3];
+      for (int round = 0; round < 5; ++round) {
+        const int count =
+            handwriting_forward_process(instance, in.data(), 100, 4, output.data(), len);
+        match +=
+            count == static_cast<int>(wanted.size()) &&
+            std::equal(wanted[0].begin(), wanted[0].end(), output.begin(), output.begin() + len[0]);
+      }
+      handwriting_forward_destory(instance);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(matches, std::vector<int>(3, 5));
+}
+
+}  // namespace
+}  // namespace handwriting::tests
