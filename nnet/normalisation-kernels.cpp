@@ -68,44 +68,53 @@ void GroupMoments(hn::CappedTag<float, 1> /*d*/, const float* row, size_t cols, 
   }
 }
 
-template <class D>
-void NormSpan(D d, size_t begin, size_t end, const float* in, double mean, double divisor,
-              const float* gamma, const float* beta, float* out) {
-  const hn::Rebind<float, D> df;
-  const auto load = [d, df](const float* values)
-                        HWY_ATTR { return hn::PromoteTo(d, hn::LoadU(df, values)); };
-  for (size_t j = begin; j < end; j += hn::Lanes(d)) {
-    const auto scaled = hn::Mul(hn::Sub(load(in + j), hn::Set(d, mean)), load(gamma + j));
-    const auto y = hn::Add(hn::Div(scaled, hn::Set(d, divisor)), load(beta + j));
-    hn::StoreU(hn::DemoteTo(df, y), df, out + j);
-  }
+void GroupSquares(hn::CappedTag<float, 1> /*d*/, const float* row, size_t cols, float* sum) {
+  *sum = 0.0F;
+  for (size_t c = 0; c < cols; ++c) *sum += row[c] * row[c];
 }
 
-void NormRow(const float* in, size_t cols, const Moments& moments, const float* gamma,
-             const float* beta, double epsilon, float* out) {
-  const hn::ScalableTag<double> d;
-  const size_t whole = cols / hn::Lanes(d) * hn::Lanes(d);
-  const double mean = cal_mean(moments.sum, cols);
-  const double divisor = epsilon + std_deviation(moments.sum, moments.sum_of_squares, cols);
-  NormSpan(d, 0, whole, in, mean, divisor, gamma, beta, out);
-  NormSpan(hn::CappedTag<double, 1>(), whole, cols, in, mean, divisor, gamma, beta, out);
+// What normalises one row.
+struct RowScale {
+  double mean;
+  double divisor;
+};
+
+// Columns [begin, end) of `rows` rows. Gain and offset of a column serve all of them.
+template <class D>
+void NormSpan(D d, size_t begin, size_t end, const float* in, size_t rows, size_t cols,
+              const RowScale* scales, const float* gamma, const float* beta, float* out) {
+  const hn::Rebind<float, D> df;
+  for (size_t j = begin; j < end; j += hn::Lanes(d)) {
+    const auto gain = hn::PromoteTo(d, hn::LoadU(df, gamma + j));
+    const auto offset = hn::PromoteTo(d, hn::LoadU(df, beta + j));
+    for (size_t r = 0; r < rows; ++r) {
+      const auto x = hn::PromoteTo(d, hn::LoadU(df, in + r * cols + j));
+      const auto scaled = hn::Mul(hn::Sub(x, hn::Set(d, scales[r].mean)), gain);
+      const auto y = hn::Add(hn::Div(scaled, hn::Set(d, scales[r].divisor)), offset);
+      hn::StoreU(hn::DemoteTo(df, y), df, out + r * cols + j);
+    }
+  }
 }
 
 void LayerNormRows(const float* in, size_t rows, size_t cols, const float* gamma, const float* beta,
                    float epsilon, float* out) {
+  const hn::ScalableTag<double> dd;
+  const size_t whole = cols / hn::Lanes(dd) * hn::Lanes(dd);
   ForEachRowGroup(hn::ScalableTag<float>(), 0, rows, [=](auto d, size_t first) HWY_ATTR {
+    const size_t group = hn::Lanes(d);
+    const float* x = in + first * cols;
+    float* y = out + first * cols;
     Moments moments[hn::MaxLanes(d)];
-    GroupMoments(d, in + first * cols, cols, moments);
-    for (size_t r = 0; r < hn::Lanes(d); ++r) {
-      const size_t start = (first + r) * cols;
-      NormRow(in + start, cols, moments[r], gamma, beta, epsilon, out + start);
+    RowScale scales[hn::MaxLanes(d)];
+    GroupMoments(d, x, cols, moments);
+    for (size_t r = 0; r < group; ++r) {
+      scales[r] = {cal_mean(moments[r].sum, cols),
+                   static_cast<double>(epsilon) +
+                       std_deviation(moments[r].sum, moments[r].sum_of_squares, cols)};
     }
+    NormSpan(dd, 0, whole, x, group, cols, scales, gamma, beta, y);
+    NormSpan(hn::CappedTag<double, 1>(), whole, cols, x, group, cols, scales, gamma, beta, y);
   });
-}
-
-void GroupSquares(hn::CappedTag<float, 1> /*d*/, const float* row, size_t cols, float* sum) {
-  *sum = 0.0F;
-  for (size_t c = 0; c < cols; ++c) *sum += row[c] * row[c];
 }
 
 struct MulOp {

@@ -166,19 +166,6 @@ TEST(Gru, StoredFormsHoldTheSameLayer) {
   }
 }
 
-// The candidate's recurrent bias is scaled by the reset gate, its input bias is not. With all else
-// zero r = z = 0.5 and the first output is tanh(bias) / 2.
-TEST(Gru, ResetGateScalesTheRecurrentCandidate) {
-  const auto first_output = [](float input_bias, float recurrent_bias) {
-    const Bytes block =
-        Bytes().Int(1).Floats(Floats(6)).Floats({0, 0, input_bias}).Floats({0, 0, recurrent_bias});
-    return RunLayer(*ReadLayer(Component1d(kGru, 1, 1, block)), {0}, 1, 1)[0];
-  };
-  EXPECT_NEAR(first_output(0.8F, 0), std::tanh(0.8) / 2, 1e-5);
-  EXPECT_NEAR(first_output(0, 0.8F), std::tanh(0.4) / 2, 1e-5);
-  EXPECT_EQ(first_output(0, 0), 0);
-}
-
 TEST(Gru, StateIsCarriedUntilReset) {
   const Sample sample(4, 6, 1);
   const Layer layer = ReadLayer(sample.Component());

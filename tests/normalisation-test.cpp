@@ -1,0 +1,255 @@
+// Normalisation layers: rows worked by hand, the definition of each kernel on every vector target,
+// and what the layers leave behind.
+
+#include "nnet/normalisation.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "nnet/normalisation-kernels.h"
+#include "tests/model-builder.h"
+#include "tests/vector-targets.h"
+
+namespace handwriting::tests {
+namespace {
+
+using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
+using Floats = std::vector<float>;
+
+constexpr int kNormalize = 0x404;
+constexpr int kBatchNormComponent = 0x405;
+constexpr int kLayerNorm = 0x406;
+constexpr int kBatchNorm2d = 0x407;
+constexpr int kBatchNorm1d = 0x409;
+
+Bytes BatchNormBlock(float epsilon, const std::vector<Floats>& arrays) {
+  Bytes block;
+  block.Float(epsilon);
+  for (const Floats& array : arrays) block.Floats(array);
+  return block;
+}
+
+const Bytes kNormalizeBytes = Component1d(kNormalize, 2, 2, Bytes().Float(2));
+const Bytes kBatchNormComponentBytes =
+    Component1d(kBatchNormComponent, 2, 2, Bytes().Int(2).Floats({1, 2}).Floats({4, 0.25F}));
+const Bytes kBatchNorm1dBytes =
+    Component1d(kBatchNorm1d, 2, 2, BatchNormBlock(1, {{1, 0}, {3, 0}, {2, 1}, {0, 7}}));
+const Bytes kBatchNorm2dBytes =
+    Component2d(kBatchNorm2d, 2, 2, 0, 0, BatchNormBlock(1, {{1, 0}, {3, 0}, {2, 1}, {0, 7}}));
+const Bytes kLayerNormBytes =
+    Component1d(kLayerNorm, 3, 3, Bytes().Int(3).Float(1).Floats({1, 2, 4}).Floats({0, 10, 0}));
+
+TEST(Normalisation, HandWorkedRows) {
+  const struct {
+    Bytes component;
+    const char* text;
+    int in_dim;
+    int frames;
+    Floats in;
+    Floats out;
+    bool in_place;
+    uint64_t bytes;
+  } cases[] = {
+      // Root mean squares 5 and 0 to 2.
+      {kNormalizeBytes,
+       "<NormalizeComponent> 2 2 <TargetRms> 2\n",
+       2,
+       2,
+       {5, -5, 0, 0},
+       {2, -2, 0, 0},
+       false,
+       0},
+      // Scales 1/2 and 2, offsets -1/2 and -4.
+      {kBatchNormComponentBytes,
+       "<BatchNormComponent> 2 2 <BlockDim> 2 <Epsilon> 0 <TargetRms> 1 "
+       "<Count> 9\n[ 1 2 ] [ 4 0.25 ]",
+       2,
+       2,
+       {1, 2, 5, 4},
+       {0, 0, 2, 4},
+       true,
+       16},
+      // Scales 1 and 1, offsets -1 and 7.
+      {kBatchNorm1dBytes,
+       "<BatchNorm1d> 2 2 <Epsilon> 1\n[ 1 0 ] [ 3 0 ] [ 2 1 ] [ 0 7 ]",
+       2,
+       2,
+       {1, 1, 3, 3},
+       {0, 8, 2, 10},
+       true,
+       32},
+      // The same scales on two planes of 2 frames x 1.
+      {kBatchNorm2dBytes,
+       "<BatchNorm2d> 2 2 <Epsilon> 1\n[ 1 0 ] [ 3 0 ] [ 2 1 ] [ 0 7 ]",
+       1,
+       2,
+       {1, 3, 1, 3},
+       {0, 2, 8, 10},
+       false,
+       32},
+      // Mean 2, deviation 1; a row of zeros gives the offsets.
+      {kLayerNormBytes,
+       "<LayerNorm> 3 3 <Epsilon> 1\n[ 1 2 4 ] [ 0 10 0 ]",
+       3,
+       2,
+       {1, 2, 3, 0, 0, 0},
+       {-0.5F, 10, 2, 0, 10, 0},
+       false,
+       24},
+  };
+  for (const auto& c : cases) {
+    const Layer layer = ReadLayer(c.component);
+    SCOPED_TRACE(layer->TypeMarker());
+    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
+    EXPECT_TRUE(EveryPrefixIsRefused(c.component));
+    const Layer text = ReadTextLayer(c.text);
+    EXPECT_EQ(Written([&](FILE* fp) { return text->Write(fp); }), c.component.str());
+    for (Component* each : {layer.get(), text.get()}) {
+      Floats in = c.in;
+      EXPECT_EQ(RunLayer(*each, in, c.frames, c.in_dim), c.out);
+      EXPECT_EQ(in, c.in_place ? c.out : c.in);
+      EXPECT_EQ(RunLayer(*each, Floats(c.in), c.frames, c.in_dim), c.out);  // once folded
+      EXPECT_TRUE(RunLayer(*each, {}, 0, c.in_dim).empty());
+      EXPECT_EQ(each->MemoryBytes(), c.bytes);
+    }
+  }
+}
+
+// What is written after the first call holds scale and offset in place of the statistics.
+TEST(BatchNorm, FoldedParametersAreWritten) {
+  const struct {
+    Bytes component;
+    Bytes folded_block;
+  } cases[] = {
+      {kBatchNormComponentBytes, Bytes().Int(2).Floats({-0.5F, -4}).Floats({0.5F, 2})},
+      {kBatchNorm1dBytes, BatchNormBlock(1, {{1, 0}, {3, 0}, {1, 1}, {-1, 7}})},
+      {kBatchNorm2dBytes, BatchNormBlock(1, {{1, 0}, {3, 0}, {2, 1}, {0, 7}})},
+  };
+  for (const auto& c : cases) {
+    const Layer layer = ReadLayer(c.component);
+    RunLayer(*layer, {1, 1}, 1, layer->is_2d ? 1 : 2);
+    EXPECT_EQ(Written([&](FILE* fp) { return layer->WriteFixedData(fp); }), c.folded_block.str());
+  }
+}
+
+TEST(BatchNorm, TextFormSetsTargetAndEpsilon) {
+  const Layer layer =
+      ReadTextLayer("<BatchNormComponent> 1 1 <BlockDim> 1 <Epsilon> 3 <TargetRms> 4\n[ 5 ] [ 1 ]");
+  EXPECT_EQ(RunLayer(*layer, {5, 6}, 2, 1), Floats({0, 2}));
+}
+
+TEST(BatchNorm2d, TakesItsWidthFromTheCaller) {
+  const Layer layer = ReadLayer(kBatchNorm2dBytes);
+  EXPECT_EQ(RunLayer(*layer, Floats(12, 1.0F), 2, 3), Floats({0, 0, 0, 0, 0, 0, 8, 8, 8, 8, 8, 8}));
+  EXPECT_EQ(layer->InputDim(), 3);
+  EXPECT_EQ(layer->OutputDim(), 3);
+}
+
+TEST(Normalisation, BlocksThatDoNotFitAreRefused) {
+  const Bytes cases[] = {
+      Component1d(kBatchNormComponent, 3, 3, Bytes().Int(2).Floats({1, 2, 3, 4})),
+      Component1d(kBatchNormComponent, -2, -2, Bytes().Int(-2)),
+      Component1d(kLayerNorm, 3, 3, Bytes().Int(2).Float(1).Floats({1, 2, 3, 4})),
+      Component1d(kLayerNorm, -1, 1, Bytes().Int(-1).Float(1)),
+      Component1d(kBatchNorm1d, -1, 1, Bytes().Float(1)),
+      Component1d(kBatchNorm1d, 0x7fffffff, 1, Bytes().Float(1)),
+      Component2d(kBatchNorm2d, -1, 1, 0, 0, Bytes().Float(1)),
+  };
+  for (const Bytes& component : cases) {
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!");
+  }
+  EXPECT_EQ(ThrownBy([] { ReadTextLayer("<BatchNormComponent> 2 2 <BlockDim> 3\n[ 1 2 3 ]"); }),
+            "read component failed!");
+  EXPECT_EQ(ThrownBy([] { ReadTextLayer("<LayerNorm> 2 2 <Epsilon> 1\nx [ 1 2 ] [ 1 2 ]"); }),
+            "wrong matrix format! [leading:x]");
+}
+
+// A header may claim other widths than the layer uses: it reads and writes rows of input_dim.
+TEST(Normalisation, OutputDimensionDoesNotWidenTheWrites) {
+  const Layer narrow = ReadLayer(Component1d(kNormalize, 4, 1, Bytes().Float(1)));
+  EXPECT_EQ(narrow->Extent(3, 4).writes, 12U);
+  Model model(Network({Component1d(kNormalize, 2, 4, Bytes().Float(1))}));
+  EXPECT_EQ(model.Call({3, 3}, 1, 2), Floats({1, 1, 0, 0}));
+}
+
+// The scalar meaning of the kernels.
+
+void LayerNormRow(const float* x, size_t n, const Floats& gamma, const Floats& beta, float epsilon,
+                  float* y) {
+  double sum = 0;
+  double squares = 0;
+  for (size_t j = 0; j < n; ++j) {
+    sum += x[j];
+    squares += double{x[j]} * x[j];
+  }
+  const auto count = static_cast<double>(n);
+  const double mean = sum / count;
+  const double variance =
+      n == 1 ? 0.0 : squares / (count - 1) - count * (mean * mean) / (count - 1);
+  const double deviation = std::sqrt(variance < 0 ? 0.0 : variance);
+  for (size_t j = 0; j < n; ++j) {
+    y[j] = static_cast<float>((x[j] - mean) * gamma[j] / (double{epsilon} + deviation) + beta[j]);
+  }
+}
+
+void RmsNormRow(const float* x, size_t n, float target, float* y) {
+  float s = 0;
+  for (size_t j = 0; j < n; ++j) s += x[j] * x[j];
+  s /= target * target * static_cast<float>(n);
+  const float factor = s >= 1.3552527e-20F ? 1 / std::sqrt(s) : 8589934592.0F;
+  for (size_t j = 0; j < n; ++j) y[j] = x[j] * factor;
+}
+
+// Ordinary rows, and some with values that leave no ordinary result.
+Floats TestRows(size_t rows, size_t cols) {
+  Floats in = Random(rows * cols, 60, 3.0F);
+  const auto fill = [&](size_t row, float value) {
+    if (row < rows) std::fill_n(in.begin() + static_cast<long>(row * cols), cols, value);
+  };
+  fill(1, 0.0F);
+  fill(2, 0.1F);
+  fill(4, 1e-30F);
+  fill(6, 1e30F);
+  if (rows > 8) in[8 * cols] = std::numeric_limits<float>::quiet_NaN();
+  if (rows > 9) in[9 * cols] = std::numeric_limits<float>::infinity();
+  return in;
+}
+
+TEST(NormalisationKernels, SameBitsAsTheirDefinitionOnEveryTarget) {
+  for (const size_t rows : {1, 3, 4, 5, 7, 8, 15, 16, 17, 31, 37}) {
+    for (const size_t cols : {1, 2, 3, 4, 7, 16, 33}) {
+      const Floats in = TestRows(rows, cols);
+      const Floats gamma = Random(cols, 61);
+      const Floats beta = Random(cols, 62);
+      Floats layer_wanted(in.size());
+      Floats rms_wanted(in.size());
+      Floats plane_wanted(in.size());
+      for (size_t at = 0; at < in.size(); at += cols) {
+        LayerNormRow(&in[at], cols, gamma, beta, 1e-5F, &layer_wanted[at]);
+        RmsNormRow(&in[at], cols, 0.7F, &rms_wanted[at]);
+      }
+      std::ranges::transform(in, plane_wanted.begin(), [](float x) { return x * 0.3F + 0.1F; });
+      ForEachVectorTarget([&] {
+        Floats out(in.size());
+        const auto same = [&](const Floats& wanted) {
+          return std::ranges::equal(out, wanted, SameFloat);
+        };
+        layer_norm(in.data(), rows, cols, gamma.data(), beta.data(), 1e-5F, out.data());
+        EXPECT_TRUE(same(layer_wanted)) << rows << " x " << cols;
+        rms_norm(in.data(), rows, cols, 0.7F, out.data());
+        EXPECT_TRUE(same(rms_wanted)) << rows << " x " << cols;
+        scale_and_shift(in.data(), in.size(), 0.3F, 0.1F, out.data());
+        EXPECT_TRUE(same(plane_wanted)) << rows << " x " << cols;
+      });
+    }
+  }
+}
+
+}  // namespace
+}  // namespace handwriting::tests
