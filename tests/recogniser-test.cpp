@@ -77,7 +77,7 @@ Bytes TwoNetworks(const Bytes& first, const Bytes& second) {
 TEST(Recogniser, TwoSmallNetworksWorkedByHand) {
   // y = 2 x + 1 on two features, then three classes: blank sum - 1, first, second.
   Bytes model = TwoNetworks(Network({Affine(2, 2, {1, 1}, {2, 0, 0, 2})}),
-                                  Network({Affine(2, 3, {-1, 0, 0}, {1, 1, 1, 0, 0, 1})}));
+                            Network({Affine(2, 3, {-1, 0, 0}, {1, 1, 1, 0, 0, 1})}));
   Recogniser recogniser(model.Add(Bytes().Int(7)), 1, 3);
   ASSERT_TRUE(recogniser);
   EXPECT_EQ(recogniser.position + 4, static_cast<long>(model.str().size()));
