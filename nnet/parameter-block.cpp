@@ -68,6 +68,17 @@ void ReadTextFloats(FILE* fp, const ParameterList& list, MatrixOpening opening,
   }
 }
 
+void ReadTextMatrices(FILE* fp, FloatArray& array, size_t count, int rows, int cols,
+                      uint64_t& memory_bytes) {
+  std::vector<float> values;
+  for (size_t i = 0; i < count; ++i) {
+    const std::vector<float> matrix = ReadTextValues(fp, rows, cols, MatrixOpening::kStrict);
+    values.insert(values.end(), matrix.begin(), matrix.end());
+  }
+  array.Allocate(1, values.size(), memory_bytes);
+  std::ranges::copy(values, array.values().begin());
+}
+
 bool MapFloats(const char** cursor, const ParameterList& list, uint64_t& memory_bytes) {
   if (reinterpret_cast<uintptr_t>(*cursor) % alignof(float) != 0) return false;
   for (const ParameterRef& parameter : list) {

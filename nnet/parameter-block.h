@@ -28,6 +28,10 @@ bool WriteHalfFloats(FILE* fp, const ConstParameterList& list);
 void ReadTextFloats(FILE* fp, const ParameterList& list, MatrixOpening opening,
                     uint64_t& memory_bytes);
 
+/// `count` text matrices of rows x cols values each, one after another in one array.
+void ReadTextMatrices(FILE* fp, FloatArray& array, size_t count, int rows, int cols,
+                      uint64_t& memory_bytes);
+
 /// Points the arrays into an image of 32-bit floats and advances the cursor; false when it is not
 /// aligned for them.
 bool MapFloats(const char** cursor, const ParameterList& list, uint64_t& memory_bytes);

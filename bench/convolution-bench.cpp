@@ -1,0 +1,123 @@
+// Convolutions along the frame axis, beside the scalar loop that defines them. Run with
+//   handwriting_bench --benchmark_filter=Conv
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "nnet/conv1d.h"
+#include "nnet/nnet-util.h"
+
+namespace {
+
+using tarev::nnet::handwriting_CTC::Conv1d;
+using tarev::nnet::handwriting_CTC::vector_target_name;
+
+struct Problem {
+  int channels;
+  int frames;
+  int kernel_size;
+  int groups;
+  std::vector<float> kernel;  // in compute order: output channel, tap, input channel of the group
+  std::vector<float> in;
+  std::vector<float> out;
+
+  Problem(int channels_arg, int frames_arg, int kernel_size_arg, int groups_arg)
+      : channels(channels_arg),
+        frames(frames_arg),
+        kernel_size(kernel_size_arg),
+        groups(groups_arg),
+        kernel(Random(channels * (channels / groups) * kernel_size)),
+        in(Random(channels * frames)),
+        out(in.size()) {}
+
+  static std::vector<float> Random(int count) {
+    std::mt19937 engine(1);
+    std::uniform_real_distribution<float> value(-1.0F, 1.0F);
+    std::vector<float> values(static_cast<size_t>(count));
+    for (float& v : values) v = value(engine);
+    return values;
+  }
+
+  double Operations() const { return 2.0 * frames * channels * (channels / groups) * kernel_size; }
+};
+
+// The sum of every output value in its order, one product at a time, the taps centred.
+void PlainConvolve(Problem& p) {
+  const int per_group = p.channels / p.groups;
+  for (int o = 0; o < p.channels; ++o) {
+    const float* weights = p.kernel.data() + o * p.kernel_size * per_group;
+    const float* in = p.in.data() + o / per_group * per_group;
+    for (int t = 0; t < p.frames; ++t) {
+      float sum = 0.0F;
+      for (int j = 0; j < p.kernel_size; ++j) {
+        const int frame = t + j - p.kernel_size / 2;
+        if (frame < 0 || frame >= p.frames) continue;
+        for (int c = 0; c < per_group; ++c) {
+          sum += weights[j * per_group + c] * in[frame * p.channels + c];
+        }
+      }
+      p.out[static_cast<size_t>(t * p.channels + o)] = sum;
+    }
+  }
+}
+
+std::unique_ptr<Conv1d> LayerFor(const Problem& p) {
+  auto layer = std::make_unique<Conv1d>(p.channels, p.channels);
+  const int32_t half = p.kernel_size / 2;
+  const int32_t fields[] = {p.kernel_size, 1, half, half, 1, p.groups, 0};
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::tmpfile(), std::fclose);
+  std::fwrite(fields, sizeof(fields), 1, file.get());
+  std::fwrite(p.kernel.data(), sizeof(float), p.kernel.size(), file.get());
+  std::rewind(file.get());
+  return layer->ReadData(file.get()) ? std::move(layer) : nullptr;
+}
+
+void Report(benchmark::State& state, const Problem& p) {
+  state.counters["GFLOP/s"] =
+      benchmark::Counter(p.Operations() * 1e-9, benchmark::Counter::kIsIterationInvariantRate);
+  state.SetLabel(vector_target_name());
+}
+
+Problem ProblemOf(const benchmark::State& state) {
+  return {static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
+          static_cast<int>(state.range(2)), static_cast<int>(state.range(3))};
+}
+
+void BM_ConvLayer(benchmark::State& state) {
+  Problem p = ProblemOf(state);
+  const std::unique_ptr<Conv1d> layer = LayerFor(p);
+  if (layer == nullptr) return state.SkipWithError("the layer could not be read");
+  for (auto _ : state) {
+    layer->PropagateFnc(p.in.data(), p.frames, p.channels, p.out.data(), 1);
+    benchmark::ClobberMemory();
+  }
+  Report(state, p);
+}
+
+void BM_ConvPlainLoop(benchmark::State& state) {
+  Problem p = ProblemOf(state);
+  for (auto _ : state) {
+    PlainConvolve(p);
+    benchmark::ClobberMemory();
+  }
+  Report(state, p);
+}
+
+// Dense with three taps, and depthwise with five.
+void Shapes(benchmark::internal::Benchmark* bench) {
+  bench->ArgNames({"channels", "frames", "taps", "groups"})->Unit(benchmark::kMicrosecond);
+  for (const int frames : {16, 128, 1024}) {
+    for (const int channels : {64, 128, 256}) bench->Args({channels, frames, 3, 1});
+    bench->Args({128, frames, 5, 128});
+  }
+}
+
+BENCHMARK(BM_ConvLayer)->Apply(Shapes);
+BENCHMARK(BM_ConvPlainLoop)->Apply(Shapes);
+
+}  // namespace
