@@ -5,7 +5,7 @@
 #   4  api/                                     the exported functions
 #   3  nnet/nnet-nnet, component-registry       what must know every layer
 #   2  nnet/ otherwise, nnet/stream_nnet/       the layer families
-#   1  nnet/nnet-component                      the contract that every layer fulfils
+#   1  nnet/nnet-component, parameter-block     the contract that every layer fulfils, parameter arrays
 #   0  utils/ ctc/ nnet/nnet-util, vector-math  what knows nothing of layers
 #
 # On floor 0, utils/ and ctc/ know nothing of nnet/ either.
@@ -17,7 +17,7 @@ cd "$1"
 floor_of() {
   case $1 in
     utils/* | ctc/* | nnet/nnet-util* | nnet/vector-math*) echo 0 ;;
-    nnet/nnet-component*) echo 1 ;;
+    nnet/nnet-component* | nnet/parameter-block* | nnet/fixed-block*) echo 1 ;;
     nnet/nnet-nnet* | nnet/component-registry*) echo 3 ;;
     nnet/*) echo 2 ;;
     api/*) echo 4 ;;
