@@ -12,6 +12,7 @@
 #include "nnet/gru.h"
 #include "nnet/highway.h"
 #include "nnet/lstm.h"
+#include "nnet/nnet-control-flow.h"
 #include "nnet/nnet-layer.h"
 #include "nnet/normalisation.h"
 #include "nnet/positional-encoding.h"
@@ -76,10 +77,21 @@ constexpr Row kRows[] = {
     RowOf<BatchNorm2d>("BatchNorm2d"),
     RowOf<AddComponent>("AddComponent"),
     RowOf<BatchNorm1d>("BatchNorm1d"),
+    RowOf<ViewComponent>("ViewComponent"),
+    RowOf<TransposeComponent>("TransposeComponent"),
     RowOf<Prior>("Prior"),
     RowOf<StatisticsExtraction>("StatisticsExtractionComponent"),
     RowOf<StatisticsPooling>("StatisticsPoolingComponent"),
     RowOf<SlidingWindow>("SlidingWindowComponent"),
+    RowOf<RegisterComponent>("RegisterComponent"),
+    RowOf<Register2dComponent>("Register2dComponent"),
+    RowOf<ConcatenateComponent>("ConcatenateComponent"),
+    RowOf<Concatenate2dComponent>("Concatenate2dComponent"),
+    RowOf<FlattenComponent>("FlattenComponent"),
+    RowOf<DeflattenComponent>("DeflattenComponent"),
+    RowOf<SliceComponent>("SliceComponent"),
+    RowOf<ReflectionPad>("ReflectionPad"),
+    RowOf<ConstantPad>("ConstantPad"),
 };
 
 std::string Marker(const char* opening, const char* name) {

@@ -8,6 +8,7 @@
 
 #include "nnet/fsmn-layer.h"
 #include "nnet/lstm.h"
+#include "nnet/nnet-control-flow.h"
 #include "nnet/nnet-layer.h"
 #include "nnet/statistics.h"
 #include "utils/file-io.h"
@@ -26,6 +27,36 @@ void CheckFrames(const Component& layer, size_t position, int64_t frames) {
   if (frames > kMaxFrames) {
     ThrowError(Here(), "too many frames! layer[%s] position[%zu] [%" PRId64 " > %" PRId64 "]",
                layer.TypeMarker().c_str(), position, frames, kMaxFrames);
+  }
+}
+
+template <class Register>
+void AddRegister(const Component& layer, RegisterMap<Register>& registers) {
+  const auto* found = dynamic_cast<const Register*>(&layer);
+  if (found == nullptr || registers.emplace(found->register_name, found).second) return;
+  ThrowError(Here(), "insert %s failed! maybe %s name is duplicated [%s]", Register::kKind,
+             Register::kKind, found->register_name.c_str());
+}
+
+// Finds the registers of a concatenation. Its parts must fill its output: dimensions for rows,
+// channels for planes.
+template <class Concatenation>
+void Bind(Component& layer, const RegisterMap<typename Concatenation::Register>& registers) {
+  auto* joined = dynamic_cast<Concatenation*>(&layer);
+  if (joined == nullptr) return;
+  joined->registers.clear();
+  int64_t units = static_cast<int64_t>(joined->input_positions.size()) * joined->InputUnits();
+  for (const std::string& name : joined->register_names) {
+    const auto found = registers.find(name);
+    if (found == registers.end()) {
+      ThrowError(Here(), "cannot find register with name [%s]", name.c_str());
+    }
+    joined->registers.push_back(found->second);
+    units += Concatenation::RegisterUnits(*found->second);
+  }
+  if (units != joined->OutputUnits()) {
+    ThrowError(Here(), "mismatched concentrate dimension! [%" PRId64 " != %" PRId64 "]", units,
+               joined->OutputUnits());
   }
 }
 
@@ -53,16 +84,33 @@ NnetForward::NnetForward(Nnet* network) : nnet(network) {
   if (nnet->layers.empty()) ThrowWrongParameters(Here(), "NnetForward", "nnet->layers.empty()");
   input_dim = nnet->layers.front()->InputDim();
   output_dim = nnet->layers.back()->OutputDim();
-  LinkGates();
+  MapRegisters();
   LinkMemories();
   LinkSpliceContext();
   LinkWindows();
+  BindConcatenations();
+  // Last, since it lends a buffer of this executor, which a failure above would take away.
+  LinkGates();
 }
 
 NnetForward::~NnetForward() {
   // The network may outlive its executor: no layer keeps a way into buffers that go away here.
   for (const auto& layer : nnet->layers) {
     if (auto* blstm = dynamic_cast<Blstm*>(layer.get())) blstm->shared_gates = nullptr;
+  }
+}
+
+void NnetForward::MapRegisters() {
+  for (const auto& layer : nnet->layers) {
+    AddRegister(*layer, register_map);
+    AddRegister(*layer, register2d_map);
+  }
+}
+
+void NnetForward::BindConcatenations() {
+  for (const auto& layer : nnet->layers) {
+    Bind<ConcatenateComponent>(*layer, register_map);
+    Bind<Concatenate2dComponent>(*layer, register2d_map);
   }
 }
 

@@ -5,13 +5,22 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "nnet/nnet-component.h"
 #include "nnet/nnet-util.h"
 
 namespace tarev::nnet::handwriting_CTC {
+
+class RegisterComponent;
+class Register2dComponent;
+
+/// Registers by their names; the layers belong to the network.
+template <class Register>
+using RegisterMap = std::map<std::string, const Register*>;
 
 /// A network: its layers, owned, in the order in which they run.
 struct Nnet {
@@ -66,6 +75,8 @@ class NnetForward {
   int OutputDim() const { return output_dim; }
 
  private:
+  void MapRegisters();
+  void BindConcatenations();
   void LinkGates();
   void LinkMemories();
   void LinkWindows();
@@ -88,6 +99,8 @@ class NnetForward {
   FloatArray shared_gate_buffer;
   BlockShape output_shape;
   uint64_t buffer_bytes = 0;
+  RegisterMap<RegisterComponent> register_map;
+  RegisterMap<Register2dComponent> register2d_map;
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

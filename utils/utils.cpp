@@ -23,18 +23,6 @@ bool IsLineSpace(char c) { return c == ' ' || c == '\t'; }
 int32_t ToInt(const char* token) { return static_cast<int32_t>(std::strtol(token, nullptr, 10)); }
 float ToFloat(const char* token) { return static_cast<float>(std::strtod(token, nullptr)); }
 
-// The rest of the current line without its line end; the first name of the list came before it.
-std::string ReadLine(FILE* fp) {
-  std::string line;
-  int c = std::getc(fp);
-  for (; c != EOF && c != '\n'; c = std::getc(fp)) {
-    if (line.size() == kMaxLineLength) ThrowError(Here(), "wrong property format!");
-    line.push_back(static_cast<char>(c));
-  }
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  return line;
-}
-
 bool ParseBool(const char* token) {
   switch (token[0]) {
     case 'T':
@@ -183,6 +171,17 @@ bool fwrite_string(FILE* fp, const std::string& s) {
          WriteArray(fp, std::span<const char>(s));
 }
 
+std::string ReadRestOfLine(FILE* fp) {
+  std::string line;
+  int c = std::getc(fp);
+  for (; c != EOF && c != '\n'; c = std::getc(fp)) {
+    if (line.size() == kMaxLineLength) ThrowError(Here(), "wrong property format!");
+    line.push_back(static_cast<char>(c));
+  }
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  return line;
+}
+
 void AddProperty(PropertyTable& table, const char* name, const char* type, void* destination) {
   if (type[0] == '\0' || std::strchr("ifbs", type[0]) == nullptr) {
     ThrowError(Here(), "unknown property type! [%s]", type);
@@ -202,7 +201,7 @@ void ReadProperties(FILE* fp, PropertyTable& table) {
     return;
   }
   if (separator == '\n') ThrowError(Here(), "wrong property format!");
-  std::string text = ReadLine(fp);
+  std::string text = ReadRestOfLine(fp);  // the first name of the list came before it
   char* line = text.data();
   for (;;) {
     const auto entry = table.find(token);

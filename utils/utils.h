@@ -31,6 +31,10 @@ char* get_next_token(char* line, char* token);
 /// Puts back a token just read and the separator that ended it. The stream must be seekable.
 bool UnreadToken(FILE* fp, const char* token, int separator);
 
+/// The rest of the current line without its line end. Throws "wrong property format!" when it is
+/// longer than 4096 characters.
+std::string ReadRestOfLine(FILE* fp);
+
 /// A string is an int32 byte count and the bytes. A count that is negative or exceeds the rest of
 /// the file fails before anything is allocated.
 bool fread_string(FILE* fp, std::string& s);
