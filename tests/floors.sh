@@ -14,45 +14,52 @@
 set -euo pipefail
 cd "$1"
 
-floor_of() {
-  case $1 in
-    utils/* | ctc/* | nnet/nnet-util* | nnet/vector-math*) echo 0 ;;
-    nnet/nnet-component* | nnet/parameter-block* | nnet/fixed-block*) echo 1 ;;
-    nnet/nnet-nnet* | nnet/component-registry*) echo 3 ;;
-    nnet/*) echo 2 ;;
-    api/*) echo 4 ;;
-    *) echo 5 ;;
+set_floor() {  # VARIABLE FILE
+  local number
+  case $2 in
+    utils/* | ctc/* | nnet/nnet-util* | nnet/vector-math*) number=0 ;;
+    nnet/nnet-component*) number=1 ;;
+    nnet/nnet-nnet* | nnet/component-registry*) number=3 ;;
+    nnet/*) number=2 ;;
+    api/*) number=4 ;;
+    *) number=5 ;;
   esac
+  printf -v "$1" %d $number
 }
 
 # An include names a file from the root of the repository or from the folder of the file it stands
-# in; what is neither belongs to somebody else.
-resolve() {  # FILE INCLUDED
-  local beside
-  beside=$(realpath --canonicalize-missing --relative-to=. "$(dirname "$1")/$2")
+# in; what is neither belongs to somebody else, and `target` stays empty.
+set_target() {  # FILE INCLUDED
+  local beside=${1%/*}/$2
+  target=
   if [[ -f $beside ]]; then
-    echo "$beside"
+    target=$beside
+    [[ $beside != *..* ]] || target=$(realpath --relative-to=. "$beside")
   elif [[ -f $2 ]]; then
-    realpath --relative-to=. "$2"
+    target=$2
   fi
 }
 
 failed=0
 seen=0
+directive='[[:space:]]*#[[:space:]]*(include|define HWY_TARGET_INCLUDE)[[:space:]]*["<]'
 while IFS=: read -r file line text; do
-  included=$(sed -E 's/^[^"<]*["<]([^">]*).*/\1/' <<<"$text")
-  target=$(resolve "$file" "$included")
+  included=${text#*[\"<]}
+  included=${included%%[\">]*}
+  set_target "$file" "$included"
   [[ -n $target ]] || continue
   seen=$((seen + 1))
-  if (($(floor_of "$file") < $(floor_of "$target"))); then
-    echo "$file:$line: includes $target of a higher floor ($(floor_of "$file") -> $(floor_of "$target"))"
+  set_floor from "$file"
+  set_floor to "$target"
+  # shellcheck disable=SC2154  # set_floor assigns them
+  if ((from < to)); then
+    echo "$file:$line: includes $target of a higher floor ($from -> $to)"
     failed=1
   elif [[ $file =~ ^(utils|ctc)/ && $target == nnet/* ]]; then
     echo "$file:$line: includes $target, but ${file%%/*}/ knows nothing of networks"
     failed=1
   fi
-done < <(grep -rnE '^[[:space:]]*#[[:space:]]*(include|define HWY_TARGET_INCLUDE)[[:space:]]*["<]' \
-  api nnet utils ctc)
+done < <(grep -rnE "^$directive" api nnet utils ctc)
 
 if ((seen == 0)); then
   echo "no include of a project file was found: nothing was checked"
