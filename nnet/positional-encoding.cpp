@@ -35,6 +35,7 @@ void PositionalEncoding::GrowTable(int64_t rows, int32_t dim) {
 
 void PositionalEncoding::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                       int /*call_id*/) {
+  AdoptWidth(in_dim);
   GrowTable(frames, in_dim);
   const size_t count = ToSize(frames) * ToSize(in_dim);
   for (size_t i = 0; i < count; ++i) out[i] = in[i] + position_table[i];

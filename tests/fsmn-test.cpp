@@ -1,0 +1,189 @@
+// The sequential memory block, alone and in chains through the executor.
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "nnet/fsmn-layer.h"
+#include "tests/model-builder.h"
+#include "tests/vector-targets.h"
+
+namespace handwriting::tests {
+namespace {
+
+using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
+using Floats = std::vector<float>;
+
+struct Taps {
+  int left = 0;
+  int right = 0;
+  int stride = 1;
+  int depend = 0;
+  uint32_t seed = 1;
+
+  int Context() const { return (left + right) * stride; }
+  Floats Filter(int dim) const {
+    return Random(static_cast<size_t>((left + right + 1) * dim), seed);
+  }
+  Bytes Component(int dim, int code = 0x107) const {
+    const Bytes block = Bytes().Int(left).Int(right).Int(stride).Int(depend).Floats(Filter(dim));
+    return Component1d(code, dim, dim, block);
+  }
+};
+
+// One block by its definition, float by float in tap order; `memory` receives the tap sums, `skip`
+// is added when it is not null.
+Floats Direct(const Taps& taps, int dim, const Floats& in, Floats& memory, const float* skip) {
+  const Floats filter = taps.Filter(dim);
+  const int frames = static_cast<int>(in.size()) / dim - taps.Context();
+  memory.clear();
+  Floats out;
+  for (int i = 0; i < frames; ++i) {
+    for (int j = 0; j < dim; ++j) {
+      float sum = 0;
+      for (int k = 0; k <= taps.left + taps.right; ++k) {
+        const float product = filter[static_cast<size_t>(k * dim + j)] *
+                              in[static_cast<size_t>((i + k * taps.stride) * dim + j)];
+        sum += product;
+      }
+      memory.push_back(sum);
+      out.push_back(sum + in[static_cast<size_t>((i + taps.left * taps.stride) * dim + j)]);
+      if (skip != nullptr) out.back() += skip[i * dim + j];
+    }
+  }
+  return out;
+}
+
+TEST(Fsmn, HandWorkedSums) {
+  const struct {
+    const char* text;
+    Floats in;
+    Floats out;
+  } cases[] = {
+      {"<Fsmn> 2 2 <LOrder> 0 <ROrder> 0 <Stride> 1\n[ 1 1 ]", {1, 2, 3, 4}, {2, 4, 6, 8}},
+      {"<Fsmn> 1 1 <LearnRateCoef> 0.5 <LOrder> 1 <ROrder> 1 <Stride> 2\nstray [ 1\n10\n100 ]",
+       {1, 2, 3, 4, 5, 6},
+       {534, 646}},
+      {"<Fsmn> 1 1 <LOrder> 0 <ROrder> 1 <Stride> 3\n[ 0 1 ]", {1, 2, 3, 4}, {5}},
+      {"<Fsmn> 1 1 <LOrder> 2 <ROrder> 0 <Stride> 0\n[ 1 2 3 ]", {1, 2}, {7, 14}},
+  };
+  for (const auto& c : cases) {
+    const Layer layer = ReadTextLayer(c.text);
+    const auto frames = static_cast<int64_t>(c.in.size()) / layer->input_dim;
+    EXPECT_EQ(RunLayer(*layer, Floats(c.in), frames, layer->input_dim), c.out) << c.text;
+    EXPECT_TRUE(layer->Links().empty());
+  }
+}
+
+TEST(Fsmn, EveryWidthAndFrameCountGivesTheBitsOfTheScalarSum) {
+  for (const int dim : {1, 3, 17, 37}) {
+    for (const Taps& taps : {Taps{3, 2, 1}, Taps{1, 4, 3}, Taps{0, 0, 1}, Taps{0, 2, 2}}) {
+      const Bytes component = taps.Component(dim);
+      const Layer layer = ReadLayer(component);
+      EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), component.str());
+      EXPECT_EQ(Written([&](FILE* fp) { return layer->WriteFixed(fp); }),
+                taps.Component(dim, 0x807).str());
+      for (const int out_frames : {9, 1, 6}) {
+        const int frames = out_frames + taps.Context();
+        const Floats in = Random(static_cast<size_t>(frames * dim), 77);
+        Floats memory;
+        const Floats wanted = Direct(taps, dim, in, memory, nullptr);
+        ForEachVectorTarget([&] {
+          ASSERT_EQ(RunLayer(*layer, Floats(in), frames, dim), wanted);
+          const float* kept = dynamic_cast<Fsmn&>(*layer).memory_buffer.data();
+          ASSERT_EQ(Floats(kept, kept + memory.size()), memory);
+        });
+      }
+    }
+  }
+  EXPECT_TRUE(EveryPrefixIsRefused(Taps{1, 1, 2}.Component(2)));
+}
+
+TEST(Fsmn, ChainsAddTheMemoryOfTheBlockTheyDependOn) {
+  constexpr int kDim = 5;
+  const struct {
+    std::vector<Taps> blocks;
+    std::vector<int> offsets;  // of the skip rows; -1 without
+  } cases[] = {
+      {{{1, 1, 1, 0, 1}, {3, 0, 1, -1, 2}}, {-1, 3}},
+      {{{1, 0, 2, 0, 1}, {1, 2, 1, -1, 2}, {2, 1, 2, -2, 3}, {1, 0, 1, -1, 4}}, {-1, 1, 5, 1}},
+      {{{2, 0, 1, 0, 1}, {0, 2, 1, -1, 2}}, {-1, 0}},  // an offset of 0 is a dependency too
+  };
+  for (const auto& c : cases) {
+    Bytes bytes;
+    bytes.Raw(static_cast<uint32_t>(c.blocks.size()));
+    for (const Taps& taps : c.blocks) bytes.Add(taps.Component(kDim));
+    Model model(bytes);
+    for (const size_t frames : {size_t{40}, size_t{23}}) {
+      const Floats in = Random(frames * kDim, 5);
+      Floats rows = in;
+      std::vector<Floats> memories(c.blocks.size());
+      for (size_t b = 0; b < c.blocks.size(); ++b) {
+        const Taps& taps = c.blocks[b];
+        const float* skip = nullptr;
+        if (taps.depend != 0) {
+          skip = memories[b - static_cast<size_t>(-taps.depend)].data() + c.offsets[b] * kDim;
+        }
+        rows = Direct(taps, kDim, rows, memories[b], skip);
+        const auto& block = dynamic_cast<Fsmn&>(*model.nnet.layers[b]);
+        EXPECT_EQ(block.skip_offset, c.offsets[b]);
+        EXPECT_EQ(block.Links().empty(), taps.depend == 0);
+      }
+      EXPECT_EQ(model.Call(in, static_cast<int64_t>(frames), kDim), rows);
+    }
+  }
+}
+
+TEST(Fsmn, DependenciesThatCannotBeFollowedThrow) {
+  const auto failure = [](const Bytes& network) {
+    return ThrownBy([&] { Model(network).Call(Floats(80, 1.0F), 40, 2); });
+  };
+  const Bytes first = Taps{1, 0, 1}.Component(2);
+  const Bytes second = Taps{0, 1, 1, -1}.Component(2);
+  const int least = std::numeric_limits<int>::min();
+  EXPECT_EQ(failure(Network({second})), "fsmn 'depend' out of scope! [-1]");
+  EXPECT_EQ(failure(Network({first, Taps{0, 0, 1, -3}.Component(2)})),
+            "fsmn 'depend' out of scope! [-2]");
+  EXPECT_EQ(failure(Network({first, Taps{0, 0, 1, least}.Component(2)})),
+            "fsmn 'depend' out of scope! [-2147483647]");
+  EXPECT_EQ(failure(Network({Taps{}.Component(3), second})),
+            "mismatched fsmn memory! layer[<Fsmn>] [2] vs [3]");
+  // Frames that a layer between the two repeats have no memory to go with.
+  const Bytes windows = Component1d(0x603, 2, 2, Bytes().Int(4).Int(1).Int(0));
+  EXPECT_EQ(failure(Network({first, windows, second})),
+            "too few fsmn memory rows! [needed:143, produced:39]");
+  EXPECT_EQ(failure(Network({Taps{20, 20, 1}.Component(2)})),
+            "too few input frames! [frames:40, left:20, right:20]");
+  // Outside an executor there is nothing to depend on.
+  const Layer alone = ReadLayer(second);
+  EXPECT_EQ(ThrownBy([&] { RunLayer(*alone, Floats(8), 4, 2); }),
+            "fsmn is not linked to its dependency! [-1]");
+}
+
+TEST(Fsmn, BlocksThatCannotRunAreRefused) {
+  constexpr int kMost = std::numeric_limits<int>::max();
+  const struct {
+    int input_dim, output_dim, left, right, stride, depend;
+  } cases[] = {{2, 2, -1, 2, 1, 0},    {2, 2, 2, -1, 1, 0},        {2, 2, 1, 1, -1, 0},
+               {2, 2, 0, 0, 1, 1},     {2, 2, 2, 0, kMost, 0},     {2, 2, 0, 2, kMost, 0},
+               {2, 3, 1, 1, 1, 0},     {0, 0, 1, 1, 1, 0},         {-2, -2, 1, 1, 1, 0},
+               {2, 2, kMost, 0, 1, 0}, {2, 2, kMost, kMost, 1, 0}, {kMost, kMost, 1, 1, 1, 0}};
+  for (const auto& c : cases) {
+    const Bytes block =
+        Bytes().Int(c.left).Int(c.right).Int(c.stride).Int(c.depend).Floats(Floats(16, 1.0F));
+    const Bytes component = Component1d(0x107, c.input_dim, c.output_dim, block);
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!")
+        << c.left << " " << c.right << " " << c.stride << " " << c.depend;
+  }
+  ::testing::internal::CaptureStderr();
+  const char* text = "<Fsmn> 1 1 <LOrder> 0 <ROrder> 0 <Stride> 1 <Depend> 1\n[ 1 ]";
+  EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!");
+  const std::string log = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("fsmn-layer"), std::string::npos);
+  EXPECT_NE(log.find("Fsmn layer _depend must <= 0!"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace handwriting::tests

@@ -1,0 +1,288 @@
+// Windows over the frame stream and the statistics of windows.
+
+#include "nnet/statistics.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "tests/model-builder.h"
+
+namespace handwriting::tests {
+namespace {
+
+using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
+using Floats = std::vector<float>;
+
+Bytes Extraction(int input_period, int output_period, bool variance, int dim, int out_dim) {
+  return Component1d(0x601, dim, out_dim,
+                     Bytes().Int(input_period).Int(output_period).Byte(variance));
+}
+
+Bytes Pooling(int dim, int out_dim, int log_counts = 0, bool deviations = true,
+              float floor = 1e-10F) {
+  return Component1d(0x602, dim, out_dim,
+                     Bytes().Int(3).Int(-1).Int(-1).Int(log_counts).Byte(deviations).Float(floor));
+}
+
+Bytes Windows(int window, int hop, int mode = 0, int dim = 1) {
+  return Component1d(0x603, dim, dim, Bytes().Int(window).Int(hop).Int(mode));
+}
+
+// Frames 0, 1, 2, … of one value.
+Floats Ramp(int frames, int first = 0) {
+  Floats ramp(static_cast<size_t>(frames));
+  std::iota(ramp.begin(), ramp.end(), static_cast<float>(first));
+  return ramp;
+}
+
+TEST(Statistics, ExtractionSumsTheSpanOfEveryFrame) {
+  const struct {
+    int input_period, output_period;
+    bool variance;
+    Floats in;
+    Floats out;
+  } cases[] = {
+      {1, 3, true, {1, 2, 3, 4, 5}, {3, 6, 14, 3, 9, 29, 3, 12, 50}},
+      {2, 2, true, {1, 2, 3}, {1, 1, 1, 1, 2, 4, 1, 3, 9}},
+      {2, 6, false, {1, 2, 3, 4, 5, 6}, {3, 9, 3, 12}},
+      {1, 2, false, {1, 2}, {2, 3}},
+  };
+  for (const auto& c : cases) {
+    const int width = c.variance ? 3 : 2;
+    const Layer layer =
+        ReadLayer(Extraction(c.input_period, c.output_period, c.variance, 1, width));
+    Floats in = c.in;
+    EXPECT_EQ(RunLayer(*layer, in, static_cast<int64_t>(in.size()), 1), c.out);
+    for (size_t i = 0; i < in.size(); ++i) {
+      EXPECT_EQ(in[i], c.variance ? c.in[i] * c.in[i] : c.in[i]);
+    }
+    const auto few = c.output_period - c.input_period;
+    EXPECT_EQ(ThrownBy([&] { RunLayer(*layer, Floats(9), few, 1); }),
+              "too few input frames! [frames:" + std::to_string(few) +
+                  ", left:0, right:" + std::to_string(few) + "]");
+  }
+  const Layer two = ReadLayer(Extraction(1, 2, true, 2, 5));
+  EXPECT_EQ(RunLayer(*two, {1, 10, 2, 20, 3, 30}, 3, 2),
+            Floats({2, 3, 30, 5, 500, 2, 5, 50, 13, 1300}));
+}
+
+TEST(Statistics, PoolingGivesMeansAndDeviations) {
+  const struct {
+    const char* what;
+    Bytes layer;
+    int dim;
+    int pool_frames;
+    Floats in;
+    Floats out;
+  } cases[] = {
+      {"all rows", Pooling(3, 2), 3, 0, {1, 2, 4, 1, 4, 16}, {3, 1}},
+      {"blocks, the last one shorter",
+       Pooling(3, 2),
+       3,
+       2,
+       {1, 2, 4, 1, 4, 16, 2, 10, 68},
+       {3, 1, 5, 3}},
+      {"fewer rows than a block", Pooling(3, 2), 3, 9, {1, 2, 4, 1, 4, 16}, {3, 1}},
+      {"a variance below the floor", Pooling(3, 2), 3, 0, {1, 2, 4}, {2, 1e-5F}},
+      {"no deviations wanted", Pooling(3, 2, 0, false), 3, 0, {2, 2, 8}, {1, 4}},
+      {"an even width has no second half", Pooling(4, 3), 4, 0, {2, 2, 4, 6}, {1, 2, 3}},
+      {"count features", Pooling(3, 4, 2), 3, 0, {2, 2, 8}, {0, 0, 1, 4}},
+      {"a negative floor stops the roots",
+       Pooling(5, 4, 0, true, -9),
+       5,
+       0,
+       {1, 2, 1, 0, 5},
+       {2, 1, -4, 4}},
+  };
+  for (const auto& c : cases) {
+    const Layer layer = ReadLayer(c.layer);
+    dynamic_cast<StatisticsPooling&>(*layer).pool_frames = c.pool_frames;
+    const auto rows = static_cast<int64_t>(c.in.size()) / c.dim;
+    const Floats out = RunLayer(*layer, Floats(c.in), rows, c.dim);
+    ASSERT_EQ(out.size(), c.out.size()) << c.what;
+    for (size_t i = 0; i < out.size(); ++i) EXPECT_FLOAT_EQ(out[i], c.out[i]) << c.what;
+    EXPECT_TRUE(RunLayer(*layer, {}, 0, c.dim).empty());
+  }
+  // The executor sizes buffers by a bound that is never below what comes out.
+  StatisticsPooling bound(3, 2);
+  for (bound.pool_frames = 0; bound.pool_frames < 7; ++bound.pool_frames) {
+    for (int64_t n = 1; n < 20; ++n) {
+      const int64_t block = bound.pool_frames < 1 || bound.pool_frames > n ? n : bound.pool_frames;
+      EXPECT_GE(bound.CalcOutputFrames(n), (n + block - 1) / block);
+    }
+  }
+}
+
+// Runs a network of one sliding window through calls of the given sizes, the last one marked when
+// `marked` is set, and joins what comes out.
+Floats Slide(Model& model, const std::vector<int>& calls, bool marked) {
+  Floats joined;
+  int at = 0;
+  for (size_t i = 0; i < calls.size(); ++i) {
+    const Floats in = Ramp(calls[i], at);
+    const bool last = marked && i + 1 == calls.size();
+    model.forward->Propagate(in.data(), calls[i], 1, last ? -1 : static_cast<int>(i + 1));
+    const float* out = model.forward->Output();
+    joined.insert(joined.end(), out, out + model.forward->OutputFrames());
+    at += calls[i];
+  }
+  return joined;
+}
+
+TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
+  const struct {
+    int window, hop, mode, frames;
+    bool marked;
+    Floats out;
+  } cases[] = {
+      {4, 2, 0, 9, false, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7}},
+      {4, 2, 0, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 6, 7, 8}},
+      {4, 2, 1, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 5, 6, 7, 8}},
+      {4, 3, 1, 8, true, {0, 1, 2, 3, 3, 4, 5, 6, 4, 5, 6, 7}},
+      {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
+      {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
+      {4, 2, 0, 3, true, {0, 1, 2}},
+      {4, 2, 1, 3, true, {0, 1, 2}},
+      {4, 2, 1, 3, false, {}},
+      {1, 1, 0, 3, true, {0, 1, 2}},
+      {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}},
+  };
+  for (const auto& c : cases) {
+    Model model(Network({Windows(c.window, c.hop, c.mode)}));
+    EXPECT_EQ(Slide(model, {c.frames}, c.marked), c.out);
+    // Every cut into two calls. With the whole stream in the first call the last one holds only
+    // frames that windows have had, so it may not be empty.
+    for (int cut = 0; cut < c.frames; ++cut) {
+      model.forward->Reset();
+      EXPECT_EQ(Slide(model, {cut, c.frames - cut}, c.marked), c.out) << "cut at " << cut;
+    }
+    model.forward->Reset();
+    std::vector<int> single(static_cast<size_t>(c.frames), 1);
+    EXPECT_EQ(Slide(model, single, c.marked), c.out);
+  }
+}
+
+TEST(Statistics, OverlappingWindowsGetTheRoomThatTheyNeed) {
+  // 9 windows of 4 frames, where the bound on frames says 24.
+  Model model(Network({Windows(4, 2, 0, 3)}));
+  const Floats in = Random(60, 3);
+  const Floats out = model.Call(in, 20, 3);
+  ASSERT_EQ(out.size(), 36U * 3U);
+  for (size_t r = 0; r < 36; ++r) {
+    for (size_t j = 0; j < 3; ++j) {
+      EXPECT_EQ(out[r * 3 + j], in[(r / 4 * 2 + r % 4) * 3 + j]);
+    }
+  }
+  const Component& layer = *model.nnet.layers[0];
+  EXPECT_EQ(layer.CalcStreamOutputFrames(20), 24);
+  EXPECT_EQ(layer.CalcStreamOutputFrames(0), 0);
+  EXPECT_EQ(ThrownBy([&] { (void)layer.CalcOutputFrames(20); }),
+            "output frames cannot be calculated precisely!");
+}
+
+TEST(Statistics, OneVectorAWindow) {
+  const Bytes frame_statistics = Extraction(1, 1, true, 1, 3);
+  const Bytes windows = Windows(4, 2, 0, 3);
+  Model model(Network({frame_statistics, windows, Pooling(3, 2)}));
+  EXPECT_EQ(model.nnet.layers[2]->Links(), "windows of 4 frames");
+  const Floats out = model.Call({1, 3, 1, 3, 5, 7, 5, 7, 9}, 9, 1);
+  const float deviation = std::sqrt(5.0F);  // of 1, 3, 5, 7
+  const Floats wanted = {2, 1, 4, deviation, 6, 1};
+  ASSERT_EQ(out.size(), wanted.size());
+  for (size_t i = 0; i < out.size(); ++i) EXPECT_FLOAT_EQ(out[i], wanted[i]) << i;
+}
+
+TEST(Statistics, BlocksReadAndWriteInBothForms) {
+  const struct {
+    Bytes component;
+    std::string text;
+  } cases[] = {
+      {Extraction(2, 6, false, 3, 4),
+       "<StatisticsExtractionComponent> 4 3\n<InputPeriod> 2 <OutputPeriod> 6 <IncludeVarinance> "
+       "F"},
+      {Pooling(5, 6, 2, true, 0.5F),
+       "<StatisticsPoolingComponent> 6 5\n<InputPeriod> 3 <LeftContext> -1 <RightContext> -1 "
+       "<NumLogCountFeatures> 2 <OutputStddevs> true <VarianceFloor> 0.5"},
+      {Windows(7, 3, 1, 2),
+       "<SlidingWindowComponent> 2 2\n<WindowSize> 7 <HopSize> 3 <SlidingMode> 1"},
+  };
+  for (const auto& c : cases) {
+    for (const Layer& layer : {ReadLayer(c.component), ReadTextLayer(c.text)}) {
+      EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
+    }
+    EXPECT_TRUE(EveryPrefixIsRefused(c.component));
+  }
+}
+
+TEST(Statistics, BlocksThatCannotRunAreRefused) {
+  constexpr int kMost = std::numeric_limits<int>::max();
+  const Bytes refused[] = {
+      Extraction(0, 1, true, 1, 3),
+      Extraction(1, 0, true, 1, 3),
+      Extraction(-1, 1, true, 1, 3),
+      Extraction(2, 3, true, 1, 3),
+      Extraction(2, 1, true, 1, 3),
+      Extraction(1, 1, true, 1, 2),
+      Extraction(1, 1, false, 1, 3),
+      Extraction(1, 1, true, 0, 1),
+      Extraction(1, 1, true, kMost, -1),
+      Pooling(3, 3),
+      Pooling(3, 1, -1),
+      Pooling(3, kMost, kMost - 1),
+      Pooling(1, 0),
+      Pooling(0, 0, 1),
+      Pooling(-1, 0, 2),
+      Component1d(0x603, 2, 3, Bytes().Int(2).Int(1).Int(0)),
+  };
+  for (const Bytes& component : refused) {
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!");
+  }
+  const struct {
+    Bytes component;
+    const char* condition;
+  } wrong[] = {
+      {Windows(0, 0), "window_size <= 0 || hop_size <= 0"},
+      {Windows(1, -1), "window_size <= 0 || hop_size <= 0"},
+      {Windows(3, 5), "window_size < hop_size"},
+      {Windows(3, 1, 0, 0), "feat_dim <= 0"},
+      {Windows(3, 1, 2), "mode != (int)mode_t::FIXED_HOP && mode != (int)mode_t::FIXED_WIN"},
+  };
+  for (const auto& c : wrong) {
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(c.component); }), "Wrong parameter(s)!");
+    const std::string line = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(line.find("[rectify_feats:"), 0U) << line;
+    EXPECT_NE(line.find("] Wrong parameter(s) to [feats_win_generator_t], condition [" +
+                        std::string(c.condition) + "]. \n"),
+              std::string::npos)
+        << line;
+  }
+}
+
+TEST(Statistics, WindowsWithoutFramesAreRefusedAndLeaveTheStreamAsItWas) {
+  const Layer layer = ReadLayer(Windows(2, 2));
+  float out[8] = {};
+  const float frame = 1;
+  layer->PropagateChunk(&frame, 1, 1, out, 1);
+  for (const int64_t frames : {-1, 2}) {
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(ThrownBy([&] { layer->PropagateChunk(nullptr, frames, 1, out, 1); }),
+              "sliding window add data failed!");
+    const std::string line = ::testing::internal::GetCapturedStderr();
+    const char* condition = frames < 0 ? "feats_fnum < 0" : "feats_fnum > 0 && feats == __null";
+    EXPECT_NE(line.find("Wrong parameter(s) to [add_data], condition [" + std::string(condition)),
+              std::string::npos);
+  }
+  const float next = 2;
+  layer->PropagateFnc(&next, 1, 1, out, -1);  // counts its own calls, so this is not the last
+  EXPECT_EQ(layer->OutputFrames(), 2);
+  EXPECT_EQ(Floats(out, out + 2), Floats({1, 2}));
+}
+
+}  // namespace
+}  // namespace handwriting::tests
