@@ -1,0 +1,393 @@
+// Runs the tool that was built, in a folder of its own, and looks at its exit status, what it
+// prints and the files that it leaves.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/model-builder.h"
+#include "tools/npy.h"
+
+namespace handwriting::tools {
+namespace {
+
+using nlohmann::json;
+using tests::Affine;
+using tests::Bytes;
+using tests::Component1d;
+using tests::Component2d;
+using tests::Network;
+
+constexpr int kPRelu = 0x205;
+constexpr int kPRelu2d = 0x207;
+constexpr int kLogSoftmax = 0x204;
+constexpr int kSlidingWindow = 0x603;
+
+const Bytes kSum = Affine(2, 3, {10, 20, 30}, {1, 0, 0, 1, 1, 1});  // (a, b) -> 10+a, 20+b, 30+a+b
+const Bytes kHalf = Component1d(kPRelu, 3, 3, Bytes().Float(0.5F));
+const Bytes kPlanes = Component2d(kPRelu2d, 2, 2, 0, 0, Bytes().Float(0.5F));
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+class ToolTest : public testing::Test {
+ protected:
+  ToolTest() { std::filesystem::create_directories(folder_); }
+  ~ToolTest() override { std::filesystem::remove_all(folder_); }
+
+  std::string Path(const std::string& name) const { return (folder_ / name).string(); }
+
+  std::string Contents(const std::string& name) const {
+    std::ifstream file(Path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  void Store(const std::string& name, const std::string& bytes) const {
+    std::ofstream(Path(name), std::ios::binary) << bytes;
+  }
+  void Store(const std::string& name, const Bytes& bytes) const { Store(name, bytes.str()); }
+
+  /// Runs the tool in the folder with arguments as a shell would take them.
+  Outcome Run(const std::string& arguments) const {
+    return Shell("'" HANDWRITING_TOOL_PATH "' " + arguments + " >.out");
+  }
+  Outcome Shell(const std::string& command) const {
+    const int status =
+        std::system(("cd '" + folder_.string() + "' && { " + command + "; } 2>.err").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Contents(".out"), Contents(".err")};
+  }
+
+  json Inspect(const std::string& model) const {
+    return json::parse(Run("inspect --json " + model).out);
+  }
+
+  const std::filesystem::path folder_ =
+      std::filesystem::path(testing::TempDir()) / ("tool-test-" + std::to_string(getpid()));
+};
+
+// One line, by the tool itself.
+testing::AssertionResult IsOneLine(const std::string& err) {
+  if (err.starts_with("handwriting: ") && err.find('\n') == err.size() - 1) {
+    return testing::AssertionSuccess();
+  }
+  return testing::AssertionFailure() << "not one line of the tool: " << err;
+}
+
+TEST_F(ToolTest, WrongCommandLinesAreRefused) {
+  Store("model.bin", Network({kSum}));
+  WriteNpy(Path("in.npy"), {{1, 2}, {0, 0}});
+  for (const char* arguments :
+       {"", "frobnicate", "--frobnicate", "inspect", "inspect model.bin other.bin",
+        "inspect --frobnicate model.bin", "convert model.bin", "forward model.bin in.npy",
+        "forward model.bin in.npy out.npy --chunk 0", "forward model.bin in.npy out.npy --chunk -1",
+        "forward model.bin in.npy out.npy --chunk 1.5",
+        "forward model.bin in.npy out.npy --chunk 1x",
+        "forward model.bin in.npy out.npy --chunk 99999999999999999999",
+        "forward model.bin in.npy out.npy --network 0",
+        "forward model.bin in.npy out.npy --network 2", "recognize model.bin",
+        "recognize model.bin in.npy --nbest 0", "bench model.bin"}) {
+    const Outcome outcome = Run(arguments);
+    EXPECT_EQ(outcome.status, 2) << arguments;
+    EXPECT_EQ(outcome.out, "") << arguments;
+    EXPECT_TRUE(IsOneLine(outcome.err)) << arguments;
+  }
+  EXPECT_FALSE(std::filesystem::exists(Path("out.npy")));
+}
+
+TEST_F(ToolTest, HelpNamesEveryOption) {
+  const struct {
+    const char* command;
+    std::vector<const char*> words;
+  } cases[] = {
+      {"", {"inspect", "convert", "forward", "recognize", "Exit status"}},
+      {"inspect", {"MODEL", "--json"}},
+      {"convert", {"IN", "OUT", "--fixed"}},
+      {"forward", {"MODEL", "FEATURES", "OUT", "--network", "--chunk", "--mark-last"}},
+      {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = Run(std::string(c.command) + " --help");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    for (const char* word : c.words) {
+      EXPECT_NE(outcome.out.find(word), std::string::npos) << c.command << " " << word;
+    }
+  }
+}
+
+TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
+  const std::string network = Network({kSum, kHalf}).str();
+  const struct {
+    std::string bytes;
+    const char* message;
+  } cases[] = {
+      {"", "the file holds no network"},
+      {network.substr(0, 3), "network 1: the file ends inside the number of layers"},
+      {network.substr(0, 20), "network 1: layer 0: read component failed!"},
+      {network.substr(0, network.size() - 1), "network 1: layer 1: read component failed!"},
+      {network + "\n", "network 2: the file ends inside the number of layers"},
+      {network + Network({kHalf, Component1d(0x102, 1, 1)}).str(),
+       "network 2: layer 1: unknown or unimplemented nnet layer! [0102]"},
+      {" \n<Sigmoid> 3 3\n", "network 1: the file ends before </Nnet>"},
+      {"<Nnet> <Sigmoid> 3 3 </Nnet> <Nope\x1b> 3 3 </Nnet>",
+       "network 2: layer 0: unknown or unimplemented nnet layer! [<Nope?>]"},
+      {std::string(4004, '\0'), "more than 1000 networks"},
+  };
+  for (const auto& c : cases) {
+    Store("model.bin", c.bytes);
+    const Outcome outcome = Run("convert model.bin out.bin");
+    EXPECT_EQ(outcome.status, 1) << c.message;
+    EXPECT_EQ(outcome.err, std::string("handwriting: model.bin: ") + c.message + "\n");
+    EXPECT_FALSE(std::filesystem::exists(Path("out.bin"))) << c.message;
+  }
+  EXPECT_EQ(Run("inspect absent.bin").err, "handwriting: absent.bin: No such file or directory\n");
+  EXPECT_EQ(Run("inspect .").err, "handwriting: .: Is a directory\n");
+}
+
+TEST_F(ToolTest, InspectShowsLayersTotalsLinksAndFit) {
+  const Bytes planes_of_four = Component2d(kPRelu2d, 2, 2, 4, 4, Bytes().Float(0.5F));
+  Bytes model;
+  for (const Bytes& network : {Network({kSum, kHalf}), Network({kHalf}), Network({kSum}),
+                               Network({kPlanes}), Network({planes_of_four}), Network({})}) {
+    model.Add(network);
+  }
+  Store("model.bin", model);
+  const json file = Inspect("model.bin");
+  EXPECT_EQ(file["form"], "binary");
+  EXPECT_EQ(file["parameters"], 10 + 1 + 9 + 1 + 1);
+  // Widths 3 and 3; 3 and 2; 1 channel and 2; not set and 4; nothing to fit.
+  EXPECT_EQ(file["fits_next"], json::parse("[true, false, false, null, false]"));
+  const json& layers = file["networks"][0]["layers"];
+  ASSERT_EQ(layers.size(), 2U);
+  EXPECT_EQ(layers[0]["marker"], "<AffineTransform>");
+  EXPECT_EQ(layers[0]["type"], "0x0100");
+  EXPECT_EQ(layers[0]["input"], json::parse(R"({"channels": 1, "dim": 2})"));
+  EXPECT_EQ(layers[0]["output"], json::parse(R"({"channels": 1, "dim": 3})"));
+  EXPECT_EQ(layers[0]["parameters"], 9);
+  EXPECT_GE(layers[0]["bytes"], 36);
+  EXPECT_EQ(layers[1]["position"], 1);
+  EXPECT_EQ(file["networks"][3]["layers"][0]["output"],
+            json::parse(R"({"channels": 2, "dim": null})"));
+  EXPECT_TRUE(file["networks"][0]["link_failure"].is_null());
+  EXPECT_EQ(file["networks"][5]["link_failure"], "it has no layers");
+
+  const std::string table = Run("inspect model.bin").out;
+  for (const char* text :
+       {"vector target ", "BLAS core ", "2 x unset",
+        "network 2 fits network 1: yes, 1 x 3 -> 1 x 3\n",
+        "network 5 fits network 4: cannot be told", "cannot be linked: it has no layers"}) {
+    EXPECT_NE(table.find(text), std::string::npos) << text << "\n" << table;
+  }
+  EXPECT_EQ(Shell("'" HANDWRITING_TOOL_PATH "' inspect model.bin >/dev/full").status, 1);
+}
+
+TEST_F(ToolTest, ConvertWritesTextAndBinaryAlike) {
+  const std::string binary = Bytes().Add(Network({kSum, kHalf})).Add(Network({kPlanes})).str();
+  Store("model.txt",
+        "\t\n<Nnet>\n<AffineTransform> 3 2\n [ 1 0\n 0 1\n 1 1 ]\n [ 10 20 30 ]\n"
+        "<PReLU> <InputDim> 3 <OutputDim> 3 <Alpha> 0.5\n</Nnet>\n"
+        "<PReLU2d> 2 2 <Alpha> 0.5\n</Nnet>");
+  Store("model.bin", binary);
+  EXPECT_EQ(Inspect("model.txt")["form"], "text");
+  for (const char* in : {"model.txt", "model.bin"}) {
+    EXPECT_EQ(Run(std::string("convert ") + in + " out.bin").status, 0);
+    EXPECT_EQ(Contents("out.bin"), binary) << in;
+  }
+  EXPECT_EQ(Run("convert model.txt model.txt").status, 0);
+  EXPECT_EQ(Contents("model.txt"), binary);
+  EXPECT_EQ(Run("convert model.bin absent/out.bin").status, 1);
+}
+
+TEST_F(ToolTest, ConvertToFixedPointNamesWhatStaysInFloat) {
+  Store("model.bin", Network({kSum, kHalf, Component1d(kLogSoftmax, 3, 3)}));
+  const Outcome outcome = Run("convert --fixed model.bin fixed.bin");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "network 1, layer 1 <PReLU>: stays in float (parameters: 1)\n");
+  EXPECT_EQ(Inspect("fixed.bin")["networks"][0]["layers"][0]["marker"], "<FixedAffineTransform>");
+  // Once in that form, nothing changes any more.
+  EXPECT_EQ(Run("convert --fixed fixed.bin again.bin").out, outcome.out);
+  EXPECT_EQ(Contents("again.bin"), Contents("fixed.bin"));
+}
+
+TEST_F(ToolTest, ForwardJoinsTheOutputOfItsCalls) {
+  Store("model.bin", Bytes().Add(Network({kPlanes})).Add(Network({kSum})));
+  WriteNpy(Path("rows.npy"), {{3, 2}, {1, 2, 3, 4, 5, 6}});
+  WriteNpy(Path("none.npy"), {{0, 2}, {}});
+  WriteNpy(Path("planes.npy"), {{2, 3, 2}, {1, -2, 3, -4, 5, -6, -10, 20, -30, 40, -50, 60}});
+  const std::vector<float> sums = {11, 22, 33, 13, 24, 37, 15, 26, 41};
+  const std::vector<float> halves = {1, -1, 3, -2, 5, -3, -5, 20, -15, 40, -25, 60};
+  for (const char* calls :
+       {"", " --chunk 1", " --chunk 2 --mark-last", " --chunk 3", " --chunk 4"}) {
+    EXPECT_EQ(Run(std::string("forward model.bin --network 2 rows.npy rows.out") + calls).status,
+              0);
+    EXPECT_EQ(ReadNpy(Path("rows.out")).shape, (std::vector<size_t>{3, 3})) << calls;
+    EXPECT_EQ(ReadNpy(Path("rows.out")).values, sums) << calls;
+    EXPECT_EQ(Run(std::string("forward model.bin planes.npy planes.out") + calls).status, 0);
+    EXPECT_EQ(ReadNpy(Path("planes.out")).shape, (std::vector<size_t>{2, 3, 2})) << calls;
+    EXPECT_EQ(ReadNpy(Path("planes.out")).values, halves) << calls;
+    EXPECT_EQ(Run(std::string("forward model.bin --network 2 none.npy none.out") + calls).status,
+              0);
+    EXPECT_EQ(ReadNpy(Path("none.out")).shape, (std::vector<size_t>{0, 3})) << calls;
+  }
+}
+
+TEST_F(ToolTest, ForwardMarksTheLastCallOnly) {
+  // Windows of 2 frames, 2 apart; a window that is not full comes out only at the end of the input.
+  Store("model.bin", Network({Component1d(kSlidingWindow, 1, 1, Bytes().Int(2).Int(2).Int(0))}));
+  const struct {
+    const char* calls;
+    size_t frames;
+    std::vector<float> out;
+  } cases[] = {
+      {"", 3, {0, 1}},
+      {"--mark-last", 3, {0, 1, 2}},
+      {"--chunk 1", 5, {0, 1, 2, 3}},
+      {"--chunk 1 --mark-last", 5, {0, 1, 2, 3, 4}},
+      {"--chunk 4 --mark-last", 5, {0, 1, 2, 3, 4}},
+      {"--chunk 1", 1, {}},
+  };
+  for (const auto& c : cases) {
+    Matrix in{{c.frames, 1}, {}};
+    for (size_t i = 0; i < c.frames; ++i) in.values.push_back(static_cast<float>(i));
+    WriteNpy(Path("in.npy"), in);
+    EXPECT_EQ(Run(std::string("forward model.bin in.npy out.npy ") + c.calls).status, 0);
+    EXPECT_EQ(ReadNpy(Path("out.npy")).shape, (std::vector<size_t>{c.out.size(), 1})) << c.calls;
+    EXPECT_EQ(ReadNpy(Path("out.npy")).values, c.out) << c.calls;
+  }
+}
+
+TEST_F(ToolTest, ForwardRefusesFeaturesOfAnotherShape) {
+  Store("model.bin", Bytes().Add(Network({kSum})).Add(Network({kPlanes})).Add(Network({})));
+  const struct {
+    const char* network;
+    std::vector<size_t> shape;
+    const char* message;
+  } cases[] = {
+      {"1", {1, 3, 2}, "in.npy: 1 x 3 x 2 found, frames x dim wanted"},
+      {"1",
+       {3, 4},
+       "model.bin: network 1: mismatched input dimension! layer[<AffineTransform>] [2] vs [4]"},
+      {"2", {3, 2}, "in.npy: 3 x 2 found, channels x frames x dim with 2 channels wanted"},
+      {"2", {3, 3, 2}, "in.npy: 3 x 3 x 2 found, channels x frames x dim with 2 channels wanted"},
+      {"3", {3, 2}, "model.bin: network 3: it has no layers"},
+  };
+  for (const auto& c : cases) {
+    size_t count = 1;
+    for (const size_t size : c.shape) count *= size;
+    WriteNpy(Path("in.npy"), {c.shape, std::vector<float>(count)});
+    Store("out.npy", "kept");
+    const Outcome outcome =
+        Run(std::string("forward model.bin in.npy out.npy --network ") + c.network);
+    EXPECT_EQ(outcome.status, 1) << c.message;
+    EXPECT_EQ(outcome.err, std::string("handwriting: ") + c.message + "\n");
+    EXPECT_EQ(Contents("out.npy"), "kept");
+  }
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+    files += entry.path().extension() == ".tmp" ? 1 : 0;
+  }
+  EXPECT_EQ(files, 0U);
+}
+
+class RecognizeTest : public ToolTest {
+ protected:
+  RecognizeTest() {
+    const std::vector<float> identity = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    Store("model.bin", Bytes()
+                           .Add(Network({Affine(3, 3, {0, 0, 0}, identity)}))
+                           .Add(Network({Component1d(kLogSoftmax, 3, 3)})));
+    StoreClasses("a.npy", {1, 1, 0, 2, 0, 2});
+    StoreClasses("b.npy", {0, 2, 1});
+    WriteNpy(Path("wide.npy"), {{2, 4}, std::vector<float>(8)});
+  }
+
+  // Frames that speak clearly for one class each.
+  void StoreClasses(const std::string& name, const std::vector<size_t>& classes) const {
+    Matrix matrix{{classes.size(), 3}, std::vector<float>(classes.size() * 3)};
+    for (size_t i = 0; i < classes.size(); ++i) matrix.values[3 * i + classes[i]] = 20.0F;
+    WriteNpy(Path(name), matrix);
+  }
+};
+
+TEST_F(RecognizeTest, PrintsSequencesBestFirst) {
+  EXPECT_EQ(Run("recognize model.bin a.npy b.npy --nbest 1").out, "a.npy\n\t1 2 2\nb.npy\n\t2 1\n");
+  Store("labels.txt", "\xef\xbb\xbf<blank>\r\n\xc3\xa9\r\n ,\r\n");
+  EXPECT_EQ(Run("recognize model.bin --nbest 1 --labels labels.txt a.npy").out,
+            "a.npy\n\t\xc3\xa9 , ,\n");
+  EXPECT_EQ(Run("recognize model.bin --nbest 1 --labels labels.txt --json a.npy").out,
+            "{\"file\":\"a.npy\",\"sequences\":[[1,2,2]],\"text\":[\"\xc3\xa9 , ,\"]}\n");
+  const json best = json::parse(Run("recognize model.bin --nbest 3 --json b.npy").out);
+  EXPECT_EQ(best["sequences"][0], json::parse("[2, 1]"));
+  EXPECT_GT(best["sequences"].size(), 1U);
+}
+
+TEST_F(RecognizeTest, AFileThatFailsIsReportedAndTheRestGoOn) {
+  Store("labels.txt", "blank\none\n");
+  const struct {
+    const char* arguments;
+    const char* out;
+    const char* last_error;
+  } cases[] = {
+      {"wide.npy b.npy", "b.npy\n\t2 1\n",
+       "handwriting: wide.npy: mismatched input dimension! layer[<AffineTransform>] [3] vs [4]\n"},
+      {"absent.npy b.npy --json",
+       "{\"file\":\"absent.npy\",\"error\":\"absent.npy: No such file or directory\"}\n"
+       "{\"file\":\"b.npy\",\"sequences\":[[2,1]]}\n",
+       "handwriting: absent.npy: No such file or directory\n"},
+      {"b.npy --labels labels.txt", "",
+       "handwriting: b.npy: class 2 found, the label file names 2\n"},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = Run(std::string("recognize model.bin --nbest 1 ") + c.arguments);
+    EXPECT_EQ(outcome.status, 1) << c.arguments;
+    EXPECT_EQ(outcome.out, c.out);
+    EXPECT_TRUE(outcome.err.ends_with(c.last_error)) << outcome.err;
+  }
+}
+
+TEST_F(RecognizeTest, ModelsAndLabelsThatCannotBeUsedAreRefused) {
+  Store("one.bin", Network({kSum}));
+  Store("model.txt", "<Sigmoid> 3 3\n</Nnet>\n");
+  Store("labels.txt", "blank\n\xff\n");
+  const struct {
+    const char* arguments;
+    const char* message;
+  } cases[] = {
+      {"one.bin a.npy", "one.bin: fread failed!"},
+      {"model.txt a.npy", "model.txt: text form found, binary form wanted (handwriting convert)"},
+      {"model.bin a.npy --labels labels.txt", "labels.txt: line 2 is not UTF-8"},
+      {"model.bin a.npy --labels absent.txt", "absent.txt: No such file or directory"},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = Run(std::string("recognize ") + c.arguments);
+    EXPECT_EQ(outcome.status, 1) << c.arguments;
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_TRUE(outcome.err.ends_with(std::string("handwriting: ") + c.message + "\n"))
+        << outcome.err;
+  }
+}
+
+TEST_F(RecognizeTest, NamesOnStandardInputAreAnsweredOneByOne) {
+  // The second name is sent only when the answer to the first is there.
+  const Outcome outcome = Shell(
+      "touch .out; { echo a.npy; for i in $(seq 200); do [ -s .out ] && break; sleep 0.05; done; "
+      "[ -s .out ] && { echo wide.npy; echo; echo b.npy; }; } | '" HANDWRITING_TOOL_PATH
+      "' recognize model.bin --nbest 1 - >>.out");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "a.npy\n\t1 2 2\nb.npy\n\t2 1\n");
+}
+
+}  // namespace
+}  // namespace handwriting::tools

@@ -1,0 +1,56 @@
+#ifndef TOOLS_COMMANDS_H_
+#define TOOLS_COMMANDS_H_
+
+// The sub-commands of `handwriting`. Each lives in a source of its own and says its options, its
+// help and what it does.
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+namespace handwriting::tools {
+
+inline constexpr int kDone = 0;
+inline constexpr int kFailed = 1;
+inline constexpr int kWrongCommandLine = 2;
+
+/// A sub-command: `parsed` knows whether the command line names it. `run` does the work and returns
+/// the exit status; what stops it is thrown as a std::exception that says what and where.
+struct Command {
+  CLI::App* parsed;
+  std::function<int()> run;
+};
+
+/// Thrown for a command line whose fault shows only in the files that it names; exit status 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+Command AddInspect(CLI::App& app);
+Command AddConvert(CLI::App& app);
+Command AddForward(CLI::App& app);
+Command AddRecognize(CLI::App& app);
+
+/// Refuses an option's value outside [1, max].
+inline CLI::Validator CountUpTo(int max) {
+  CLI::Validator validator = CLI::Range(1, max);
+  validator.description("");
+  return validator;
+}
+
+/// The text with every control character replaced: one line, and nothing that a terminal would
+/// obey. For names that come out of files.
+std::string Printable(std::string text);
+
+/// Writes "handwriting: <text>" as one line to standard error.
+void PrintError(const std::string& text);
+
+/// Hands what was printed on to the reader of standard output; throws when that fails.
+void FlushOutput();
+
+}  // namespace handwriting::tools
+
+#endif  // TOOLS_COMMANDS_H_

@@ -1,0 +1,102 @@
+// `handwriting`: looks at model files, converts them and runs them.
+
+#include <algorithm>
+#include <exception>
+#include <iostream>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <loguru.hpp>
+
+#include "tools/commands.h"
+
+namespace handwriting::tools {
+
+std::string Printable(std::string text) {
+  const auto is_control = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
+  std::replace_if(text.begin(), text.end(), is_control, '?');
+  return text;
+}
+
+void PrintError(const std::string& text) {
+  std::cerr << "handwriting: " << Printable(text) << std::endl;
+}
+
+void FlushOutput() {
+  if (!std::cout.flush()) throw std::runtime_error("standard output: cannot write");
+}
+
+namespace {
+
+constexpr char kFooter[] =
+    R"(A model file holds one or more networks back to back, in binary or in text form. It is text when
+its first non-blank character is '<' and a letter or '/' follows; a text network is its components
+closed by </Nnet>. Networks are counted from 1, the layers of a network from 0.
+
+Matrices are NumPy .npy files of little-endian float32 in C order: frames x dim, or channels x frames
+x dim where the layer that takes or gives them works on planes.
+
+Files are written beside their target and renamed when they are complete.
+
+Exit status: 0 done; 1 the work failed, one line on standard error says what and where; 2 the command
+line is wrong.)";
+
+int ExitStatus(CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) {  // --help
+    app.exit(error);
+    FlushOutput();
+    return kDone;
+  }
+  std::string reason = error.what();
+  // Names that are no sub-command are left over when one is missing.
+  const std::vector<std::string> remaining = app.remaining();
+  if (app.get_subcommands().empty() && !remaining.empty()) {
+    reason = remaining.front() + " is no sub-command";
+  }
+  PrintError(reason + " (--help explains the command line)");
+  return kWrongCommandLine;
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app(
+      "Looks at the model files of the handwriting recogniser, converts them and runs them.",
+      "handwriting");
+  app.footer(kFooter);
+  app.require_subcommand(1);
+  const Command commands[] = {AddInspect(app), AddConvert(app), AddForward(app), AddRecognize(app)};
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return ExitStatus(app, error);
+  }
+  const auto* chosen =
+      std::find_if(std::begin(commands), std::end(commands),
+                   [](const Command& command) { return command.parsed->parsed(); });
+  const int status = chosen->run();
+  FlushOutput();
+  return status;
+}
+
+}  // namespace
+}  // namespace handwriting::tools
+
+int main(int argc, char** argv) {
+  using namespace handwriting::tools;
+  // The library's warnings say what its exceptions say again; one line of this tool stands for
+  // both.
+  loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
+  try {
+    return Run(argc, argv);
+  } catch (const UsageError& error) {
+    PrintError(error.what());
+    return kWrongCommandLine;
+  } catch (const std::bad_alloc&) {
+    PrintError("out of memory");
+  } catch (const std::exception& error) {
+    PrintError(error.what());
+  }
+  return kFailed;
+}

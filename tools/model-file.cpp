@@ -1,0 +1,144 @@
+#include "tools/model-file.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "tools/commands.h"
+
+namespace handwriting::tools {
+namespace {
+
+using tarev::nnet::handwriting_CTC::Component;
+using tarev::nnet::handwriting_CTC::Nnet;
+
+// A network of no layers is four zero bytes; this bounds what a file of zeros can ask for.
+constexpr size_t kMaxNetworks = 1000;
+
+constexpr int kFlatten = 0x704;
+constexpr int kFixedFlatten = 0xd04;
+constexpr int kDeflatten = 0x705;
+constexpr int kFixedDeflatten = 0xd05;
+
+[[noreturn]] void FailWithErrno() { throw std::runtime_error(std::strerror(errno)); }
+
+int SkipBlanks(FILE* fp) {
+  int c = std::getc(fp);
+  while (c != EOF && std::isspace(c) != 0) c = std::getc(fp);
+  if (c == EOF && std::ferror(fp) != 0) FailWithErrno();
+  return c;
+}
+
+// Blanks behind a text component belong to nothing; in a binary file every byte belongs to a
+// network.
+bool AtEnd(FILE* fp, bool is_text) {
+  const int c = is_text ? SkipBlanks(fp) : std::getc(fp);
+  return c == EOF || std::ungetc(c, fp) == EOF;
+}
+
+// What goes wrong in a reader goes wrong in the layer behind those read so far.
+template <class Reader>
+auto ReadLayers(const Nnet& network, Reader reader) {
+  try {
+    return reader();
+  } catch (const std::exception& error) {
+    throw std::runtime_error("layer " + std::to_string(network.layers.size()) + ": " +
+                             error.what());
+  }
+}
+
+void ReadBinaryNetwork(FILE* fp, Nnet& network) {
+  if (!ReadLayers(network, [&] { return ReadNnet(network, fp); })) {
+    throw std::runtime_error("the file ends inside the number of layers");
+  }
+}
+
+void ReadTextNetwork(FILE* fp, Nnet& network) {
+  for (;;) {
+    if (AtEnd(fp, true)) throw std::runtime_error("the file ends before </Nnet>");
+    std::unique_ptr<Component> layer(
+        ReadLayers(network, [&] { return Component::Read(fp, false); }));
+    if (layer == nullptr) return;
+    network.layers.push_back(std::move(layer));
+  }
+}
+
+void ReadNetwork(FILE* fp, ModelFile& model) {
+  Nnet& network = model.networks.emplace_back();
+  try {
+    model.is_text ? ReadTextNetwork(fp, network) : ReadBinaryNetwork(fp, network);
+  } catch (const std::exception& error) {
+    throw std::runtime_error("network " + std::to_string(model.networks.size()) + ": " +
+                             error.what());
+  }
+}
+
+ModelFile ReadNetworks(FILE* fp) {
+  ModelFile model;
+  model.is_text = IsTextModel(fp);
+  while (!AtEnd(fp, model.is_text)) {
+    if (model.networks.size() == kMaxNetworks) {
+      throw std::runtime_error("more than " + std::to_string(kMaxNetworks) + " networks");
+    }
+    ReadNetwork(fp, model);
+  }
+  if (model.networks.empty()) throw std::runtime_error("the file holds no network");
+  return model;
+}
+
+bool HasType(const Component& layer, int code, int fixed_code) {
+  return layer.GetType() == code || layer.GetType() == fixed_code;
+}
+
+}  // namespace
+
+FilePointer OpenForReading(const std::string& path) {
+  FilePointer file(std::fopen(path.c_str(), "rb"));
+  if (file == nullptr) throw std::runtime_error(path + ": " + std::strerror(errno));
+  return file;
+}
+
+bool IsTextModel(FILE* fp) {
+  bool is_text = false;
+  if (SkipBlanks(fp) == '<') {
+    const int next = std::getc(fp);
+    is_text = next == '/' || (next != EOF && std::isalpha(next) != 0);
+  }
+  if (std::fseek(fp, 0, SEEK_SET) != 0) FailWithErrno();
+  return is_text;
+}
+
+ModelFile ReadModelFile(const std::string& path) {
+  const FilePointer file = OpenForReading(path);
+  try {
+    return ReadNetworks(file.get());
+  } catch (const std::exception& error) {
+    throw std::runtime_error(path + ": " + error.what());
+  }
+}
+
+Nnet ReadNetworkOfFile(const std::string& path, size_t number) {
+  ModelFile model = ReadModelFile(path);
+  if (number < 1 || number > model.networks.size()) {
+    throw UsageError(path + ": there is no network " + std::to_string(number) +
+                     ", the file holds " + std::to_string(model.networks.size()));
+  }
+  return std::move(model.networks[number - 1]);
+}
+
+bool TakesPlanes(const Nnet& network) {
+  if (network.layers.empty()) return false;
+  const Component& first = *network.layers.front();
+  return first.is_2d || HasType(first, kFlatten, kFixedFlatten);
+}
+
+bool GivesPlanes(const Nnet& network) {
+  if (network.layers.empty()) return false;
+  const Component& last = *network.layers.back();
+  return last.is_2d || HasType(last, kDeflatten, kFixedDeflatten);
+}
+
+}  // namespace handwriting::tools
