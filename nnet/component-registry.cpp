@@ -5,6 +5,7 @@
 #include "nnet/activation.h"
 #include "nnet/affine.h"
 #include "nnet/conv1d.h"
+#include "nnet/convolution.h"
 #include "nnet/decoder-layer.h"
 #include "nnet/encoder-layer.h"
 #include "nnet/fixed-affine.h"
@@ -17,6 +18,8 @@
 #include "nnet/normalisation.h"
 #include "nnet/positional-encoding.h"
 #include "nnet/statistics.h"
+#include "nnet/stream_nnet/convolution.h"
+#include "nnet/stream_nnet/nnet-control-flow.h"
 #include "utils/messages.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -65,6 +68,12 @@ constexpr Row kRows[] = {
     RowOf<PRelu>("PReLU"),
     RowOf<Relu2d>("ReLU2d"),
     RowOf<PRelu2d>("PReLU2d"),
+    RowOf<Conv2d>("Conv2d"),
+    RowOf<ConvBN2d>("ConvBN2d"),
+    RowOf<ConvDW2d>("ConvDW2d"),
+    RowOf<SeperableConv2d>("SeperableConv2d"),
+    RowOf<SimpleConv2d1x3s2>("SimpleConv2d1x3s2"),
+    RowOf<SimpleDeconv2d1x3s2>("SimpleDeconv2d1x3s2"),
     RowOf<Conv1d>("Conv1d"),
     RowOf<ConvTranspose1d>("ConvTranspose1d"),
     RowOf<MaxPool1d>("MaxPool1d"),
@@ -92,6 +101,14 @@ constexpr Row kRows[] = {
     RowOf<SliceComponent>("SliceComponent"),
     RowOf<ReflectionPad>("ReflectionPad"),
     RowOf<ConstantPad>("ConstantPad"),
+    RowOf<StreamConv1d>("StreamConv1d"),
+    RowOf<StreamConvTranspose1d>("StreamConvTranspose1d"),
+    RowOf<StreamMaxPool1d>("StreamMaxPool1d"),
+    RowOf<StreamRegisterComponent>("StreamRegisterComponent"),
+    RowOf<StreamConcatenateComponent>("StreamConcatenateComponent"),
+    RowOf<StreamReflectionPad>("StreamReflectionPad"),
+    RowOf<StreamConstantPad>("StreamConstantPad"),
+    RowOf<StreamSliceComponent>("StreamSliceComponent"),
 };
 
 std::string Marker(const char* opening, const char* name) {

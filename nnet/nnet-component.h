@@ -66,6 +66,10 @@ struct CallExtent {
 /// machine's memory.
 inline constexpr uint64_t kMaxBlockFloats = uint64_t{1} << 29;
 
+/// The most floats that a layer takes before its frames have come, where nothing in the model file
+/// but a number in its header asks for them. Larger buffers grow in the call that fills them.
+inline constexpr uint64_t kMaxFloatsAhead = uint64_t{1} << 22;
+
 /// Tags the constructor of layers that work on one plane per channel.
 struct ChannelForm {};
 

@@ -12,12 +12,8 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// The most floats that a register takes before its frames have come: nothing else in a model file
-// bounds the dimension that its header claims.
-constexpr uint64_t kReservedFloats = uint64_t{1} << 22;
-
 void GrowAhead(FloatArray& buffer, uint64_t floats, uint64_t& memory_bytes) {
-  if (floats <= kReservedFloats) buffer.Grow(floats, memory_bytes);
+  if (floats <= kMaxFloatsAhead) buffer.Grow(floats, memory_bytes);
 }
 
 // A list of one frame index in decimal digits, or of none. What exceeds an int32 stays out of
@@ -41,13 +37,6 @@ int64_t FrameAt(const Component& layer, int32_t index, int64_t frames) {
 
 void CheckIndexes(const Component& layer, const std::vector<int32_t>& indexes, int64_t frames) {
   for (const int32_t index : indexes) FrameAt(layer, index, frames);
-}
-
-// Throws unless rows leave a layer at the width at which they came.
-void RequireEqualDims(const Component& layer) {
-  if (layer.input_dim == layer.output_dim) return;
-  ThrowError(Here(), "mismatched dimensions! layer[%s] input [%d] output [%d]",
-             layer.TypeMarker().c_str(), layer.input_dim, layer.output_dim);
 }
 
 // Throws unless channels x dim is the width of a row.
@@ -80,6 +69,12 @@ bool HasNegativeDim(const Component& layer) { return layer.input_dim < 0 || laye
 bool ReadName(FILE* fp, std::string& name) { return fread_string(fp, name) && !name.empty(); }
 
 }  // namespace
+
+void RequireEqualDims(const Component& layer) {
+  if (layer.input_dim == layer.output_dim) return;
+  ThrowError(Here(), "mismatched dimensions! layer[%s] input [%d] output [%d]",
+             layer.TypeMarker().c_str(), layer.input_dim, layer.output_dim);
+}
 
 // Registers.
 
