@@ -18,6 +18,9 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
+/// Throws unless rows leave a layer at the width at which they came.
+void RequireEqualDims(const Component& layer);
+
 /// Keeps all rows of a call, or those of the given frame indexes; negative ones count from the end.
 class RegisterComponent final : public LayerOf<0x700> {
  public:

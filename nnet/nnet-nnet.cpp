@@ -11,6 +11,7 @@
 #include "nnet/nnet-control-flow.h"
 #include "nnet/nnet-layer.h"
 #include "nnet/statistics.h"
+#include "nnet/stream_nnet/nnet-control-flow.h"
 #include "utils/file-io.h"
 #include "utils/messages.h"
 
@@ -104,6 +105,7 @@ void NnetForward::MapRegisters() {
   for (const auto& layer : nnet->layers) {
     AddRegister(*layer, register_map);
     AddRegister(*layer, register2d_map);
+    AddRegister(*layer, stream_register_map);
   }
 }
 
@@ -111,6 +113,9 @@ void NnetForward::BindConcatenations() {
   for (const auto& layer : nnet->layers) {
     Bind<ConcatenateComponent>(*layer, register_map);
     Bind<Concatenate2dComponent>(*layer, register2d_map);
+    Bind<StreamConcatenateComponent>(*layer, stream_register_map);
+    const auto* joined = dynamic_cast<const StreamConcatenateComponent*>(layer.get());
+    if (joined != nullptr) joined->CheckParts();
   }
 }
 
@@ -181,13 +186,46 @@ void NnetForward::ReserveFrames(int64_t frames) {
     CheckFrames(layer, position, n);
     layer.Reserve(n);
     need = std::max(need, layer.Extent(n, width).writes);
-    n = layer.CalcStreamOutputFrames(n);
+    n = MostFrames(layer, n);
     if (dynamic_cast<const Blstm*>(&layer) != nullptr) gate_frames = std::max(gate_frames, n);
     need = std::max(need, BlockFloats(layer.OutputChannel(), layer.OutputDim(), n));
     if (layer.OutputDim() > 0) width = layer.OutputDim();
   }
   GrowGates(gate_frames);
   GrowBuffers(need);
+}
+
+// The most output frames of a call with so many input frames.
+int64_t NnetForward::MostFrames(const Component& layer, int64_t frames) {
+  if (layer.GetType() == StreamConcatenateComponent::kType) {
+    return MostJoinedFrames(static_cast<const StreamConcatenateComponent&>(layer), frames);
+  }
+  const int64_t out_frames = layer.CalcStreamOutputFrames(frames);
+  if (layer.GetType() == StreamRegisterComponent::kType) {
+    const auto& part = static_cast<const StreamRegisterComponent&>(layer);
+    stream_register_frames[part.register_name] = out_frames;
+  }
+  return out_frames;
+}
+
+// A streaming concatenation joins what has waited in its queues and what the call brings.
+int64_t NnetForward::MostJoinedFrames(const StreamConcatenateComponent& joined,
+                                      int64_t frames) const {
+  int64_t most = std::numeric_limits<int64_t>::max();
+  auto name = joined.register_names.begin();
+  for (int32_t part = 0; part < joined.part_count; ++part) {
+    int64_t arriving = frames;
+    if (!joined.IsInput(part)) {
+      const auto sized = stream_register_frames.find(*name);
+      if (sized == stream_register_frames.end()) {
+        ThrowError(Here(), "cannot find register with name [%s]", name->c_str());
+      }
+      arriving = sized->second;
+      ++name;
+    }
+    most = std::min(most, arriving + joined.pending[ToSize(part)].rows());
+  }
+  return joined.part_count == 0 ? 0 : most;
 }
 
 void NnetForward::GrowGates(int64_t frames) {

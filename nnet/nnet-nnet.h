@@ -17,6 +17,8 @@ namespace tarev::nnet::handwriting_CTC {
 
 class RegisterComponent;
 class Register2dComponent;
+class StreamConcatenateComponent;
+class StreamRegisterComponent;
 
 /// Registers by their names; the layers belong to the network.
 template <class Register>
@@ -82,6 +84,8 @@ class NnetForward {
   void LinkWindows();
   void LinkSpliceContext();
   BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id);
+  int64_t MostFrames(const Component& layer, int64_t frames);
+  int64_t MostJoinedFrames(const StreamConcatenateComponent& joined, int64_t frames) const;
   void CheckInput(size_t position, const BlockShape& shape, uint64_t reads) const;
   void GrowBuffers(uint64_t floats);
   void GrowGates(int64_t frames);
@@ -101,6 +105,9 @@ class NnetForward {
   uint64_t buffer_bytes = 0;
   RegisterMap<RegisterComponent> register_map;
   RegisterMap<Register2dComponent> register2d_map;
+  RegisterMap<StreamRegisterComponent> stream_register_map;
+  /// The most frames that a call of the size last prepared for brings to each streaming register.
+  std::map<std::string, int64_t> stream_register_frames;
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -1,0 +1,64 @@
+#ifndef NNET_STREAM_NNET_CHUNK_LAYER_H_
+#define NNET_STREAM_NNET_CHUNK_LAYER_H_
+
+// What the streaming layers share. They run over an input that arrives in chunks, one call a chunk,
+// and emit over the whole input the frames that their whole-sequence twins emit for it in one
+// piece: each as soon as everything it depends on has arrived. Padding is applied at the ends of
+// the input alone, at the start on the first call with frames after a reset, at the end on the call
+// that is marked as the last. After that one the next input begins with a reset.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "nnet/nnet-component.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// Rows of a stream that wait for later calls, the oldest first, one after another in one array.
+class RowQueue {
+ public:
+  explicit RowQueue(int row_width) : width_(ToSize(row_width)) {}
+
+  int64_t rows() const { return rows_; }
+  size_t width() const { return width_; }
+  const float* Row(int64_t r) const { return values_.data() + ToSize(r) * width_; }
+
+  /// Makes room for so many rows beforehand, unless they are more than a header alone should be
+  /// able to ask for; rows that really come always find room.
+  void Reserve(int64_t rows, uint64_t& memory_bytes);
+  void Append(const float* rows, int64_t count, uint64_t& memory_bytes);
+  void DropFront(int64_t count);
+  void Clear() { rows_ = 0; }
+
+ private:
+  size_t width_;
+  int64_t rows_ = 0;
+  FloatArray values_;
+};
+
+/// Which ends of the input the padding of the next call belongs to.
+struct ChunkEnds {
+  bool first_chunk = true;
+  bool last_chunk = false;
+};
+
+/// A layer whose output depends on the ends of the input.
+template <int kCode>
+class ChunkLayerOf : public LayerOf<kCode>, public ChunkEnds {
+ public:
+  using LayerOf<kCode>::LayerOf;
+
+  void Reset() override {
+    first_chunk = true;
+    last_chunk = false;
+  }
+  void PropagateChunk(const float* in, int64_t frames, int in_dim, float* out,
+                      int call_id) override {
+    if (call_id < 0) last_chunk = true;
+    this->PropagateFnc(in, frames, in_dim, out, call_id);
+  }
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_STREAM_NNET_CHUNK_LAYER_H_

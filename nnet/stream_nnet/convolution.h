@@ -1,0 +1,126 @@
+#ifndef NNET_STREAM_NNET_CONVOLUTION_H_
+#define NNET_STREAM_NNET_CONVOLUTION_H_
+
+// Convolution, transposed convolution and pooling along the frames of a stream. The parameter
+// blocks, and the arithmetic of one call, are those of the whole-sequence layers.
+
+#include <cstdint>
+#include <cstdio>
+
+#include "nnet/conv1d.h"
+#include "nnet/stream_nnet/chunk-layer.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// A window that slides over the rows of a stream, and the rows that it has not left behind.
+class StreamWindow {
+ public:
+  explicit StreamWindow(int row_width) : cache(row_width) {}
+
+  void Reset();
+  void Reserve(const WindowParameters& window, int64_t frames, uint64_t& memory_bytes) {
+    cache.Reserve(frames + window.effective_kernel - 1, memory_bytes);
+  }
+  /// The most output frames that a chunk of so many frames can complete.
+  static int64_t MostFrames(const WindowParameters& window, int64_t frames) {
+    return window.WindowFrames(frames + window.effective_kernel - 1);
+  }
+  /// The output frames that such a chunk completes with the padding of these ends.
+  int64_t CompleteFrames(const WindowParameters& window, int64_t frames,
+                         const ChunkEnds& ends) const;
+
+  /// What the windows of one call see: `rows` of real input behind `padding` rows of zeros.
+  struct View {
+    const float* rows;
+    int64_t count;
+    int64_t padding;
+    int64_t out_frames;
+  };
+  /// Takes in a chunk and the padding of its ends. The view is valid until MoveOn, which follows
+  /// when the output has been computed.
+  View Take(const WindowParameters& window, const float* in, int64_t frames, ChunkEnds& ends,
+            uint64_t& memory_bytes);
+  void MoveOn(const WindowParameters& window, const View& view);
+
+  /// Rows from the start of the next window to the end of what has arrived, rows of padding
+  /// included. Negative when the stride has already stepped past rows that are still to come.
+  int64_t cached_frames = 0;
+  /// Those of them that are no padding.
+  RowQueue cache;
+
+ private:
+  int64_t Length(const WindowParameters& window, int64_t frames, const ChunkEnds& ends) const;
+};
+
+/// As Conv1d, with the terms of each sum in another order: input channels, then taps.
+class StreamConv1d final : public ChunkLayerOf<0x1000>, public Conv1dParameters {
+ public:
+  StreamConv1d(int input_dim_arg, int output_dim_arg)
+      : ChunkLayerOf(input_dim_arg, output_dim_arg),
+        Conv1dParameters(TermOrder::kChannelsFirst),
+        window(input_dim_arg) {}
+  int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
+  CallExtent Extent(int64_t frames, int in_dim) const override;
+  void Reserve(int64_t frames) override { window.Reserve(*this, frames, memory_bytes); }
+  void Reset() override;
+  bool ReadData(FILE* fp) override;
+  bool ReadTextData(FILE* fp, bool binary) override;
+  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
+  ParameterList MutableParameters() override { return List(); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  StreamWindow window;
+};
+
+/// As MaxPool1d; its rows have the width of the header.
+class StreamMaxPool1d final : public ChunkLayerOf<0x1002>, public MaxPool1dParameters {
+ public:
+  StreamMaxPool1d(int input_dim_arg, int output_dim_arg)
+      : ChunkLayerOf(input_dim_arg, output_dim_arg), window(input_dim_arg) {}
+  int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
+  CallExtent Extent(int64_t frames, int in_dim) const override;
+  void Reserve(int64_t frames) override { window.Reserve(*this, frames, memory_bytes); }
+  void Reset() override;
+  bool ReadData(FILE* fp) override { return ReadBlock(fp); }
+  bool ReadTextData(FILE* fp, bool binary) override {
+    return binary ? ReadBlock(fp) : ReadTextBlock(fp);
+  }
+  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  StreamWindow window;
+};
+
+/// As ConvTranspose1d, with the same bits. A call emits the frames that no later input reaches;
+/// those that the padding may still cut off at the end are held back too.
+class StreamConvTranspose1d final : public ChunkLayerOf<0x1001>, public ConvTranspose1dParameters {
+ public:
+  StreamConvTranspose1d(int input_dim_arg, int output_dim_arg)
+      : ChunkLayerOf(input_dim_arg, output_dim_arg), cache(input_dim_arg) {}
+  /// The untrimmed length for so many rows.
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
+  CallExtent Extent(int64_t frames, int in_dim) const override;
+  void Reserve(int64_t frames) override { cache.Reserve(frames + cache_len, memory_bytes); }
+  void Reset() override;
+  bool ReadData(FILE* fp) override;
+  bool ReadTextData(FILE* fp, bool binary) override;
+  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
+  ParameterList MutableParameters() override { return List(); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  /// The rows that frames still to be emitted depend on.
+  int64_t cache_len = 0;
+  /// That many of the last rows, or all of them until the first frame has been emitted.
+  RowQueue cache;
+
+ private:
+  void SetCacheLength();
+  int64_t HeldBack() const { return cache_len * stride; }
+  int64_t NextFrame() const;
+  int64_t EndFrame(int64_t rows) const;
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_STREAM_NNET_CONVOLUTION_H_

@@ -1,0 +1,129 @@
+#ifndef NNET_STREAM_NNET_NNET_CONTROL_FLOW_H_
+#define NNET_STREAM_NNET_NNET_CONTROL_FLOW_H_
+
+// Registers, concatenation, padding and slicing along a stream. D is the input dimension, which is
+// also the width of what comes out of all but the concatenation.
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "nnet/nnet-control-flow.h"
+#include "nnet/stream_nnet/chunk-layer.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// Keeps the rows of the last call under a name.
+class StreamRegisterComponent final : public LayerOf<0x1100> {
+ public:
+  static constexpr const char* kKind = "stream_register";
+
+  using LayerOf::LayerOf;
+  void Reserve(int64_t frames) override;
+  void Reset() override { stored_frames = 0; }
+  bool ReadData(FILE* fp) override;
+  bool ReadTextData(FILE* fp, bool binary) override;
+  bool WriteData(FILE* fp) const override;
+  std::string Links() const override { return "register " + register_name; }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  std::string register_name;
+  RowQueue register_buffer{input_dim};
+  int64_t stored_frames = 0;
+};
+
+/// Joins rows of registers and of its own input, each D wide, frame by frame of the stream. Parts
+/// whose frames come earlier than those of others wait in its queues.
+class StreamConcatenateComponent final : public LayerOf<0x1101>, public ConcatenationParts {
+ public:
+  using Register = StreamRegisterComponent;
+
+  using LayerOf::LayerOf;
+  bool CheckInputDim() const override { return UsesInput(); }
+  void Reset() override;
+  bool ReadData(FILE* fp) override;
+  bool ReadTextData(FILE* fp, bool binary) override;
+  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
+  std::string Links() const override { return Describe(); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+  CallExtent Extent(int64_t frames, int in_dim) const override;
+
+  // What the executor adds up when it links: the parts must fill the output.
+  int64_t InputUnits() const { return input_dim; }
+  static int64_t RegisterUnits(const Register& part) { return part.output_dim; }
+  int64_t OutputUnits() const { return output_dim; }
+
+  /// Throws unless the registers are linked, all parts are D wide and together fill the output.
+  void CheckParts() const;
+
+  std::vector<const Register*> registers;
+  /// Rows held over, a queue for each part.
+  std::vector<RowQueue> pending;
+
+ private:
+  bool MakeQueues();
+  int64_t CompleteFrames(int64_t frames) const;
+  template <class Visit>
+  void ForEachPart(const float* in, int64_t frames, Visit visit) const;
+};
+
+/// Mirrors the frames next to each end of the stream, not the end itself. Nothing comes out before
+/// the frames that are mirrored at the start have arrived.
+class StreamReflectionPad final : public ChunkLayerOf<0x1102>, public FramePadding {
+ public:
+  using ChunkLayerOf::ChunkLayerOf;
+  int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
+  void Reserve(int64_t frames) override;
+  void Reset() override;
+  bool ReadData(FILE* fp) override { return ReadPadding(fp); }
+  bool ReadTextData(FILE* fp, bool binary) override;
+  bool WriteData(FILE* fp) const override { return WritePadding(fp); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+  CallExtent Extent(int64_t frames, int in_dim) const override;
+
+  /// The first frames of the stream while they wait, at most padding_left.
+  RowQueue head{input_dim};
+  /// The last frames that have arrived, at most padding_right + 1.
+  RowQueue tail{input_dim};
+
+ private:
+  bool Waits(int64_t frames) const { return first_chunk && head.rows() + frames <= padding_left; }
+  void KeepTail(const float* in, int64_t frames);
+  float* EmitHead(const float* in, float* out);
+  [[noreturn]] void ThrowTooShort(int64_t frames) const;
+};
+
+class StreamConstantPad final : public ChunkLayerOf<0x1103>, public ConstantPadParameters {
+ public:
+  using ChunkLayerOf::ChunkLayerOf;
+  int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
+  bool ReadData(FILE* fp) override { return ReadBlock(fp); }
+  bool ReadTextData(FILE* fp, bool binary) override;
+  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+};
+
+/// Drops the first frames of the stream. Unlike the whole-sequence layer of the family it does not
+/// pick frames by index.
+class StreamSliceComponent final : public LayerOf<0x1104> {
+ public:
+  using LayerOf::LayerOf;
+  void Reset() override { frames_seen = 0; }
+  bool ReadData(FILE* fp) override;
+  bool ReadTextData(FILE* fp, bool binary) override;
+  bool WriteData(FILE* fp) const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  std::string index_text;
+  /// The first numbers of its items; the first of them counts the frames to drop.
+  std::vector<int32_t> starts;
+  int64_t frames_seen = 0;
+
+ private:
+  void SetStarts();
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_STREAM_NNET_NNET_CONTROL_FLOW_H_
