@@ -127,7 +127,8 @@ void RunBlock(const ConvolutionRun& run, TilePlace at) {
   }
 }
 
-// A block of which not all channels exist goes through a buffer, a few frames at a time.
+// A block of which not all channels exist, at the end of a row: goes through a buffer, a few frames
+// at a time.
 void RunPartialBlock(const ConvolutionRun& run, TilePlace at, size_t channels) {
   constexpr size_t kFrames = 4 * kChains;
   HWY_ALIGN float rows[kFrames * kNarrowBlock];
@@ -151,8 +152,11 @@ void RunPartialBlock(const ConvolutionRun& run, TilePlace at, size_t channels) {
 // A sum that starts from 0 is never -0, so that adding 0 changes no bit of it.
 constexpr float kNoBias[kBlocksOfOneFrame * kWideBlock] = {};
 
+// One group, behind whose first channel an output row has `room` channels. A block of which not all
+// channels exist may write into the groups behind it, which are computed later.
 template <bool kDepthwise>
-void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const TilePlace& group) {
+void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const TilePlace& group,
+              size_t room) {
   const size_t channels = shape.out_per_group;
   const float* weights = group.weights;
   for (size_t next = 0; next < channels;) {
@@ -167,7 +171,7 @@ void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const Ti
       Tile<kWideBlock, kBlocksOfOneFrame, kDepthwise, 1>(run, at);
     } else if (block.width == kWideBlock) {
       RunBlock<kWideBlock, kDepthwise>(run, at);
-    } else if (block.channels == kNarrowBlock) {
+    } else if (block.offset + kNarrowBlock <= room) {
       RunBlock<kNarrowBlock, kDepthwise>(run, at);
     } else {
       RunPartialBlock(run, at, block.channels);
@@ -180,10 +184,10 @@ void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const Ti
 void Convolve(const ConvolutionShape& shape, const float* weights, const float* bias,
               const ConvolutionRun& run) {
   TilePlace group = {run.in, weights, bias, run.out, 0};
-  if (shape.depthwise) return RunGroup<true>(shape, run, group);
+  if (shape.depthwise) return RunGroup<true>(shape, run, group, shape.out_per_group);
   const size_t group_weights = shape.GroupWeights();
   for (size_t g = 0; g < shape.groups; ++g) {
-    RunGroup<false>(shape, run, group);
+    RunGroup<false>(shape, run, group, (shape.groups - g) * shape.out_per_group);
     group.in += shape.in_per_group;
     group.weights += group_weights;
     group.out += shape.out_per_group;

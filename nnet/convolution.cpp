@@ -177,14 +177,20 @@ void SimpleConv2d1x3s2::Reserve(int64_t frames) {
 
 void SimpleConv2d1x3s2::Gather(const Tensor3& in, size_t out_width) {
   for (Tensor3& tap : taps) tap.Reshape(out_width, in.height, in.channels, memory_bytes);
+  // Positions whose last value lies inside the row; at most one is left, which sees the zero
+  // behind.
+  const size_t whole = std::min(out_width, in.width / 2);
   for (size_t c = 0; c < in.channels; ++c) {
     for (size_t t = 0; t < in.height; ++t) {
       const float* row = in.Plane(c) + t * in.width;
-      const auto at = [&](size_t i) { return i == 0 || i > in.width ? 0.0F : row[i - 1]; };
-      for (size_t j = 0; j < taps.size(); ++j) {
-        float* to = taps[j].Plane(c) + t * out_width;
-        for (size_t x = 0; x < out_width; ++x) to[x] = at(2 * x + j);
-      }
+      float* before = taps[0].Plane(c) + t * out_width;
+      float* at = taps[1].Plane(c) + t * out_width;
+      float* behind = taps[2].Plane(c) + t * out_width;
+      for (size_t x = 0; x < out_width; ++x) at[x] = row[2 * x];
+      for (size_t x = 0; x < whole; ++x) behind[x] = row[2 * x + 1];
+      std::fill(behind + whole, behind + out_width, 0.0F);
+      before[0] = 0.0F;
+      std::copy_n(behind, out_width - 1, before + 1);
     }
   }
 }
