@@ -275,21 +275,6 @@ TEST(Conv1d, SumsRunChannelByChannelWhenAsked) {
   }
 }
 
-TEST(Conv1d, CountsOutputFrames) {
-  struct Case {
-    Shape shape;
-    int frames;
-    int wanted;
-  };
-  for (const Case& c : {Case{{1, 1, 3, 1, 1, 1}, 7, 7}, Case{{1, 1, 3, 1, 1, 1}, 1, 1},
-                        Case{{1, 1, 3, 1, 0, 0, 2}, 4, 0}, Case{{1, 1, 3, 1, 0, 0, 2}, 5, 1},
-                        Case{{1, 1, 1, 2}, 5, 3}, Case{{1, 1, 3, 1, 4, 4}, 0, 0},
-                        Case{{1, 1, 3, 1, 4, 4}, -2, 0}}) {
-    const Layer layer = ReadLayer(ConvFile(c.shape, RandomWeights(c.shape, 1)));
-    EXPECT_EQ(layer->CalcOutputFrames(c.frames), c.wanted) << Name(c.shape, c.frames);
-  }
-}
-
 TEST(Conv1d, RefusesTooFewFrames) {
   const Shape s = {1, 1, 3, 1, 0, 1, 3};
   const Layer layer = ReadLayer(ConvFile(s, RandomWeights(s, 1)));
@@ -425,16 +410,24 @@ TEST(MaxPool1d, TakesNoTimeForTapsInThePadding) {
 // ---- Files
 // ----------------------------------------------------------------------------------------
 
-TEST(Conv1dFile, WritesWhatItReadAlsoAfterRunning) {
+// Also after running, and under the fixed-point code, which makes the same class.
+TEST(Conv1dFile, WritesWhatItRead) {
   for (const Shape& s : kShapes) {
     SCOPED_TRACE(Name(s, 40));
     const Weights weights = RandomWeights(s, 7);
-    for (const Bytes& bytes : {ConvFile(s, weights), TransposeFile(s, weights), PoolFile(s)}) {
+    const std::pair<Bytes, int> files[] = {
+        {ConvFile(s, weights), 0xc07}, {TransposeFile(s, weights), 0xc08}, {PoolFile(s), 0x309}};
+    for (const auto& [bytes, fixed] : files) {
       const Layer layer = ReadLayer(bytes);
       RunLayer(*layer, RandomFrames(s, 40, 8), 40, s.in_dim);
       EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), bytes.str());
+      EXPECT_EQ(layer->GetFixedType(), fixed);
+      const std::string written = Written([&](FILE* fp) { return layer->WriteFixed(fp); });
+      const Layer again(runtime::Component::Read(FileOf(written).get()));
+      EXPECT_EQ(Written([&](FILE* fp) { return again->Write(fp); }), bytes.str());
     }
   }
+  EXPECT_EQ(Layer(runtime::NewComponentOfType(0xc09, 1, 1))->GetType(), 0x309);
 }
 
 TEST(Conv1dFile, EveryPrefixIsRefused) {
@@ -465,21 +458,6 @@ TEST(Conv1dFile, TextGivesTheSameLayer) {
                  matrices),
             TransposeFile(s, weights).str());
   EXPECT_EQ(file("<MaxPool1d> 2 2 " + window + "\n"), PoolFile(s).str());
-}
-
-TEST(Conv1dFile, FixedMarkersGiveTheSameClass) {
-  const Shape s = {2, 2, 1};
-  const Weights weights = RandomWeights(s, 7);
-  const std::pair<Bytes, int> files[] = {
-      {ConvFile(s, weights), 0xc07}, {TransposeFile(s, weights), 0xc08}, {PoolFile(s), 0x309}};
-  for (const auto& [bytes, fixed] : files) {
-    const Layer layer = ReadLayer(bytes);
-    EXPECT_EQ(layer->GetFixedType(), fixed);
-    const std::string written = Written([&](FILE* fp) { return layer->WriteFixed(fp); });
-    const Layer again(runtime::Component::Read(FileOf(written).get()));
-    EXPECT_EQ(again->GetType(), layer->GetType());
-  }
-  EXPECT_EQ(Layer(runtime::NewComponentOfType(0xc09, 1, 1))->GetType(), 0x309);
 }
 
 TEST(Conv1dFile, RefusesFieldsThatCannotRun) {
@@ -529,13 +507,16 @@ TEST(Conv1dFile, HostileSizesAreRefusedOrHarmless) {
   EXPECT_TRUE(RunLayer(*ReadLayer(TransposeFile(no_outputs, {})), {1, 2, 3}, 1, 3).empty());
 }
 
-// A call without frames can still see windows that lie in the padding.
+// A call without frames can still see windows that lie in the padding, but announces none.
 TEST(Conv1d, PaddingAloneGivesTheBias) {
   const Shape s = {2, 3, 3, 1, 2, 2};
   const Weights weights = RandomWeights(s, 3);
-  const std::vector<float> out = RunLayer(*ReadLayer(ConvFile(s, weights)), {}, 0, 2);
+  const Layer layer = ReadLayer(ConvFile(s, weights));
+  const std::vector<float> out = RunLayer(*layer, {}, 0, 2);
   ASSERT_EQ(out.size(), 6U);
   for (size_t i = 0; i < out.size(); ++i) EXPECT_EQ(out[i], weights.bias[i % 3]);
+  EXPECT_EQ(layer->CalcOutputFrames(0), 0);
+  EXPECT_EQ(layer->CalcOutputFrames(-2), 0);
 }
 
 }  // namespace
