@@ -138,7 +138,7 @@ bool ConvolutionParameters::WriteKernel(FILE* fp) const {
 // Visits the index in compute order and the index in the file of every weight.
 template <class Visit>
 void ConvolutionParameters::ForEachWeight(Visit visit) const {
-  if (shape.terms == 0) return;
+  if (shape.Weights() == 0) return;
   const size_t k = ToSize(kernel_size);
   const size_t in = ToSize(in_per_group);
   const size_t out = ToSize(out_per_group);
@@ -306,8 +306,8 @@ void ConvTranspose1dParameters::Convolve(const float* in, int64_t frames, int64_
                                          int64_t out_frames, float* out) const {
   const int64_t spacing = stride / std::gcd(stride, dilation);
   const int64_t phases = in_per_group == 0 ? 0 : std::min<int64_t>(spacing, kernel_size);
-  if (phases < stride) FillWithBias(out_frames, out);
   if (OutDim() == 0) return;
+  if (phases < stride) FillWithBias(out_frames, out);
   for (int64_t tap = 0; tap < phases; ++tap) {
     const int64_t position = int64_t{tap} * dilation - padding;
     const int64_t input = CeilDiv(-position, stride);

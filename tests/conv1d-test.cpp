@@ -505,6 +505,10 @@ TEST(Conv1dFile, HostileSizesAreRefusedOrHarmless) {
   const Shape no_outputs = {3, 0, huge, 1, huge, 0, 1, 1, false, huge};
   EXPECT_TRUE(RunLayer(*ReadLayer(ConvFile(no_outputs, {})), {1, 2, 3}, 1, 3).empty());
   EXPECT_TRUE(RunLayer(*ReadLayer(TransposeFile(no_outputs, {})), {1, 2, 3}, 1, 3).empty());
+  const Shape far_apart = {1, 0, 2, huge, 0, 0, 1, 1, false};
+  EXPECT_TRUE(RunLayer(*ReadLayer(TransposeFile(far_apart, {})), Random(99, 1), 99, 1).empty());
+  const Shape many_groups = {huge, 0, 1, 1, 0, 0, 1, huge, false};
+  EXPECT_NO_THROW(ReadLayer(ConvFile(many_groups, {})));
 }
 
 // A call without frames can still see windows that lie in the padding, but announces none.
