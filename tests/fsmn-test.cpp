@@ -154,6 +154,9 @@ TEST(Fsmn, DependenciesThatCannotBeFollowedThrow) {
   const Bytes windows = Component1d(0x603, 2, 2, Bytes().Int(4).Int(1).Int(0));
   EXPECT_EQ(failure(Network({first, windows, second})),
             "too few fsmn memory rows! [needed:143, produced:39]");
+  const Bytes pairs = Component1d(0x603, 2, 2, Bytes().Int(2).Int(1).Int(0));
+  EXPECT_EQ(failure(Network({first, pairs, Taps{40, 0, 1, -1}.Component(2)})),
+            "too few fsmn memory rows! [needed:76, produced:39]");
   EXPECT_EQ(failure(Network({Taps{20, 20, 1}.Component(2)})),
             "too few input frames! [frames:40, left:20, right:20]");
   // Outside an executor there is nothing to depend on.
