@@ -18,17 +18,20 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// Beside the bound on a block, frame counts are bounded so that they leave room for arithmetic.
+// Beside the bound on a block, frame counts are bounded: so that they leave room for arithmetic,
+// and so that a few bytes of padding or stride in a model cannot turn a short call into hours of
+// work.
 constexpr int64_t kMaxFrames = int64_t{1} << 26;
+constexpr int64_t kMaxGrowth = 1024;
+constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
 
 // The shortest component is a one-dimensional header without parameters.
 constexpr size_t kMinComponentBytes = 12;
 
-void CheckFrames(const Component& layer, size_t position, int64_t frames) {
-  if (frames > kMaxFrames) {
-    ThrowError(Here(), "too many frames! layer[%s] position[%zu] [%" PRId64 " > %" PRId64 "]",
-               layer.TypeMarker().c_str(), position, frames, kMaxFrames);
-  }
+// The most frames that a layer may take or give in a call of so many frames.
+int64_t FrameLimit(int64_t call_frames) {
+  if (call_frames >= kMaxFrames / kMaxGrowth) return kMaxFrames;
+  return std::max(kFramesAlwaysAllowed, call_frames * kMaxGrowth);
 }
 
 template <class Register>
@@ -177,16 +180,18 @@ void NnetForward::LinkWindows() {
 
 void NnetForward::ReserveFrames(int64_t frames) {
   if (frames <= 0) return;
+  frame_limit = FrameLimit(frames);
   int64_t n = frames;
   int width = input_dim;
   uint64_t need = 0;
   int64_t gate_frames = shared_gate_frames;
   for (size_t position = 0; position < nnet->layers.size(); ++position) {
     Component& layer = *nnet->layers[position];
-    CheckFrames(layer, position, n);
+    CheckFrames(position, n);
     layer.Reserve(n);
     need = std::max(need, layer.Extent(n, width).writes);
     n = MostFrames(layer, n);
+    CheckFrames(position, n);
     if (dynamic_cast<const Blstm*>(&layer) != nullptr) gate_frames = std::max(gate_frames, n);
     need = std::max(need, BlockFloats(layer.OutputChannel(), layer.OutputDim(), n));
     if (layer.OutputDim() > 0) width = layer.OutputDim();
@@ -251,6 +256,7 @@ void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels
 }
 
 void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
+  frame_limit = FrameLimit(frames);
   ReserveFrames(frames);
   BlockShape shape{channels, dim, frames};
   for (size_t position = 0; position < nnet->layers.size(); ++position) {
@@ -266,7 +272,8 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockSh
                                  int call_id) {
   Component& layer = *nnet->layers[position];
   layer.CheckWidth(shape.dim);
-  CheckFrames(layer, position, shape.frames);
+  CheckFrames(position, shape.frames);
+  CheckFrames(position, layer.CalcStreamOutputFrames(shape.frames));
   const CallExtent extent = layer.Extent(shape.frames, shape.dim);
   CheckInput(position, shape, extent.reads);
   GrowBuffers(extent.writes);
@@ -280,6 +287,12 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockSh
     zero_vec(buffer_b.data() + extent.writes, floats - extent.writes);
   }
   return produced;
+}
+
+void NnetForward::CheckFrames(size_t position, int64_t frames) const {
+  if (frames <= frame_limit) return;
+  ThrowError(Here(), "too many frames! layer[%s] position[%zu] [%" PRId64 " > %" PRId64 "]",
+             nnet->layers[position]->TypeMarker().c_str(), position, frames, frame_limit);
 }
 
 void NnetForward::CheckInput(size_t position, const BlockShape& shape, uint64_t reads) const {

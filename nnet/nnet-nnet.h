@@ -86,6 +86,7 @@ class NnetForward {
   BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id);
   int64_t MostFrames(const Component& layer, int64_t frames);
   int64_t MostJoinedFrames(const StreamConcatenateComponent& joined, int64_t frames) const;
+  void CheckFrames(size_t position, int64_t frames) const;
   void CheckInput(size_t position, const BlockShape& shape, uint64_t reads) const;
   void GrowBuffers(uint64_t floats);
   void GrowGates(int64_t frames);
@@ -103,6 +104,7 @@ class NnetForward {
   FloatArray shared_gate_buffer;
   BlockShape output_shape;
   uint64_t buffer_bytes = 0;
+  int64_t frame_limit = 0;
   RegisterMap<RegisterComponent> register_map;
   RegisterMap<Register2dComponent> register2d_map;
   RegisterMap<StreamRegisterComponent> stream_register_map;

@@ -171,6 +171,14 @@ TEST(Executor, SizesBeyondTheLimitsAreRefused) {
       ThrownBy([&] { narrow.forward->ReserveFrames(int64_t{1} << 40); }).find("too many frames!"),
       std::string::npos);
   EXPECT_EQ(narrow.Call({-1, 1}, 2, 1), Floats({0, 1}));  // and remains usable
+  // A transposed convolution whose stride makes millions of frames out of two.
+  Model stretched(Network({Component1d(
+      0x308, 1, 1,
+      Bytes().Int(1).Int(2'000'000).Int(0).Int(0).Int(0).Int(1).Int(1).Int(0).Float(1))}));
+  EXPECT_EQ(ThrownBy([&] {
+              stretched.Call({1, 1}, 2, 1);
+            }),
+            "too many frames! layer[<ConvTranspose1d>] position[0] [2000001 > 1048576]");
 }
 
 }  // namespace
