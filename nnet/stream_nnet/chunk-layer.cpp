@@ -14,29 +14,38 @@ constexpr uint64_t kMostReserved = uint64_t{1} << 22;
 
 }  // namespace
 
-void RowQueue::Reserve(int64_t rows, uint64_t& memory_bytes) {
-  const uint64_t floats = BlockFloats(1, static_cast<int64_t>(width_), rows);
+// Twice the held rows: they are moved to the front of the array once it is full, which is then as
+// rare as it takes as many new rows to come.
+void RowQueue::Reserve(int64_t held, int64_t rows, uint64_t& memory_bytes) {
+  const uint64_t floats = BlockFloats(1, static_cast<int64_t>(width_), 2 * held + rows);
   if (floats <= kMostReserved) values_.Grow(floats, memory_bytes);
 }
 
 void RowQueue::Append(const float* rows, int64_t count, uint64_t& memory_bytes) {
   if (count <= 0) return;
+  if (BlockFloats(1, static_cast<int64_t>(width_), first_ + rows_ + count) > values_.size()) {
+    MakeRoom(count, memory_bytes);
+  }
+  std::copy_n(rows, ToSize(count) * width_, values_.data() + ToSize(first_ + rows_) * width_);
+  rows_ += count;
+}
+
+void RowQueue::MakeRoom(int64_t count, uint64_t& memory_bytes) {
   const uint64_t need = BlockFloats(1, static_cast<int64_t>(width_), rows_ + count);
   if (need > kMaxBlockFloats) {
     ThrowError(Here(), "too many frames held over! [%" PRIu64 " > %" PRIu64 " floats]", need,
                kMaxBlockFloats);
   }
+  if (first_ > 0) std::copy_n(Row(0), ToSize(rows_) * width_, values_.data());
+  first_ = 0;
   // Twice the size, so that a reach that fills up over many calls costs few copies.
   if (need > values_.size()) values_.Grow(std::max(need, 2 * values_.size()), memory_bytes);
-  std::copy_n(rows, ToSize(count) * width_, values_.data() + ToSize(rows_) * width_);
-  rows_ += count;
 }
 
 void RowQueue::DropFront(int64_t count) {
-  if (count <= 0) return;
-  const int64_t left = std::max<int64_t>(0, rows_ - count);
-  std::copy_n(Row(rows_ - left), ToSize(left) * width_, values_.data());
-  rows_ = left;
+  const int64_t dropped = std::clamp<int64_t>(count, 0, rows_);
+  rows_ -= dropped;
+  first_ = rows_ == 0 ? 0 : first_ + dropped;
 }
 
 }  // namespace tarev::nnet::handwriting_CTC

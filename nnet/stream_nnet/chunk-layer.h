@@ -21,17 +21,20 @@ class RowQueue {
 
   int64_t rows() const { return rows_; }
   size_t width() const { return width_; }
-  const float* Row(int64_t r) const { return values_.data() + ToSize(r) * width_; }
+  const float* Row(int64_t r) const { return values_.data() + ToSize(first_ + r) * width_; }
 
-  /// Makes room for so many rows beforehand, unless they are more than a header alone should be
-  /// able to ask for; rows that really come always find room.
-  void Reserve(int64_t rows, uint64_t& memory_bytes);
+  /// Makes room for calls of so many rows beside `held` rows that stay, unless that is more than a
+  /// header alone should be able to ask for; rows that really come always find room.
+  void Reserve(int64_t held, int64_t rows, uint64_t& memory_bytes);
   void Append(const float* rows, int64_t count, uint64_t& memory_bytes);
   void DropFront(int64_t count);
-  void Clear() { rows_ = 0; }
+  void Clear() { DropFront(rows_); }
 
  private:
+  void MakeRoom(int64_t count, uint64_t& memory_bytes);
+
   size_t width_;
+  int64_t first_ = 0;  // row of the array at which the queue begins
   int64_t rows_ = 0;
   FloatArray values_;
 };

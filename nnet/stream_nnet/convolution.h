@@ -19,7 +19,7 @@ class StreamWindow {
 
   void Reset();
   void Reserve(const WindowParameters& window, int64_t frames, uint64_t& memory_bytes) {
-    cache.Reserve(frames + window.effective_kernel - 1, memory_bytes);
+    cache.Reserve(window.effective_kernel - 1, frames, memory_bytes);
   }
   /// The most output frames that a chunk of so many frames can complete.
   static int64_t MostFrames(const WindowParameters& window, int64_t frames) {
@@ -101,7 +101,7 @@ class StreamConvTranspose1d final : public ChunkLayerOf<0x1001>, public ConvTran
   int64_t CalcOutputFrames(int64_t in_frames) const override;
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
   CallExtent Extent(int64_t frames, int in_dim) const override;
-  void Reserve(int64_t frames) override { cache.Reserve(frames + cache_len, memory_bytes); }
+  void Reserve(int64_t frames) override { cache.Reserve(cache_len, frames, memory_bytes); }
   void Reset() override;
   bool ReadData(FILE* fp) override;
   bool ReadTextData(FILE* fp, bool binary) override;

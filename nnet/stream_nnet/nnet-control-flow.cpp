@@ -57,7 +57,7 @@ bool StreamRegisterComponent::ReadTextData(FILE* fp, bool binary) {
 bool StreamRegisterComponent::WriteData(FILE* fp) const { return fwrite_string(fp, register_name); }
 
 void StreamRegisterComponent::Reserve(int64_t frames) {
-  register_buffer.Reserve(frames, memory_bytes);
+  register_buffer.Reserve(0, frames, memory_bytes);
 }
 
 void StreamRegisterComponent::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/,
@@ -165,8 +165,8 @@ void StreamReflectionPad::Reset() {
 }
 
 void StreamReflectionPad::Reserve(int64_t /*frames*/) {
-  head.Reserve(padding_left, memory_bytes);
-  tail.Reserve(int64_t{padding_right} + 1, memory_bytes);
+  head.Reserve(0, padding_left, memory_bytes);
+  tail.Reserve(int64_t{padding_right} + 1, 0, memory_bytes);
 }
 
 int64_t StreamReflectionPad::CalcStreamOutputFrames(int64_t in_frames) const {
