@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nnet/fsmn-layer.h"
@@ -17,10 +19,7 @@ using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-name
 using Floats = std::vector<float>;
 
 struct Taps {
-  int left = 0;
-  int right = 0;
-  int stride = 1;
-  int depend = 0;
+  int left = 0, right = 0, stride = 1, depend = 0;
   uint32_t seed = 1;
 
   int Context() const { return (left + right) * stride; }
@@ -59,16 +58,13 @@ Floats Direct(const Taps& taps, int dim, const Floats& in, Floats& memory, const
 TEST(Fsmn, HandWorkedSums) {
   const struct {
     const char* text;
-    Floats in;
-    Floats out;
+    Floats in, out;
   } cases[] = {
-      {"<Fsmn> 2 2 <LOrder> 0 <ROrder> 0 <Stride> 1\n[ 1 1 ]", {1, 2, 3, 4}, {2, 4, 6, 8}},
       {"<Fsmn> 1 1 <LearnRateCoef> 0.5 <LOrder> 1 <ROrder> 1 <Stride> 2\nstray [ 1\n10\n100 ]",
        {1, 2, 3, 4, 5, 6},
        {534, 646}},
       {"<Fsmn> 1 1 <LOrder> 0 <ROrder> 1 <Stride> 3\n[ 0 1 ]", {1, 2, 3, 4}, {5}},
-      {"<Fsmn> 1 1 <LOrder> 2 <ROrder> 0 <Stride> 0\n[ 1 2 3 ]", {1, 2}, {7, 14}},
-  };
+      {"<Fsmn> 1 1 <LOrder> 2 <ROrder> 0 <Stride> 0\n[ 1 2 3 ]", {1, 2}, {7, 14}}};
   for (const auto& c : cases) {
     const Layer layer = ReadTextLayer(c.text);
     const auto frames = static_cast<int64_t>(c.in.size()) / layer->input_dim;
@@ -109,8 +105,8 @@ TEST(Fsmn, ChainsAddTheMemoryOfTheBlockTheyDependOn) {
   } cases[] = {
       {{{1, 1, 1, 0, 1}, {3, 0, 1, -1, 2}}, {-1, 3}},
       {{{1, 0, 2, 0, 1}, {1, 2, 1, -1, 2}, {2, 1, 2, -2, 3}, {1, 0, 1, -1, 4}}, {-1, 1, 5, 1}},
-      {{{2, 0, 1, 0, 1}, {0, 2, 1, -1, 2}}, {-1, 0}},  // an offset of 0 is a dependency too
-  };
+      // An offset of 0 is a dependency too.
+      {{{2, 0, 1, 0, 1}, {0, 2, 1, -1, 2}}, {-1, 0}}};
   for (const auto& c : cases) {
     Bytes bytes;
     bytes.Raw(static_cast<uint32_t>(c.blocks.size()));
@@ -122,10 +118,8 @@ TEST(Fsmn, ChainsAddTheMemoryOfTheBlockTheyDependOn) {
       std::vector<Floats> memories(c.blocks.size());
       for (size_t b = 0; b < c.blocks.size(); ++b) {
         const Taps& taps = c.blocks[b];
-        const float* skip = nullptr;
-        if (taps.depend != 0) {
-          skip = memories[b - static_cast<size_t>(-taps.depend)].data() + c.offsets[b] * kDim;
-        }
+        const Floats& source = memories[b - static_cast<size_t>(-taps.depend)];
+        const float* skip = taps.depend != 0 ? source.data() + c.offsets[b] * kDim : nullptr;
         rows = Direct(taps, kDim, rows, memories[b], skip);
         const auto& block = dynamic_cast<Fsmn&>(*model.nnet.layers[b]);
         EXPECT_EQ(block.skip_offset, c.offsets[b]);
@@ -137,48 +131,46 @@ TEST(Fsmn, ChainsAddTheMemoryOfTheBlockTheyDependOn) {
 }
 
 TEST(Fsmn, DependenciesThatCannotBeFollowedThrow) {
-  const auto failure = [](const Bytes& network) {
-    return ThrownBy([&] { Model(network).Call(Floats(80, 1.0F), 40, 2); });
+  const auto dependent = [](int left, int right, int depend) {
+    return Taps{left, right, 1, depend}.Component(2);
   };
-  const Bytes first = Taps{1, 0, 1}.Component(2);
-  const Bytes second = Taps{0, 1, 1, -1}.Component(2);
+  const auto windows = [](int frames) {
+    return Component1d(0x603, 2, 2, Bytes().Int(frames).Int(1).Int(0));
+  };
+  const Bytes first = dependent(1, 0, 0), second = dependent(0, 1, -1);
   const int least = std::numeric_limits<int>::min();
-  EXPECT_EQ(failure(Network({second})), "fsmn 'depend' out of scope! [-1]");
-  EXPECT_EQ(failure(Network({first, Taps{0, 0, 1, -3}.Component(2)})),
-            "fsmn 'depend' out of scope! [-2]");
-  EXPECT_EQ(failure(Network({first, Taps{0, 0, 1, least}.Component(2)})),
-            "fsmn 'depend' out of scope! [-2147483647]");
-  EXPECT_EQ(failure(Network({Taps{}.Component(3), second})),
-            "mismatched fsmn memory! layer[<Fsmn>] [2] vs [3]");
-  // Frames that a layer between the two repeats have no memory to go with.
-  const Bytes windows = Component1d(0x603, 2, 2, Bytes().Int(4).Int(1).Int(0));
-  EXPECT_EQ(failure(Network({first, windows, second})),
-            "too few fsmn memory rows! [needed:143, produced:39]");
-  const Bytes pairs = Component1d(0x603, 2, 2, Bytes().Int(2).Int(1).Int(0));
-  EXPECT_EQ(failure(Network({first, pairs, Taps{40, 0, 1, -1}.Component(2)})),
-            "too few fsmn memory rows! [needed:76, produced:39]");
-  EXPECT_EQ(failure(Network({Taps{20, 20, 1}.Component(2)})),
-            "too few input frames! [frames:40, left:20, right:20]");
+  const std::pair<Bytes, const char*> cases[] = {
+      {Network({second}), "fsmn 'depend' out of scope! [-1]"},
+      {Network({first, dependent(0, 0, -3)}), "fsmn 'depend' out of scope! [-2]"},
+      {Network({first, dependent(0, 0, least)}), "fsmn 'depend' out of scope! [-2147483647]"},
+      {Network({Taps{}.Component(3), second}), "mismatched fsmn memory! layer[<Fsmn>] [2] vs [3]"},
+      // Frames that a layer between the two repeats have no memory to go with.
+      {Network({first, windows(4), second}), "too few fsmn memory rows! [needed:143, produced:39]"},
+      {Network({first, windows(2), dependent(40, 0, -1)}),
+       "too few fsmn memory rows! [needed:76, produced:39]"},
+      {Network({dependent(20, 20, 0)}), "too few input frames! [frames:40, left:20, right:20]"}};
+  for (const auto& [network, message] : cases) {
+    EXPECT_EQ(ThrownBy([&] { Model(network).Call(Floats(80, 1.0F), 40, 2); }), message);
+  }
   // Outside an executor there is nothing to depend on.
-  const Layer alone = ReadLayer(second);
-  EXPECT_EQ(ThrownBy([&] { RunLayer(*alone, Floats(8), 4, 2); }),
+  EXPECT_EQ(ThrownBy([&] { RunLayer(*ReadLayer(second), Floats(8), 4, 2); }),
             "fsmn is not linked to its dependency! [-1]");
 }
 
 TEST(Fsmn, BlocksThatCannotRunAreRefused) {
   constexpr int kMost = std::numeric_limits<int>::max();
-  const struct {
-    int input_dim, output_dim, left, right, stride, depend;
-  } cases[] = {{2, 2, -1, 2, 1, 0},    {2, 2, 2, -1, 1, 0},        {2, 2, 1, 1, -1, 0},
-               {2, 2, 0, 0, 1, 1},     {2, 2, 2, 0, kMost, 0},     {2, 2, 0, 2, kMost, 0},
-               {2, 3, 1, 1, 1, 0},     {0, 0, 1, 1, 1, 0},         {-2, -2, 1, 1, 1, 0},
-               {2, 2, kMost, 0, 1, 0}, {2, 2, kMost, kMost, 1, 0}, {kMost, kMost, 1, 1, 1, 0}};
-  for (const auto& c : cases) {
+  // Dimensions, left, right, stride and depend.
+  const std::array<int, 6> cases[] = {
+      {2, 2, -1, 2, 1, 0},    {2, 2, 2, -1, 1, 0},        {2, 2, 1, 1, -1, 0},
+      {2, 2, 0, 0, 1, 1},     {2, 2, 2, 0, kMost, 0},     {2, 2, 0, 2, kMost, 0},
+      {2, 3, 1, 1, 1, 0},     {0, 0, 1, 1, 1, 0},         {-2, -2, 1, 1, 1, 0},
+      {2, 2, kMost, 0, 1, 0}, {2, 2, kMost, kMost, 1, 0}, {kMost, kMost, 1, 1, 1, 0}};
+  for (const auto& [in, out, left, right, stride, depend] : cases) {
     const Bytes block =
-        Bytes().Int(c.left).Int(c.right).Int(c.stride).Int(c.depend).Floats(Floats(16, 1.0F));
-    const Bytes component = Component1d(0x107, c.input_dim, c.output_dim, block);
-    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!")
-        << c.left << " " << c.right << " " << c.stride << " " << c.depend;
+        Bytes().Int(left).Int(right).Int(stride).Int(depend).Floats(Floats(16, 1.0F));
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(Component1d(0x107, in, out, block)); }),
+              "read component failed!")
+        << left << " " << right << " " << stride << " " << depend;
   }
   ::testing::internal::CaptureStderr();
   const char* text = "<Fsmn> 1 1 <LOrder> 0 <ROrder> 0 <Stride> 1 <Depend> 1\n[ 1 ]";

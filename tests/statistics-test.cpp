@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 #include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/model-builder.h"
@@ -33,27 +35,16 @@ Bytes Windows(int window, int hop, int mode = 0, int dim = 1) {
   return Component1d(0x603, dim, dim, Bytes().Int(window).Int(hop).Int(mode));
 }
 
-// Frames 0, 1, 2, … of one value.
-Floats Ramp(int frames, int first = 0) {
-  Floats ramp(static_cast<size_t>(frames));
-  std::iota(ramp.begin(), ramp.end(), static_cast<float>(first));
-  return ramp;
-}
-
 TEST(Statistics, ExtractionSumsTheSpanOfEveryFrame) {
   const struct {
     int input_period, output_period;
     bool variance;
-    Floats in;
-    Floats out;
-  } cases[] = {
-      {1, 3, true, {1, 2, 3, 4, 5}, {3, 6, 14, 3, 9, 29, 3, 12, 50}},
-      {2, 2, true, {1, 2, 3}, {1, 1, 1, 1, 2, 4, 1, 3, 9}},
-      {2, 6, false, {1, 2, 3, 4, 5, 6}, {3, 9, 3, 12}},
-      {1, 2, false, {1, 2}, {2, 3}},
-  };
+    Floats in, out;
+  } cases[] = {{1, 3, true, {1, 2, 3, 4, 5}, {3, 6, 14, 3, 9, 29, 3, 12, 50}},
+               {2, 2, true, {1, 2, 3}, {1, 1, 1, 1, 2, 4, 1, 3, 9}},
+               {2, 6, false, {1, 2, 3, 4, 5, 6}, {3, 9, 3, 12}}};
   for (const auto& c : cases) {
-    const int width = c.variance ? 3 : 2;
+    const int width = c.variance ? 3 : 2, few = c.output_period - c.input_period;
     const Layer layer =
         ReadLayer(Extraction(c.input_period, c.output_period, c.variance, 1, width));
     Floats in = c.in;
@@ -61,7 +52,6 @@ TEST(Statistics, ExtractionSumsTheSpanOfEveryFrame) {
     for (size_t i = 0; i < in.size(); ++i) {
       EXPECT_EQ(in[i], c.variance ? c.in[i] * c.in[i] : c.in[i]);
     }
-    const auto few = c.output_period - c.input_period;
     EXPECT_EQ(ThrownBy([&] { RunLayer(*layer, Floats(9), few, 1); }),
               "too few input frames! [frames:" + std::to_string(few) +
                   ", left:0, right:" + std::to_string(few) + "]");
@@ -75,30 +65,18 @@ TEST(Statistics, PoolingGivesMeansAndDeviations) {
   const struct {
     const char* what;
     Bytes layer;
-    int dim;
-    int pool_frames;
-    Floats in;
-    Floats out;
+    int dim, pool_frames;
+    Floats in, out;
   } cases[] = {
       {"all rows", Pooling(3, 2), 3, 0, {1, 2, 4, 1, 4, 16}, {3, 1}},
-      {"blocks, the last one shorter",
-       Pooling(3, 2),
-       3,
-       2,
-       {1, 2, 4, 1, 4, 16, 2, 10, 68},
-       {3, 1, 5, 3}},
+      {"a shorter last block", Pooling(3, 2), 3, 2, {1, 2, 4, 1, 4, 16, 2, 10, 68}, {3, 1, 5, 3}},
       {"fewer rows than a block", Pooling(3, 2), 3, 9, {1, 2, 4, 1, 4, 16}, {3, 1}},
       {"a variance below the floor", Pooling(3, 2), 3, 0, {1, 2, 4}, {2, 1e-5F}},
       {"no deviations wanted", Pooling(3, 2, 0, false), 3, 0, {2, 2, 8}, {1, 4}},
       {"an even width has no second half", Pooling(4, 3), 4, 0, {2, 2, 4, 6}, {1, 2, 3}},
       {"count features", Pooling(3, 4, 2), 3, 0, {2, 2, 8}, {0, 0, 1, 4}},
-      {"a negative floor stops the roots",
-       Pooling(5, 4, 0, true, -9),
-       5,
-       0,
-       {1, 2, 1, 0, 5},
-       {2, 1, -4, 4}},
-  };
+      // The negative one stops the roots.
+      {"floor", Pooling(5, 4, 0, true, -9), 5, 0, {1, 2, 1, 0, 5}, {2, 1, -4, 4}}};
   for (const auto& c : cases) {
     const Layer layer = ReadLayer(c.layer);
     dynamic_cast<StatisticsPooling&>(*layer).pool_frames = c.pool_frames;
@@ -118,13 +96,14 @@ TEST(Statistics, PoolingGivesMeansAndDeviations) {
   }
 }
 
-// Runs a network of one sliding window through calls of the given sizes, the last one marked when
-// `marked` is set, and joins what comes out.
+// Runs a network of one sliding window on frames 0, 1, 2, … of one value through calls of the given
+// sizes, the last one marked when `marked` is set, and joins what comes out.
 Floats Slide(Model& model, const std::vector<int>& calls, bool marked) {
   Floats joined;
   int at = 0;
   for (size_t i = 0; i < calls.size(); ++i) {
-    const Floats in = Ramp(calls[i], at);
+    Floats in(static_cast<size_t>(calls[i]));
+    std::iota(in.begin(), in.end(), static_cast<float>(at));
     const bool last = marked && i + 1 == calls.size();
     model.forward->Propagate(in.data(), calls[i], 1, last ? -1 : static_cast<int>(i + 1));
     const float* out = model.forward->Output();
@@ -139,19 +118,16 @@ TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
     int window, hop, mode, frames;
     bool marked;
     Floats out;
-  } cases[] = {
-      {4, 2, 0, 9, false, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7}},
-      {4, 2, 0, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 6, 7, 8}},
-      {4, 2, 1, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 5, 6, 7, 8}},
-      {4, 3, 1, 8, true, {0, 1, 2, 3, 3, 4, 5, 6, 4, 5, 6, 7}},
-      {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
-      {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
-      {4, 2, 0, 3, true, {0, 1, 2}},
-      {4, 2, 1, 3, true, {0, 1, 2}},
-      {4, 2, 1, 3, false, {}},
-      {1, 1, 0, 3, true, {0, 1, 2}},
-      {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}},
-  };
+  } cases[] = {{4, 2, 0, 9, false, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7}},
+               {4, 2, 0, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 6, 7, 8}},
+               {4, 2, 1, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 5, 6, 7, 8}},
+               {4, 3, 1, 8, true, {0, 1, 2, 3, 3, 4, 5, 6, 4, 5, 6, 7}},
+               {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
+               {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
+               {4, 2, 0, 3, true, {0, 1, 2}},
+               {4, 2, 1, 3, false, {}},
+               {1, 1, 0, 3, true, {0, 1, 2}},
+               {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}}};
   for (const auto& c : cases) {
     Model model(Network({Windows(c.window, c.hop, c.mode)}));
     EXPECT_EQ(Slide(model, {c.frames}, c.marked), c.out);
@@ -162,8 +138,7 @@ TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
       EXPECT_EQ(Slide(model, {cut, c.frames - cut}, c.marked), c.out) << "cut at " << cut;
     }
     model.forward->Reset();
-    std::vector<int> single(static_cast<size_t>(c.frames), 1);
-    EXPECT_EQ(Slide(model, single, c.marked), c.out);
+    EXPECT_EQ(Slide(model, std::vector(static_cast<size_t>(c.frames), 1), c.marked), c.out);
   }
 }
 
@@ -173,10 +148,8 @@ TEST(Statistics, OverlappingWindowsGetTheRoomThatTheyNeed) {
   const Floats in = Random(60, 3);
   const Floats out = model.Call(in, 20, 3);
   ASSERT_EQ(out.size(), 36U * 3U);
-  for (size_t r = 0; r < 36; ++r) {
-    for (size_t j = 0; j < 3; ++j) {
-      EXPECT_EQ(out[r * 3 + j], in[(r / 4 * 2 + r % 4) * 3 + j]);
-    }
+  for (size_t i = 0; i < out.size(); ++i) {
+    EXPECT_EQ(out[i], in[(i / 12 * 2 + i / 3 % 4) * 3 + i % 3]);
   }
   const Component& layer = *model.nnet.layers[0];
   EXPECT_EQ(layer.CalcStreamOutputFrames(20), 24);
@@ -186,81 +159,67 @@ TEST(Statistics, OverlappingWindowsGetTheRoomThatTheyNeed) {
 }
 
 TEST(Statistics, OneVectorAWindow) {
-  const Bytes frame_statistics = Extraction(1, 1, true, 1, 3);
-  const Bytes windows = Windows(4, 2, 0, 3);
-  Model model(Network({frame_statistics, windows, Pooling(3, 2)}));
+  Model model(Network({Extraction(1, 1, true, 1, 3), Windows(4, 2, 0, 3), Pooling(3, 2)}));
   EXPECT_EQ(model.nnet.layers[2]->Links(), "windows of 4 frames");
   const Floats out = model.Call({1, 3, 1, 3, 5, 7, 5, 7, 9}, 9, 1);
-  const float deviation = std::sqrt(5.0F);  // of 1, 3, 5, 7
-  const Floats wanted = {2, 1, 4, deviation, 6, 1};
+  const Floats wanted = {2, 1, 4, std::sqrt(5.0F), 6, 1};
   ASSERT_EQ(out.size(), wanted.size());
   for (size_t i = 0; i < out.size(); ++i) EXPECT_FLOAT_EQ(out[i], wanted[i]) << i;
 }
 
 TEST(Statistics, BlocksReadAndWriteInBothForms) {
-  const struct {
-    Bytes component;
-    std::string text;
-  } cases[] = {
+  const std::pair<Bytes, std::string> cases[] = {
       {Extraction(2, 6, false, 3, 4),
-       "<StatisticsExtractionComponent> 4 3\n<InputPeriod> 2 <OutputPeriod> 6 <IncludeVarinance> "
-       "F"},
+       "<StatisticsExtractionComponent> 4 3\n"
+       "<InputPeriod> 2 <OutputPeriod> 6 <IncludeVarinance> F"},
       {Pooling(5, 6, 2, true, 0.5F),
        "<StatisticsPoolingComponent> 6 5\n<InputPeriod> 3 <LeftContext> -1 <RightContext> -1 "
        "<NumLogCountFeatures> 2 <OutputStddevs> true <VarianceFloor> 0.5"},
       {Windows(7, 3, 1, 2),
-       "<SlidingWindowComponent> 2 2\n<WindowSize> 7 <HopSize> 3 <SlidingMode> 1"},
-  };
-  for (const auto& c : cases) {
-    for (const Layer& layer : {ReadLayer(c.component), ReadTextLayer(c.text)}) {
-      EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
+       "<SlidingWindowComponent> 2 2\n<WindowSize> 7 <HopSize> 3 <SlidingMode> 1"}};
+  for (const auto& [component, text] : cases) {
+    for (const Layer& layer : {ReadLayer(component), ReadTextLayer(text)}) {
+      EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), component.str());
     }
-    EXPECT_TRUE(EveryPrefixIsRefused(c.component));
+    EXPECT_TRUE(EveryPrefixIsRefused(component));
   }
 }
 
 TEST(Statistics, BlocksThatCannotRunAreRefused) {
   constexpr int kMost = std::numeric_limits<int>::max();
-  const Bytes refused[] = {
-      Extraction(0, 1, true, 1, 3),
-      Extraction(1, 0, true, 1, 3),
-      Extraction(-1, 1, true, 1, 3),
-      Extraction(2, 3, true, 1, 3),
-      Extraction(2, 1, true, 1, 3),
-      Extraction(1, 1, true, 1, 2),
-      Extraction(1, 1, false, 1, 3),
-      Extraction(1, 1, true, 0, 1),
-      Extraction(1, 1, true, kMost, -1),
-      Pooling(3, 3),
-      Pooling(3, 1, -1),
-      Pooling(3, kMost, kMost - 1),
-      Pooling(1, 0),
-      Pooling(0, 0, 1),
-      Pooling(-1, 0, 2),
-      Component1d(0x603, 2, 3, Bytes().Int(2).Int(1).Int(0)),
-  };
-  for (const Bytes& component : refused) {
-    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!");
+  std::vector<Bytes> refused = {Component1d(0x603, 2, 3, Bytes().Int(2).Int(1).Int(0))};
+  for (const auto& [in, out, variance, dim, out_dim] : {std::array{0, 1, 1, 1, 3},
+                                                        {1, 0, 1, 1, 3},
+                                                        {-1, 1, 1, 1, 3},
+                                                        {2, 3, 1, 1, 3},
+                                                        {2, 1, 1, 1, 3},
+                                                        {1, 1, 1, 1, 2},
+                                                        {1, 1, 0, 1, 3},
+                                                        {1, 1, 1, 0, 1},
+                                                        {1, 1, 1, kMost, -1}}) {
+    refused.push_back(Extraction(in, out, variance != 0, dim, out_dim));
   }
-  const struct {
-    Bytes component;
-    const char* condition;
-  } wrong[] = {
+  for (const auto& [dim, out_dim, log_counts] :
+       {std::array{3, 3, 0}, {3, 1, -1}, {3, kMost, kMost - 1}, {1, 0, 0}, {0, 0, 1}, {-1, 0, 2}}) {
+    refused.push_back(Pooling(dim, out_dim, log_counts));
+  }
+  for (size_t i = 0; i < refused.size(); ++i) {
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(refused[i]); }), "read component failed!") << i;
+  }
+  const std::pair<Bytes, std::string> wrong[] = {
       {Windows(0, 0), "window_size <= 0 || hop_size <= 0"},
       {Windows(1, -1), "window_size <= 0 || hop_size <= 0"},
       {Windows(3, 5), "window_size < hop_size"},
       {Windows(3, 1, 0, 0), "feat_dim <= 0"},
-      {Windows(3, 1, 2), "mode != (int)mode_t::FIXED_HOP && mode != (int)mode_t::FIXED_WIN"},
-  };
-  for (const auto& c : wrong) {
+      {Windows(3, 1, 2), "mode != (int)mode_t::FIXED_HOP && mode != (int)mode_t::FIXED_WIN"}};
+  for (const auto& [component, condition] : wrong) {
+    const std::string reason =
+        "] Wrong parameter(s) to [feats_win_generator_t], condition [" + condition + "]. \n";
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(ThrownBy([&] { ReadLayer(c.component); }), "Wrong parameter(s)!");
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "Wrong parameter(s)!");
     const std::string line = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(line.find("[rectify_feats:"), 0U) << line;
-    EXPECT_NE(line.find("] Wrong parameter(s) to [feats_win_generator_t], condition [" +
-                        std::string(c.condition) + "]. \n"),
-              std::string::npos)
-        << line;
+    EXPECT_NE(line.find(reason), std::string::npos) << line;
   }
 }
 
@@ -274,9 +233,10 @@ TEST(Statistics, WindowsWithoutFramesAreRefusedAndLeaveTheStreamAsItWas) {
     EXPECT_EQ(ThrownBy([&] { layer->PropagateChunk(nullptr, frames, 1, out, 1); }),
               "sliding window add data failed!");
     const std::string line = ::testing::internal::GetCapturedStderr();
-    const char* condition = frames < 0 ? "feats_fnum < 0" : "feats_fnum > 0 && feats == __null";
-    EXPECT_NE(line.find("Wrong parameter(s) to [add_data], condition [" + std::string(condition)),
-              std::string::npos);
+    const std::string condition =
+        frames < 0 ? "feats_fnum < 0" : "feats_fnum > 0 && feats == __null";
+    const std::string reason = "Wrong parameter(s) to [add_data], condition [" + condition;
+    EXPECT_NE(line.find(reason), std::string::npos) << line;
   }
   const float next = 2;
   layer->PropagateFnc(&next, 1, 1, out, -1);  // counts its own calls, so this is not the last
