@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "nnet/lstm.h"
-#include "tests/model-builder.h"
+#include "tests/recurrent-sample.h"
 #include "utils/fast-math.h"
 
 namespace handwriting::tests {
@@ -24,10 +24,10 @@ constexpr int kRescale = 0x403;
 constexpr int kAddComponent = 0x408;
 constexpr int kPrior = 0x600;
 
-Bytes SpliceOf(int dim, const std::vector<int>& offsets) {
+Bytes SpliceOf(int dim, int output_dim, const std::vector<int>& offsets) {
   Bytes block;
   for (const int offset : offsets) block.Int(offset);
-  return Component1d(kSplice, dim, dim * static_cast<int>(offsets.size()), block);
+  return Component1d(kSplice, dim, output_dim, block);
 }
 
 Bytes ColumnLayer(int code, const Floats& values) {
@@ -36,48 +36,32 @@ Bytes ColumnLayer(int code, const Floats& values) {
 }
 
 TEST(NnetLayer, HandWorkedRows) {
+  const Floats rows = {1, 2, 3, 4};
+  const Floats pairs = {1, 2, 3, 4, 5, 6, 7, 8};
+  const Floats spliced = {1, 2, 3, 4, 5, 6, 3, 4, 5, 6, 7, 8};
+  const Floats triples = {1, 2, 3, 4, 5, 6, 0, 1, 0, 1, 0, 1};
+  const Bytes sum = Component1d(kAddComponent, 6, 2, Bytes().Int(3).Floats({1, 1, -2}));
   const struct {
     Bytes component;
     const char* text;
-    Floats in;
-    int frames;
-    Floats out;
-    Floats in_afterwards;
+    Floats in, out;
+    bool in_place;
   } cases[] = {
-      {SpliceOf(2, {-1, 0, 1}),
-       "<Splice> 6 2 stray [ -1 0 1 ]",
-       {1, 2, 3, 4, 5, 6, 7, 8},
-       4,
-       {1, 2, 3, 4, 5, 6, 3, 4, 5, 6, 7, 8},
-       {1, 2, 3, 4, 5, 6, 7, 8}},
-      {SpliceOf(1, {0, 2}), "<Splice> 2 1 [ 0 2 ]", {1, 2, 3, 4}, 4, {1, 3, 2, 4}, {1, 2, 3, 4}},
-      {SpliceOf(2, {0}), "<Splice> 2 2 [ 0 ]", {1, 2}, 1, {1, 2}, {1, 2}},
-      {ColumnLayer(kAddShift, {10, -1}),
-       "<AddShift> 2 2 stray [ 10 -1 ]",
-       {1, 2, 3, 4},
-       2,
-       {11, 1, 13, 3},
-       {11, 1, 13, 3}},
-      {ColumnLayer(kRescale, {10, -1}),
-       "<Rescale> 2 2 [ 10 -1 ]",
-       {1, 2, 3, 4},
-       2,
-       {10, -2, 30, -4},
-       {10, -2, 30, -4}},
-      {ColumnLayer(kPrior, {10, -1}), nullptr, {1, 2, 3, 4}, 2, {-9, 3, -7, 5}, {1, 2, 3, 4}},
-      {Component1d(kAddComponent, 6, 2, Bytes().Int(3).Floats({1, 1, -2})),
-       "<AddComponent> 2 6 <InputNum> 3\n[ 1 1 -2 ]",
-       {1, 2, 3, 4, 5, 6, 0, 1, 0, 1, 0, 1},
-       2,
-       {-6, -6, 0, 0},
-       {1, 2, 3, 4, 5, 6, 0, 1, 0, 1, 0, 1}},
+      {SpliceOf(2, 6, {-1, 0, 1}), "<Splice> 6 2 stray [ -1 0 1 ]", pairs, spliced, false},
+      {SpliceOf(1, 2, {0, 2}), "<Splice> 2 1 [ 0 2 ]", rows, {1, 3, 2, 4}, false},
+      {SpliceOf(2, 2, {0}), "<Splice> 2 2 [ 0 ]", rows, rows, false},
+      {ColumnLayer(kAddShift, {10, -1}), "<AddShift> 2 2 x [ 10 -1 ]", rows, {11, 1, 13, 3}, true},
+      {ColumnLayer(kRescale, {10, -1}), "<Rescale> 2 2 [ 10 -1 ]", rows, {10, -2, 30, -4}, true},
+      {ColumnLayer(kPrior, {10, -1}), nullptr, rows, {-9, 3, -7, 5}, false},
+      {sum, "<AddComponent> 2 6 <InputNum> 3\n[ 1 1 -2 ]", triples, {-6, -6, 0, 0}, false},
   };
   for (const auto& c : cases) {
     const Layer layer = ReadLayer(c.component);
     SCOPED_TRACE(layer->TypeMarker());
     Floats in = c.in;
-    EXPECT_EQ(RunLayer(*layer, in, c.frames, layer->input_dim), c.out);
-    EXPECT_EQ(in, c.in_afterwards);
+    const auto frames = static_cast<int64_t>(in.size()) / layer->input_dim;
+    EXPECT_EQ(RunLayer(*layer, in, frames, layer->input_dim), c.out);
+    EXPECT_EQ(in, c.in_place ? c.out : c.in);
     EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
     EXPECT_TRUE(EveryPrefixIsRefused(c.component));
     if (c.text == nullptr) continue;
@@ -98,43 +82,35 @@ TEST(Splice, FramesAndContext) {
       {{0, 2}, 0, 2, -5, 0},
       {{INT32_MIN, 0, INT32_MAX}, 1LL << 31, INT32_MAX, 1LL << 40, (1LL << 40) - 0xFFFFFFFF}};
   for (const auto& c : cases) {
-    const Layer layer = ReadLayer(SpliceOf(1, c.offsets));
+    const Layer layer = ReadLayer(SpliceOf(1, static_cast<int>(c.offsets.size()), c.offsets));
     EXPECT_EQ(layer->LeftContext(), c.left);
     EXPECT_EQ(layer->RightContext(), c.right);
     EXPECT_EQ(layer->CalcOutputFrames(c.in), c.out);
   }
-  const Layer layer = ReadLayer(SpliceOf(1, {-1, 0, 1}));
+  const Layer layer = ReadLayer(SpliceOf(1, 3, {-1, 0, 1}));
   EXPECT_EQ(RunLayer(*layer, {1, 2, 3}, 3, 1), Floats({1, 2, 3}));
-  EXPECT_EQ(ThrownBy([&] {
-              RunLayer(*layer, {1, 2}, 2, 1);
-            }),
+  EXPECT_EQ(ThrownBy([&] { RunLayer(*layer, Floats(2), 2, 1); }),
             "too few input frames! [frames:2, left:1, right:1]");
 }
 
 TEST(NnetLayer, BlocksThatCannotRunAreRefused) {
-  const auto splice = [](int dim, int out, const std::vector<int>& offsets) {
-    Bytes block;
-    for (const int offset : offsets) block.Int(offset);
-    return Component1d(kSplice, dim, out, block);
-  };
   const Bytes cases[] = {
-      splice(2, 5, {0, 1}),
-      splice(2, 1, {0}),
-      splice(0, 2, {0}),
-      splice(2, -2, {0}),
-      splice(-2, -2, {0}),
-      splice(1, 3, {-1, 1, 0}),
-      splice(1, 3, {-1, 0, 0}),
-      splice(1, 2, {1, 2}),
-      splice(1, 2, {-2, -1}),
-      splice(1, 0x7fffffff, {0}),
+      SpliceOf(2, 5, {0, 1}),
+      SpliceOf(2, 1, {0}),
+      SpliceOf(0, 2, {0}),
+      SpliceOf(2, -2, {0}),
+      SpliceOf(-2, -2, {0}),
+      SpliceOf(1, 3, {-1, 1, 0}),
+      SpliceOf(1, 3, {-1, 0, 0}),
+      SpliceOf(1, 2, {1, 2}),
+      SpliceOf(1, 2, {-2, -1}),
+      SpliceOf(1, 0x7fffffff, {0}),
       Component1d(kAddShift, -1, 1, Bytes().Float(1)),
       Component1d(kPrior, 0x7fffffff, 1, Bytes().Float(1)),
       Component1d(kAddComponent, 6, 3, Bytes().Int(3).Floats({1, 1, 1})),
       Component1d(kAddComponent, 0, 3, Bytes().Int(0)),
       Component1d(kAddComponent, 6, -3, Bytes().Int(-2)),
-      Component1d(kAddComponent, 0, 1 << 30, Bytes().Int(4).Floats({1, 1, 1, 1})),
-  };
+      Component1d(kAddComponent, 0, 1 << 30, Bytes().Int(4).Floats({1, 1, 1, 1}))};
   for (const Bytes& component : cases) {
     EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!");
   }
@@ -151,9 +127,7 @@ TEST(NnetLayer, BlocksThatCannotRunAreRefused) {
 TEST(NnetLayer, OtherWidthsThanTheStoredVectorThrow) {
   for (const int code : {kAddShift, kRescale, kPrior}) {
     const Layer unset = ReadLayer(Component1d(code, 0, 4));
-    EXPECT_EQ(ThrownBy([&] {
-                RunLayer(*unset, {1, 2}, 1, 2);
-              }),
+    EXPECT_EQ(ThrownBy([&] { RunLayer(*unset, Floats(2), 1, 2); }),
               "mismatched input dimension! layer[" + unset->TypeMarker() + "] [0] vs [2]");
     const Layer narrow = ReadLayer(Component1d(code, 3, 1, Bytes().Floats({1, 2, 3})));
     EXPECT_EQ(narrow->Extent(5, 3).writes, 15U);
@@ -204,7 +178,8 @@ TEST(Splice, ContextBehindProjectedLstmOverlaps) {
     return Component1d(fixed ? 0x806 : 0x106, 3 * kDim, kDim, block);
   };
   for (const bool fixed : {false, true}) {
-    Model model(Network({SpliceOf(kDim, {-1, 0, 1}), lstm(fixed), SpliceOf(kDim, {-1, 0, 1}),
+    Model model(Network({SpliceOf(kDim, 3 * kDim, {-1, 0, 1}), lstm(fixed),
+                         SpliceOf(kDim, 3 * kDim, {-1, 0, 1}),
                          Component1d(0xa01, 6, 12, Bytes().Int(0).Int(2))}));
     const Component& layer = *model.nnet.layers[1];
     EXPECT_EQ(fixed ? dynamic_cast<const FixedLstmProjectedNnet3Streams&>(layer).overlap_frames
@@ -220,8 +195,7 @@ TEST(Splice, ContextBehindProjectedLstmOverlaps) {
       const Floats out = model.Call(Floats(begin, begin + 14 * kDim), 14, kDim);
       joined.insert(joined.end(), out.begin(), out.end());
     }
-    ASSERT_EQ(joined.size(), whole.size());
-    for (size_t i = 0; i < whole.size(); ++i) ASSERT_NEAR(joined[i], whole[i], 1e-5) << i;
+    ExpectNear(joined, whole, 1e-5);
   }
 }
 

@@ -22,12 +22,6 @@ namespace {
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
 using Floats = std::vector<float>;
 
-constexpr int kNormalize = 0x404;
-constexpr int kBatchNormComponent = 0x405;
-constexpr int kLayerNorm = 0x406;
-constexpr int kBatchNorm2d = 0x407;
-constexpr int kBatchNorm1d = 0x409;
-
 Bytes BatchNormBlock(float epsilon, const std::vector<Floats>& arrays) {
   Bytes block;
   block.Float(epsilon);
@@ -35,87 +29,58 @@ Bytes BatchNormBlock(float epsilon, const std::vector<Floats>& arrays) {
   return block;
 }
 
-const Bytes kNormalizeBytes = Component1d(kNormalize, 2, 2, Bytes().Float(2));
-const Bytes kBatchNormComponentBytes =
-    Component1d(kBatchNormComponent, 2, 2, Bytes().Int(2).Floats({1, 2}).Floats({4, 0.25F}));
-const Bytes kBatchNorm1dBytes =
-    Component1d(kBatchNorm1d, 2, 2, BatchNormBlock(1, {{1, 0}, {3, 0}, {2, 1}, {0, 7}}));
-const Bytes kBatchNorm2dBytes =
-    Component2d(kBatchNorm2d, 2, 2, 0, 0, BatchNormBlock(1, {{1, 0}, {3, 0}, {2, 1}, {0, 7}}));
-const Bytes kLayerNormBytes =
-    Component1d(kLayerNorm, 3, 3, Bytes().Int(3).Float(1).Floats({1, 2, 4}).Floats({0, 10, 0}));
+// A layer in its two stored forms.
+struct Stored {
+  Bytes bytes;
+  const char* text;
+};
 
+// Target 2.
+const Stored kNormalize = {Component1d(0x404, 2, 2, Bytes().Float(2)),
+                           "<NormalizeComponent> 2 2 <TargetRms> 2\n"};
+// Scales 1/2 and 2, offsets -1/2 and -4.
+const Stored kBatchNormComponent = {
+    Component1d(0x405, 2, 2, Bytes().Int(2).Floats({1, 2, 4, 0.25F})),
+    "<BatchNormComponent> 2 2 <BlockDim> 2 <Epsilon> 0 <TargetRms> 1 <Count> 9\n[ 1 2 ] [ 4 0.25 "
+    "]"};
+// Scales 1 and 1, offsets -1 and 7.
+const Bytes kStatistics = BatchNormBlock(1, {{1, 0}, {3, 0}, {2, 1}, {0, 7}});
+const Stored kBatchNorm1d = {Component1d(0x409, 2, 2, kStatistics),
+                             "<BatchNorm1d> 2 2 <Epsilon> 1\n[ 1 0 ] [ 3 0 ] [ 2 1 ] [ 0 7 ]"};
+const Stored kBatchNorm2d = {Component2d(0x407, 2, 2, 0, 0, kStatistics),
+                             "<BatchNorm2d> 2 2 <Epsilon> 1\n[ 1 0 ] [ 3 0 ] [ 2 1 ] [ 0 7 ]"};
+const Stored kLayerNorm = {
+    Component1d(0x406, 3, 3, Bytes().Int(3).Float(1).Floats({1, 2, 4, 0, 10, 0})),
+    "<LayerNorm> 3 3 <Epsilon> 1\n[ 1 2 4 ] [ 0 10 0 ]"};
+
+// Two rows, or for the channel layer two planes of two rows of width 1.
 TEST(Normalisation, HandWorkedRows) {
   const struct {
-    Bytes component;
-    const char* text;
-    int in_dim;
-    int frames;
-    Floats in;
-    Floats out;
+    Stored stored;
+    int dim;
+    Floats in, out;
     bool in_place;
     uint64_t bytes;
   } cases[] = {
-      // Root mean squares 5 and 0 to 2.
-      {kNormalizeBytes,
-       "<NormalizeComponent> 2 2 <TargetRms> 2\n",
-       2,
-       2,
-       {5, -5, 0, 0},
-       {2, -2, 0, 0},
-       false,
-       0},
-      // Scales 1/2 and 2, offsets -1/2 and -4.
-      {kBatchNormComponentBytes,
-       "<BatchNormComponent> 2 2 <BlockDim> 2 <Epsilon> 0 <TargetRms> 1 "
-       "<Count> 9\n[ 1 2 ] [ 4 0.25 ]",
-       2,
-       2,
-       {1, 2, 5, 4},
-       {0, 0, 2, 4},
-       true,
-       16},
-      // Scales 1 and 1, offsets -1 and 7.
-      {kBatchNorm1dBytes,
-       "<BatchNorm1d> 2 2 <Epsilon> 1\n[ 1 0 ] [ 3 0 ] [ 2 1 ] [ 0 7 ]",
-       2,
-       2,
-       {1, 1, 3, 3},
-       {0, 8, 2, 10},
-       true,
-       32},
-      // The same scales on two planes of 2 frames x 1.
-      {kBatchNorm2dBytes,
-       "<BatchNorm2d> 2 2 <Epsilon> 1\n[ 1 0 ] [ 3 0 ] [ 2 1 ] [ 0 7 ]",
-       1,
-       2,
-       {1, 3, 1, 3},
-       {0, 2, 8, 10},
-       false,
-       32},
+      {kNormalize, 2, {5, -5, 0, 0}, {2, -2, 0, 0}, false, 0},
+      {kBatchNormComponent, 2, {1, 2, 5, 4}, {0, 0, 2, 4}, true, 16},
+      {kBatchNorm1d, 2, {1, 1, 3, 3}, {0, 8, 2, 10}, true, 32},
+      {kBatchNorm2d, 1, {1, 3, 1, 3}, {0, 2, 8, 10}, false, 32},
       // Mean 2, deviation 1; a row of zeros gives the offsets.
-      {kLayerNormBytes,
-       "<LayerNorm> 3 3 <Epsilon> 1\n[ 1 2 4 ] [ 0 10 0 ]",
-       3,
-       2,
-       {1, 2, 3, 0, 0, 0},
-       {-0.5F, 10, 2, 0, 10, 0},
-       false,
-       24},
+      {kLayerNorm, 3, {1, 2, 3, 0, 0, 0}, {-0.5F, 10, 2, 0, 10, 0}, false, 24},
   };
   for (const auto& c : cases) {
-    const Layer layer = ReadLayer(c.component);
+    const Layer layer = ReadLayer(c.stored.bytes);
     SCOPED_TRACE(layer->TypeMarker());
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
-    EXPECT_TRUE(EveryPrefixIsRefused(c.component));
-    const Layer text = ReadTextLayer(c.text);
-    EXPECT_EQ(Written([&](FILE* fp) { return text->Write(fp); }), c.component.str());
+    EXPECT_TRUE(EveryPrefixIsRefused(c.stored.bytes));
+    const Layer text = ReadTextLayer(c.stored.text);
     for (Component* each : {layer.get(), text.get()}) {
+      EXPECT_EQ(Written([&](FILE* fp) { return each->Write(fp); }), c.stored.bytes.str());
       Floats in = c.in;
-      EXPECT_EQ(RunLayer(*each, in, c.frames, c.in_dim), c.out);
+      EXPECT_EQ(RunLayer(*each, in, 2, c.dim), c.out);
       EXPECT_EQ(in, c.in_place ? c.out : c.in);
-      EXPECT_EQ(RunLayer(*each, Floats(c.in), c.frames, c.in_dim), c.out);  // once folded
-      EXPECT_TRUE(RunLayer(*each, {}, 0, c.in_dim).empty());
+      EXPECT_EQ(RunLayer(*each, Floats(c.in), 2, c.dim), c.out);  // once folded
+      EXPECT_TRUE(RunLayer(*each, {}, 0, c.dim).empty());
       EXPECT_EQ(each->MemoryBytes(), c.bytes);
     }
   }
@@ -123,18 +88,15 @@ TEST(Normalisation, HandWorkedRows) {
 
 // What is written after the first call holds scale and offset in place of the statistics.
 TEST(BatchNorm, FoldedParametersAreWritten) {
-  const struct {
-    Bytes component;
-    Bytes folded_block;
-  } cases[] = {
-      {kBatchNormComponentBytes, Bytes().Int(2).Floats({-0.5F, -4}).Floats({0.5F, 2})},
-      {kBatchNorm1dBytes, BatchNormBlock(1, {{1, 0}, {3, 0}, {1, 1}, {-1, 7}})},
-      {kBatchNorm2dBytes, BatchNormBlock(1, {{1, 0}, {3, 0}, {2, 1}, {0, 7}})},
+  const std::pair<Stored, Bytes> cases[] = {
+      {kBatchNormComponent, Bytes().Int(2).Floats({-0.5F, -4, 0.5F, 2})},
+      {kBatchNorm1d, BatchNormBlock(1, {{1, 0}, {3, 0}, {1, 1}, {-1, 7}})},
+      {kBatchNorm2d, kStatistics},
   };
-  for (const auto& c : cases) {
-    const Layer layer = ReadLayer(c.component);
+  for (const auto& [stored, folded_block] : cases) {
+    const Layer layer = ReadLayer(stored.bytes);
     RunLayer(*layer, {1, 1}, 1, layer->is_2d ? 1 : 2);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->WriteFixedData(fp); }), c.folded_block.str());
+    EXPECT_EQ(Written([&](FILE* fp) { return layer->WriteFixedData(fp); }), folded_block.str());
   }
 }
 
@@ -145,7 +107,7 @@ TEST(BatchNorm, TextFormSetsTargetAndEpsilon) {
 }
 
 TEST(BatchNorm2d, TakesItsWidthFromTheCaller) {
-  const Layer layer = ReadLayer(kBatchNorm2dBytes);
+  const Layer layer = ReadLayer(kBatchNorm2d.bytes);
   EXPECT_EQ(RunLayer(*layer, Floats(12, 1.0F), 2, 3), Floats({0, 0, 0, 0, 0, 0, 8, 8, 8, 8, 8, 8}));
   EXPECT_EQ(layer->InputDim(), 3);
   EXPECT_EQ(layer->OutputDim(), 3);
@@ -153,13 +115,13 @@ TEST(BatchNorm2d, TakesItsWidthFromTheCaller) {
 
 TEST(Normalisation, BlocksThatDoNotFitAreRefused) {
   const Bytes cases[] = {
-      Component1d(kBatchNormComponent, 3, 3, Bytes().Int(2).Floats({1, 2, 3, 4})),
-      Component1d(kBatchNormComponent, -2, -2, Bytes().Int(-2)),
-      Component1d(kLayerNorm, 3, 3, Bytes().Int(2).Float(1).Floats({1, 2, 3, 4})),
-      Component1d(kLayerNorm, -1, 1, Bytes().Int(-1).Float(1)),
-      Component1d(kBatchNorm1d, -1, 1, Bytes().Float(1)),
-      Component1d(kBatchNorm1d, 0x7fffffff, 1, Bytes().Float(1)),
-      Component2d(kBatchNorm2d, -1, 1, 0, 0, Bytes().Float(1)),
+      Component1d(0x405, 3, 3, Bytes().Int(2).Floats({1, 2, 3, 4})),
+      Component1d(0x405, -2, -2, Bytes().Int(-2)),
+      Component1d(0x406, 3, 3, Bytes().Int(2).Float(1).Floats({1, 2, 3, 4})),
+      Component1d(0x406, -1, 1, Bytes().Int(-1).Float(1)),
+      Component1d(0x409, -1, 1, Bytes().Float(1)),
+      Component1d(0x409, 0x7fffffff, 1, Bytes().Float(1)),
+      Component2d(0x407, -1, 1, 0, 0, Bytes().Float(1)),
   };
   for (const Bytes& component : cases) {
     EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!");
@@ -172,9 +134,9 @@ TEST(Normalisation, BlocksThatDoNotFitAreRefused) {
 
 // A header may claim other widths than the layer uses: it reads and writes rows of input_dim.
 TEST(Normalisation, OutputDimensionDoesNotWidenTheWrites) {
-  const Layer narrow = ReadLayer(Component1d(kNormalize, 4, 1, Bytes().Float(1)));
+  const Layer narrow = ReadLayer(Component1d(0x404, 4, 1, Bytes().Float(1)));
   EXPECT_EQ(narrow->Extent(3, 4).writes, 12U);
-  Model model(Network({Component1d(kNormalize, 2, 4, Bytes().Float(1))}));
+  Model model(Network({Component1d(0x404, 2, 4, Bytes().Float(1))}));
   EXPECT_EQ(model.Call({3, 3}, 1, 2), Floats({1, 1, 0, 0}));
 }
 
