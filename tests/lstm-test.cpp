@@ -123,6 +123,27 @@ TEST(Recurrent, StoredFormsHoldTheSameLayer) {
   }
 }
 
+// Exchanging the directions' parameters and reversing time exchanges the halves of the output.
+TEST(Recurrent, BackwardIsForwardInReversedTime) {
+  const Floats in = Random(36, 14);
+  Floats reversed(in.size());
+  for (size_t i = 0; i < in.size(); ++i) reversed[i] = in[(8 - i / 4) * 4 + i % 4];
+  for (const RecurrentFamily& family : kRecurrentFamilies) {
+    if (family.directions == 1) continue;
+    SCOPED_TRACE(family.name);
+    const RecurrentLayout layout{family, 4, 6, 3};
+    RecurrentLayout::Values values = layout.RandomValues();
+    const Floats out = RunLayer(*ReadLayer(layout.Float(values)), Floats(in), 9, 4);
+    std::ranges::rotate(values, values.begin() + static_cast<long>(values.size() / 2));
+    const Floats other = RunLayer(*ReadLayer(layout.Float(values)), Floats(reversed), 9, 4);
+    const size_t half = layout.Width();
+    for (size_t i = 0; i < out.size(); ++i) {
+      const size_t t = 8 - i / (2 * half);
+      ASSERT_EQ(out[i], other[t * 2 * half + (i + half) % (2 * half)]) << i;
+    }
+  }
+}
+
 // Two calls continue where the first ended, whatever their lengths; a reset starts from zero.
 TEST(Recurrent, StateIsCarriedUntilReset) {
   const Floats in = Random(40, 13);

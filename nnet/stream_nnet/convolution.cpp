@@ -159,12 +159,13 @@ int64_t StreamConvTranspose1d::EndFrame(int64_t rows) const {
   return SpreadFrames(rows) - (last_chunk ? cut_off : HeldBack());
 }
 
-// The most that any call emits is what a last one emits when others did before: no fewer frames are
-// held back than the end cuts off, and a first call has its padding cut off besides.
+// The most that any call emits is what a last one emits: no fewer frames are held back than the end
+// cuts off. It emits all that its rows feed when earlier rows were only held.
 CallExtent StreamConvTranspose1d::Extent(int64_t frames, int /*in_dim*/) const {
   const int64_t rows = std::max<int64_t>(frames, 0) + cache_len;
+  const int64_t most = std::max(rows * stride, SpreadFrames(rows));
   return {BlockFloats(1, input_dim, frames),
-          BlockFloats(1, output_dim, rows * stride - padding_right + output_padding)};
+          BlockFloats(1, output_dim, most - padding_right + output_padding)};
 }
 
 void StreamConvTranspose1d::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
@@ -173,7 +174,8 @@ void StreamConvTranspose1d::PropagateFnc(const float* in, int64_t frames, int in
   output_frames = 0;
   const int64_t front = NextFrame();
   cache.Append(in, frames, memory_bytes);
-  if (first_chunk && cache.rows() < 1) return;
+  // Rows that are not yet more than a later call would look back to are held.
+  if (first_chunk && (cache.rows() < 1 || (!last_chunk && cache.rows() <= cache_len))) return;
   const int64_t count = EndFrame(cache.rows()) - front;
   if (count < 1 && first_chunk) {
     if (!last_chunk) return;  // nothing is complete yet
