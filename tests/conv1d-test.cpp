@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
 #include <limits>
+#include <numeric>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -244,6 +246,33 @@ TEST(Conv1d, SumsRunChannelByChannelWhenAsked) {
     ExpectSameBits(out, wanted);
     EXPECT_EQ(Written([&](FILE* fp) { return parameters.WriteBlock(fp); }),
               Block(s, weights).str());
+  }
+}
+
+// <conv(x), y> = <x, transpose(y)> with one kernel array. Small whole numbers keep all sums exact.
+TEST(ConvTranspose1d, IsTheAdjointOfTheConvolution) {
+  const auto whole = [](Values values) {
+    for (float& value : values) value = std::round(value * 4.0F);
+    return values;
+  };
+  constexpr int n = 23;
+  for (Shape s : kShapes) {
+    s.bias = false;
+    const int frames = ConvFrames(s, n);
+    Shape t = s;
+    std::swap(t.in_dim, t.out_dim);
+    t.output_padding = 0;
+    t.output_padding = n - TransposeFrames(t, frames);
+    if (s.kernel == 0 || frames == 0 || t.output_padding < 0) continue;
+    SCOPED_TRACE(testing::PrintToString(s));
+    const Weights weights = {whole(RandomWeights(s, 3).kernel), {}};
+    const Values x = whole(RandomFrames(s, n, 4));
+    const Values y = whole(RandomFrames(t, frames, 5));
+    const Values cx = RunLayer(*ReadLayer(ConvFile(s, weights)), Values(x), n, s.in_dim);
+    const Values ty = RunLayer(*ReadLayer(TransposeFile(t, weights)), Values(y), frames, t.in_dim);
+    ASSERT_EQ(ty.size(), x.size());
+    EXPECT_EQ(std::inner_product(cx.begin(), cx.end(), y.begin(), 0.0),
+              std::inner_product(x.begin(), x.end(), ty.begin(), 0.0));
   }
 }
 
