@@ -13,7 +13,7 @@
 
 #include "nnet/decoder-layer.h"
 #include "nnet/fsmn-layer.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 #include "utils/fast-math.h"
 
 namespace {

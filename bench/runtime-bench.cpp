@@ -11,7 +11,7 @@
 #include <cblas.h>
 
 #include "nnet/nnet-nnet.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 #include "utils/fast-math.h"
 
 namespace {

@@ -12,13 +12,12 @@
 
 #include "nnet/decoder-layer.h"
 #include "nnet/positional-encoding.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 using Row = std::vector<double>;
 using Rows = std::vector<Row>;
 
@@ -206,7 +205,7 @@ TEST(Attention, BlocksReadAndWriteInAllForms) {
   for (const int code : {0x109, 0x10a}) {
     const Block block(code, 4, 2, 6);
     const Layer layer = ReadLayer(block.Component());
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), block.Component().str());
+    EXPECT_EQ(WrittenBy(*layer), block.Component().str());
     EXPECT_TRUE(EveryPrefixIsRefused(block.Component()));
     EXPECT_EQ(layer->ParameterCount(), (code == 0x109 ? 6U : 11U) * 20U + 30U + 28U);
     EXPECT_TRUE(layer->HasFixedForm());
@@ -215,9 +214,8 @@ TEST(Attention, BlocksReadAndWriteInAllForms) {
         std::string(code == 0x109 ? "<Encoder>" : "<Decoder>") + " 4 4\n<HeadNum> 2\n";
     for (const Dense& dense : block.layers) text += dense.Text();
     const Layer from_text = ReadTextLayer(text);
-    EXPECT_EQ(Written([&](FILE* fp) { return from_text->Write(fp); }), block.Component().str());
-    const File file = FileOf(Written([&](FILE* fp) { return layer->WriteFixed(fp); }));
-    const Layer from_fixed(Component::Read(file.get()));
+    EXPECT_EQ(WrittenBy(*from_text), block.Component().str());
+    const Layer from_fixed = ReadLayer(FixedWrittenBy(*layer));
     EXPECT_EQ(from_fixed->GetType(), code);
     const Floats in = Random(12, 3);
     const Floats wanted = RunLayer(*layer, Floats(in), 3, 4);

@@ -1,55 +1,17 @@
-// The registry, the readers and writers of whole components, and the contract's defaults.
+// The readers and writers of whole components, and the contract's defaults.
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "nnet/activation.h"
-#include "nnet/affine.h"
-#include "nnet/component-registry.h"
 #include "nnet/nnet-component.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-
-TEST(Registry, CodesMarkersAndClasses) {
-  const struct {
-    int code;
-    const char* marker;
-    int type;
-    int fixed_type;
-  } cases[] = {
-      {0x100, "<AffineTransform>", 0x100, 0x800},
-      {0x800, "<FixedAffineTransform>", 0x800, 0x800},
-      {0x202, "<Sigmoid>", 0x202, 0x902},
-      {0x902, "<FixedSigmoid>", 0x202, 0x902},
-      {0x203, "<ReLU>", 0x203, 0x903},
-      {0x10e, "<Blstm>", 0x10e, 0x80e},
-      {0x80e, "<FixedBlstm>", 0x80e, 0x80e},
-      {0x907, "<FixedPReLU2d>", 0x207, 0x907},
-  };
-  for (const auto& c : cases) {
-    const Layer layer(NewComponentOfType(c.code, 3, 4));
-    EXPECT_EQ(layer->GetType(), c.type);
-    EXPECT_EQ(layer->GetFixedType(), c.fixed_type);
-    EXPECT_EQ(Component::component_map.at(c.code).first, c.marker);
-    EXPECT_EQ(Component::marker_map.at(c.marker).first, c.code);
-  }
-  EXPECT_EQ(Component::component_map.size(), Component::marker_map.size());
-  EXPECT_EQ(Component::marker_map.count("<Relu>"), 0U);
-  for (const auto& [code, text] : {std::pair(0x102, "0102"), {0xFFFF, "FFFF"}, {0, "0000"}}) {
-    EXPECT_EQ(ThrownBy([code = code] { NewComponentOfType(code, 1, 1); }),
-              std::string("unknown or unimplemented nnet layer! [") + text + "]");
-  }
-}
-
-TEST(Registry, ARepeatedMarkerIsRefused) {
-  const Component::ComponentMap twice = {{0x100, {"<A>", nullptr}}, {0x101, {"<A>", nullptr}}};
-  EXPECT_EQ(ThrownBy([&] { BuildMarkerMap(twice); }), "insert component map failed! [<A>:0101]");
-}
 
 TEST(Contract, ConstructorsSetTheHeaderFields) {
   const Sigmoid unset(0, -3);
@@ -85,7 +47,7 @@ TEST(BinaryComponent, HeadersOfBothForms) {
   EXPECT_FALSE(planes->input_dim_set);
   EXPECT_TRUE(planes->output_dim_set);
   EXPECT_EQ(planes->OutputDim(), 4);
-  EXPECT_EQ(Written([&](FILE* fp) { return planes->WriteFixed(fp); }), bytes.str());
+  EXPECT_EQ(FixedWrittenBy(*planes), bytes.str());
   EXPECT_TRUE(EveryPrefixIsRefused(bytes));
 }
 
@@ -133,9 +95,7 @@ TEST(TextComponent, ThreeFormsOfTheDimensions) {
   for (const char* dims : {"1 2", "<InputDim> 2 <OutputDim> 1", "<OutputDim> 1 <InputDim> 2",
                            "<InputChannel> 2 <OutputDim>x 1"}) {
     const Layer layer = ReadTextLayer(std::string("<Nnet> <AffineTransform> ") + dims + block);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }),
-              Affine(2, 1, {0.5F}, {1.0F, 2.0F}).str())
-        << dims;
+    EXPECT_EQ(WrittenBy(*layer), Affine(2, 1, {0.5F}, {1.0F, 2.0F}).str()) << dims;
   }
 }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "nnet/nnet-control-flow.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
@@ -71,11 +71,9 @@ Bytes Scale(int dim, float factor) {
   return Affine(dim, dim, std::vector<float>(n, 0.0F), weights);
 }
 
-using Values = std::vector<float>;
-
 /// 0, 1, 2, …
-Values Counting(size_t count) {
-  Values values(count);
+Floats Counting(size_t count) {
+  Floats values(count);
   for (size_t i = 0; i < count; ++i) values[i] = static_cast<float>(i);
   return values;
 }
@@ -100,24 +98,24 @@ TEST(Concatenate, PutsPartsInTheirOrder) {
   // Part 1 is the input, which has been multiplied by 100 since a and b kept theirs.
   Model model(Network({Register(1, "a"), Scale(1, 10.0F), Register(1, "b"), Scale(1, 10.0F),
                        Concatenate(1, 3, {"a", "b"}, {1})}));
-  EXPECT_EQ(model.Call({1.0F, 2.0F}, 2, 1), (Values{1, 100, 10, 2, 200, 20}));
+  EXPECT_EQ(model.Call({1.0F, 2.0F}, 2, 1), (Floats{1, 100, 10, 2, 200, 20}));
   EXPECT_EQ(model.nnet.layers[4]->Links(), "joins a, input, b");
   EXPECT_EQ(model.nnet.layers[0]->Links(), "register a");
   // The input twice, around a register of its own.
   Model twice(Network({Register(2, "r"), Scale(2, -1.0F), Concatenate(2, 6, {"r"}, {0, 2})}));
-  EXPECT_EQ(twice.Call({1.0F, 2.0F}, 1, 2), (Values{-1, -2, 1, 2, -1, -2}));
+  EXPECT_EQ(twice.Call({1.0F, 2.0F}, 1, 2), (Floats{-1, -2, 1, 2, -1, -2}));
 }
 
 TEST(Concatenate, WithoutItsInputFollowsTheFirstRegister) {
   // What reaches the concatenation has another width and other frames than the registers.
   Model model(Network({Register(2, "all"), Register(2, "last", "-1"), Register(2, "first", "0"),
                        View(2, 1), Concatenate(7, 4, {"last", "first"})}));
-  EXPECT_EQ(model.Call(Counting(6), 3, 2), (Values{4, 5, 0, 1}));
+  EXPECT_EQ(model.Call(Counting(6), 3, 2), (Floats{4, 5, 0, 1}));
   EXPECT_EQ(model.forward->OutputFrames(), 1);
-  EXPECT_EQ(model.Call(Counting(4), 2, 2), (Values{2, 3, 0, 1}));
+  EXPECT_EQ(model.Call(Counting(4), 2, 2), (Floats{2, 3, 0, 1}));
 
   Model all(Network({Register(1, "x"), Slice(1, "0"), Concatenate(1, 1, {"x"})}));
-  EXPECT_EQ(all.Call({1, 2, 3, 4}, 4, 1), (Values{1, 2, 3, 4}));
+  EXPECT_EQ(all.Call({1, 2, 3, 4}, 4, 1), (Floats{1, 2, 3, 4}));
 }
 
 TEST(Concatenate, RefusesPartsThatDoNotFit) {
@@ -149,7 +147,7 @@ TEST(Concatenate, IsLinkedByTheExecutor) {
   // A second executor links anew; without any nothing runs.
   Model model(Network({Register(1, "a"), Concatenate(1, 2, {"a"}, {0})}));
   model.forward = std::make_unique<runtime::NnetForward>(&model.nnet);
-  EXPECT_EQ(model.Call({7}, 1, 1), (Values{7, 7}));
+  EXPECT_EQ(model.Call({7}, 1, 1), (Floats{7, 7}));
   EXPECT_EQ(LayerFailure(Concatenate(1, 2, {"a"}, {0}), 1, 1),
             "registers are not linked! [0 of 1]");
 }
@@ -185,20 +183,20 @@ TEST(Register, RunsUnsizedAndKeepsFramesInBounds) {
 TEST(Concatenate2d, StacksPlanes) {
   Model model(Network(
       {Register2d(1, 2, "a"), Component2d(0x206, 1, 1, 0, 0), Concatenate2d(1, 2, 2, {"a"}, {1})}));
-  EXPECT_EQ(model.Call({-1, 2, 3, -4}, 2, 2), (Values{-1, 2, 3, -4, 0, 2, 3, 0}));
+  EXPECT_EQ(model.Call({-1, 2, 3, -4}, 2, 2), (Floats{-1, 2, 3, -4, 0, 2, 3, 0}));
   EXPECT_EQ(model.forward->OutputShape().channels, 2);
 
   // Without dimensions of its own it takes those of the call.
   Model adopting(Network({Register2d(2, 1, "a"), Concatenate2d(2, 4, 0, {"a"}, {0})}));
-  EXPECT_EQ(adopting.Call({1, 2, 3, 4}, 2, 1, 2), (Values{1, 2, 3, 4, 1, 2, 3, 4}));
+  EXPECT_EQ(adopting.Call({1, 2, 3, 4}, 2, 1, 2), (Floats{1, 2, 3, 4, 1, 2, 3, 4}));
   EXPECT_EQ(adopting.forward->OutputShape().dim, 1);
 }
 
 TEST(Flatten, AndDeflattenAreInverse) {
   // Two planes of three frames x 2.
   Model flatten(Network({Flatten(2, 4, 2)}));
-  const Values rows = flatten.Call(Counting(12), 3, 2, 2);
-  EXPECT_EQ(rows, (Values{0, 1, 6, 7, 2, 3, 8, 9, 4, 5, 10, 11}));
+  const Floats rows = flatten.Call(Counting(12), 3, 2, 2);
+  EXPECT_EQ(rows, (Floats{0, 1, 6, 7, 2, 3, 8, 9, 4, 5, 10, 11}));
   Model deflatten(Network({Deflatten(4, 2, 2)}));
   EXPECT_EQ(deflatten.Call(rows, 3, 4), Counting(12));
   EXPECT_EQ(deflatten.forward->OutputShape().channels, 2);
@@ -234,7 +232,7 @@ TEST(Planes, OfAnotherShapeAreRefused) {
 TEST(Slice, PicksFrames) {
   for (const auto& [index, wanted] : {std::pair{"0", 0.0F}, {"2", 2.0F}, {"-1", 3.0F}}) {
     const Layer layer = ReadLayer(Slice(1, index));
-    EXPECT_EQ(RunLayer(*layer, Counting(4), 4, 1), Values{wanted});
+    EXPECT_EQ(RunLayer(*layer, Counting(4), 4, 1), Floats{wanted});
     EXPECT_TRUE(RunLayer(*layer, {}, 0, 1).empty());
   }
   for (const std::string index : {"3", "-4"}) {
@@ -248,10 +246,10 @@ TEST(Slice, PicksFrames) {
 TEST(ReflectionPad, MirrorsWithoutTheEdge) {
   const Layer layer = ReadLayer(Reflection(2, 2, 1));
   EXPECT_EQ(RunLayer(*layer, Counting(8), 4, 2),
-            (Values{4, 5, 2, 3, 0, 1, 2, 3, 4, 5, 6, 7, 4, 5}));
-  EXPECT_EQ(RunLayer(*layer, Counting(6), 3, 2), (Values{4, 5, 2, 3, 0, 1, 2, 3, 4, 5, 2, 3}));
+            (Floats{4, 5, 2, 3, 0, 1, 2, 3, 4, 5, 6, 7, 4, 5}));
+  EXPECT_EQ(RunLayer(*layer, Counting(6), 3, 2), (Floats{4, 5, 2, 3, 0, 1, 2, 3, 4, 5, 2, 3}));
   EXPECT_TRUE(RunLayer(*layer, {}, 0, 2).empty());
-  EXPECT_EQ(RunLayer(*ReadLayer(Reflection(1, 0, 0)), {5}, 1, 1), Values{5});
+  EXPECT_EQ(RunLayer(*ReadLayer(Reflection(1, 0, 0)), {5}, 1, 1), Floats{5});
   const std::string start = "too few input frames! [frames:2, padding:";
   EXPECT_EQ(LayerFailure(Reflection(1, 2, 1), 2, 1), start + "2,1]");
   EXPECT_EQ(LayerFailure(Reflection(1, 1, 2), 2, 1), start + "1,2]");
@@ -259,8 +257,8 @@ TEST(ReflectionPad, MirrorsWithoutTheEdge) {
 
 TEST(ConstantPad, AddsFramesOfOneValue) {
   const Layer layer = ReadLayer(Constant(2, 1, 2, -1.0F));
-  EXPECT_EQ(RunLayer(*layer, Counting(4), 2, 2), (Values{-1, -1, 0, 1, 2, 3, -1, -1, -1, -1}));
-  EXPECT_EQ(RunLayer(*layer, {}, 0, 2), Values(6, -1.0F));
+  EXPECT_EQ(RunLayer(*layer, Counting(4), 2, 2), (Floats{-1, -1, 0, 1, 2, 3, -1, -1, -1, -1}));
+  EXPECT_EQ(RunLayer(*layer, {}, 0, 2), Floats(6, -1.0F));
   EXPECT_EQ(layer->CalcOutputFrames(-5), 0);
   // Padding beyond what a block may hold ends the call, not the process.
   EXPECT_NE(CallFailure(Network({Constant(4, kHuge, kHuge, 0.0F)}), 1, 4), "");
@@ -281,7 +279,7 @@ TEST(Transpose, FollowsTheFramesOfEveryCall) {
   for (const int claimed : {0, 1, 50}) {
     Model model(Network({Scale(3, 1.0F), Transpose(3, claimed)}));
     for (const size_t n : {5U, 7U, 3U}) {
-      const Values out = model.Call(Counting(3 * n), static_cast<int64_t>(n), 3);
+      const Floats out = model.Call(Counting(3 * n), static_cast<int64_t>(n), 3);
       ASSERT_EQ(out.size(), 3 * n);
       EXPECT_EQ(model.forward->OutputFrames(), 3);
       EXPECT_EQ(model.forward->OutputShape().dim, static_cast<int>(n));
@@ -324,10 +322,10 @@ TEST(ControlFlowFile, BinaryAndTextGiveTheSameLayer) {
     const File file = FileOf(bytes.str() + "EX");
     const Layer layer(runtime::Component::Read(file.get()));
     EXPECT_EQ(std::ftell(file.get()), static_cast<long>(bytes.str().size()));
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), bytes.str());
+    EXPECT_EQ(WrittenBy(*layer), bytes.str());
     const File text = FileOf(line + "<ViewComponent> 3 3\n");
     const Layer read(runtime::Component::Read(text.get(), false));
-    EXPECT_EQ(Written([&](FILE* fp) { return read->Write(fp); }), bytes.str());
+    EXPECT_EQ(WrittenBy(*read), bytes.str());
     EXPECT_EQ(Layer(runtime::Component::Read(text.get(), false))->GetType(), 0x500);
     EXPECT_TRUE(line.find("<SliceIndex>") != std::string::npos || EveryPrefixIsRefused(bytes));
   }

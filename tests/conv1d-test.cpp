@@ -14,13 +14,11 @@
 #include <utility>
 #include <vector>
 
-#include "tests/model-builder.h"
-#include "tests/vector-targets.h"
+#include "tests/support/model-builder.h"
+#include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
 namespace {
-
-using Values = std::vector<float>;
 
 constexpr float kLowest = std::numeric_limits<float>::lowest();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
@@ -33,14 +31,8 @@ struct Shape {
   int output_padding = 0;
 };
 
-Bytes Ints(std::initializer_list<int> values) {
-  Bytes bytes;
-  for (const int value : values) bytes.Int(value);
-  return bytes;
-}
-
 struct Weights {
-  Values kernel, bias;
+  Floats kernel, bias;
 };
 
 Weights RandomWeights(const Shape& s, uint32_t seed) {
@@ -50,7 +42,8 @@ Weights RandomWeights(const Shape& s, uint32_t seed) {
 }
 
 Bytes Block(const Shape& s, const Weights& weights) {
-  return Ints({s.kernel, s.stride, s.left, s.right, s.dilation, s.groups, s.bias})
+  return Bytes()
+      .Ints({s.kernel, s.stride, s.left, s.right, s.dilation, s.groups, s.bias})
       .Floats(weights.kernel)
       .Floats(weights.bias);
 }
@@ -60,15 +53,15 @@ Bytes ConvFile(const Shape& s, const Weights& weights) {
 }
 
 Bytes TransposeFile(const Shape& s, const Weights& weights) {
-  const Bytes fields =
-      Ints({s.kernel, s.stride, s.left, s.right, s.output_padding, s.dilation, s.groups, s.bias});
+  const Bytes fields = Bytes().Ints(
+      {s.kernel, s.stride, s.left, s.right, s.output_padding, s.dilation, s.groups, s.bias});
   return Component1d(0x308, s.in_dim, s.out_dim,
                      Bytes(fields).Floats(weights.kernel).Floats(weights.bias));
 }
 
 Bytes PoolFile(const Shape& s) {
   return Component1d(0x309, s.in_dim, s.in_dim,
-                     Ints({s.kernel, s.stride, s.left, s.right, s.dilation}));
+                     Bytes().Ints({s.kernel, s.stride, s.left, s.right, s.dilation}));
 }
 
 // The definitions, one product at a time.
@@ -82,11 +75,11 @@ int ConvFrames(const Shape& s, int n) {
 
 enum class Order { kTapsFirst, kChannelsFirst };
 
-Values PlainConv(const Shape& s, const Weights& weights, const Values& in, int n,
+Floats PlainConv(const Shape& s, const Weights& weights, const Floats& in, int n,
                  Order order = Order::kTapsFirst) {
   const int in_group = s.in_dim / s.groups;
   const int out_group = s.out_dim / s.groups;
-  Values out;
+  Floats out;
   for (int t = 0; t < ConvFrames(s, n); ++t) {
     for (int o = 0; o < s.out_dim; ++o) {
       float sum = 0.0F;
@@ -111,11 +104,11 @@ int TransposeFrames(const Shape& s, int n) {
                          s.output_padding);
 }
 
-Values PlainTranspose(const Shape& s, const Weights& weights, const Values& in, int n) {
+Floats PlainTranspose(const Shape& s, const Weights& weights, const Floats& in, int n) {
   const int in_group = s.in_dim / s.groups;
   const int out_group = s.out_dim / s.groups;
   const int frames = TransposeFrames(s, n);
-  Values out(static_cast<size_t>(frames * s.out_dim), 0.0F);
+  Floats out(static_cast<size_t>(frames * s.out_dim), 0.0F);
   for (int i = 0; i < s.in_dim; ++i) {
     for (int j = 0; j < s.kernel; ++j) {
       for (int t = 0; t < n; ++t) {
@@ -135,8 +128,8 @@ Values PlainTranspose(const Shape& s, const Weights& weights, const Values& in, 
   return out;
 }
 
-Values PlainPool(const Shape& s, const Values& in, int n) {
-  Values out;
+Floats PlainPool(const Shape& s, const Floats& in, int n) {
+  Floats out;
   for (int t = 0; t < ConvFrames(s, n); ++t) {
     for (int d = 0; d < s.in_dim; ++d) {
       float best = kLowest;
@@ -152,14 +145,7 @@ Values PlainPool(const Shape& s, const Values& in, int n) {
   return out;
 }
 
-void ExpectSameBits(const Values& got, const Values& wanted) {
-  ASSERT_EQ(got.size(), wanted.size());
-  for (size_t i = 0; i < got.size(); ++i) {
-    ASSERT_TRUE(SameFloat(got[i], wanted[i])) << i << ": " << got[i] << " for " << wanted[i];
-  }
-}
-
-Values RandomFrames(const Shape& s, int n, uint32_t seed) {
+Floats RandomFrames(const Shape& s, int n, uint32_t seed) {
   return Random(static_cast<size_t>(s.in_dim) * static_cast<size_t>(n), seed);
 }
 
@@ -183,18 +169,18 @@ constexpr Shape kShapes[] = {{2, 4, 3, 1, 1, 1, 1, 2},           {1, 1, 1, 1, 0,
 /// Runs the layer of a file over several numbers of frames on every vector target. Every fifth
 /// value of its input is one of `specials`, where there are any.
 template <class Plain>
-void ExpectBitsOf(Plain plain, const Bytes& file, const Shape& s, const Values& specials = {}) {
+void ExpectBitsOf(Plain plain, const Bytes& file, const Shape& s, const Floats& specials = {}) {
   const Layer layer = ReadLayer(file);
   for (const int n : {1, 2, 5, 13, 40}) {
     SCOPED_TRACE(testing::PrintToString(s) + " frames: " + std::to_string(n));
-    Values in = RandomFrames(s, n, static_cast<uint32_t>(n));
+    Floats in = RandomFrames(s, n, static_cast<uint32_t>(n));
     for (size_t i = 0; i < in.size() && !specials.empty(); i += 5) {
       in[i] = specials[i / 5 % specials.size()];
     }
-    const Values wanted = plain(in, n);
+    const Floats wanted = plain(in, n);
     ASSERT_EQ(layer->CalcOutputFrames(n) * s.out_dim, static_cast<int64_t>(wanted.size()));
     if (wanted.empty()) continue;
-    ForEachVectorTarget([&] { ExpectSameBits(RunLayer(*layer, Values(in), n, s.in_dim), wanted); });
+    ForEachVectorTarget([&] { ExpectSameBits(RunLayer(*layer, Floats(in), n, s.in_dim), wanted); });
   }
 }
 
@@ -202,12 +188,12 @@ TEST(Conv1dLayers, GiveTheBitsOfThePlainLoops) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   for (Shape s : kShapes) {
     const Weights weights = RandomWeights(s, 1);
-    ExpectBitsOf([&](const Values& in, int n) { return PlainConv(s, weights, in, n); },
+    ExpectBitsOf([&](const Floats& in, int n) { return PlainConv(s, weights, in, n); },
                  ConvFile(s, weights), s);
-    ExpectBitsOf([&](const Values& in, int n) { return PlainTranspose(s, weights, in, n); },
+    ExpectBitsOf([&](const Floats& in, int n) { return PlainTranspose(s, weights, in, n); },
                  TransposeFile(s, weights), s);
     s.out_dim = s.in_dim;
-    ExpectBitsOf([&](const Values& in, int n) { return PlainPool(s, in, n); }, PoolFile(s), s,
+    ExpectBitsOf([&](const Floats& in, int n) { return PlainPool(s, in, n); }, PoolFile(s), s,
                  {-0.0F, nan, -kInfinity, 0.0F, kInfinity});
   }
 }
@@ -219,12 +205,12 @@ TEST(Conv1d, TapsInThePaddingContributeNothing) {
     Weights weights = RandomWeights(s, 5);
     for (size_t i = 0; i < weights.kernel.size(); i += 3) weights.kernel[i] = kInfinity;
     for (float& b : weights.bias) b = -0.0F;
-    Values in = RandomFrames(s, 4, 6);
+    Floats in = RandomFrames(s, 4, 6);
     in[0] = -0.0F;
     in.back() = std::numeric_limits<float>::denorm_min();
     const Layer layer = ReadLayer(ConvFile(s, weights));
     ForEachVectorTarget([&] {
-      ExpectSameBits(RunLayer(*layer, Values(in), 4, s.in_dim), PlainConv(s, weights, in, 4));
+      ExpectSameBits(RunLayer(*layer, Floats(in), 4, s.in_dim), PlainConv(s, weights, in, 4));
     });
   }
 }
@@ -234,14 +220,14 @@ TEST(Conv1d, SumsRunChannelByChannelWhenAsked) {
   for (const Shape& s : kShapes) {
     SCOPED_TRACE(testing::PrintToString(s));
     const Weights weights = RandomWeights(s, 9);
-    const Values in = RandomFrames(s, 13, 10);
-    const Values wanted = PlainConv(s, weights, in, 13, Order::kChannelsFirst);
+    const Floats in = RandomFrames(s, 13, 10);
+    const Floats wanted = PlainConv(s, weights, in, 13, Order::kChannelsFirst);
     const runtime::Conv1d dims(s.in_dim, s.out_dim);
     runtime::Conv1dParameters parameters(runtime::TermOrder::kChannelsFirst);
     uint64_t bytes = 0;
     ASSERT_TRUE(parameters.ReadBlock(FileOf(Block(s, weights)).get(), dims, bytes));
     EXPECT_EQ(bytes, (weights.kernel.size() + weights.bias.size()) * sizeof(float));
-    Values out(wanted.size());
+    Floats out(wanted.size());
     parameters.Convolve(in.data(), 13, s.left, ConvFrames(s, 13), out.data());
     ExpectSameBits(out, wanted);
     EXPECT_EQ(Written([&](FILE* fp) { return parameters.WriteBlock(fp); }),
@@ -251,7 +237,7 @@ TEST(Conv1d, SumsRunChannelByChannelWhenAsked) {
 
 // <conv(x), y> = <x, transpose(y)> with one kernel array. Small whole numbers keep all sums exact.
 TEST(ConvTranspose1d, IsTheAdjointOfTheConvolution) {
-  const auto whole = [](Values values) {
+  const auto whole = [](Floats values) {
     for (float& value : values) value = std::round(value * 4.0F);
     return values;
   };
@@ -266,10 +252,10 @@ TEST(ConvTranspose1d, IsTheAdjointOfTheConvolution) {
     if (s.kernel == 0 || frames == 0 || t.output_padding < 0) continue;
     SCOPED_TRACE(testing::PrintToString(s));
     const Weights weights = {whole(RandomWeights(s, 3).kernel), {}};
-    const Values x = whole(RandomFrames(s, n, 4));
-    const Values y = whole(RandomFrames(t, frames, 5));
-    const Values cx = RunLayer(*ReadLayer(ConvFile(s, weights)), Values(x), n, s.in_dim);
-    const Values ty = RunLayer(*ReadLayer(TransposeFile(t, weights)), Values(y), frames, t.in_dim);
+    const Floats x = whole(RandomFrames(s, n, 4));
+    const Floats y = whole(RandomFrames(t, frames, 5));
+    const Floats cx = RunLayer(*ReadLayer(ConvFile(s, weights)), Floats(x), n, s.in_dim);
+    const Floats ty = RunLayer(*ReadLayer(TransposeFile(t, weights)), Floats(y), frames, t.in_dim);
     ASSERT_EQ(ty.size(), x.size());
     EXPECT_EQ(std::inner_product(cx.begin(), cx.end(), y.begin(), 0.0),
               std::inner_product(x.begin(), x.end(), ty.begin(), 0.0));
@@ -277,7 +263,7 @@ TEST(ConvTranspose1d, IsTheAdjointOfTheConvolution) {
 }
 
 TEST(ConvTranspose1d, DoublesAndFillsWithTheBias) {
-  const std::tuple<Shape, Weights, Values> cases[] = {
+  const std::tuple<Shape, Weights, Floats> cases[] = {
       // Frame 0 puts 2 and 3 behind the cropped 1, frame 1 adds 10, 20, 30 two frames later.
       {{1, 1, 3, 2, 1, 1, 1, 1, true, 1}, {{1, 2, 3}, {-1}}, {1, 12, 19, 29}},
       {{1, 1, 1, 3, 0, 0, 1, 1, true, 2}, {{2}, {0.5F}}, {2.5F, 0.5F, 0.5F, 20.5F, 0.5F, 0.5F}}};
@@ -291,17 +277,17 @@ TEST(ConvTranspose1d, DoublesAndFillsWithTheBias) {
 TEST(Conv1dLayers, GroupsWorkedByHand) {
   const Shape s = {4, 4, 1, 1, 0, 0, 1, 2, false};
   const Weights weights = {{1, 2, 3, 4, 5, 6, 7, 8}, {}};
-  const Values in = {1, 10, 100, 1000};
-  EXPECT_EQ(RunLayer(*ReadLayer(ConvFile(s, weights)), Values(in), 1, 4),
-            (Values{21, 43, 6500, 8700}));
-  EXPECT_EQ(RunLayer(*ReadLayer(TransposeFile(s, weights)), Values(in), 1, 4),
-            (Values{31, 42, 7500, 8600}));
+  const Floats in = {1, 10, 100, 1000};
+  EXPECT_EQ(RunLayer(*ReadLayer(ConvFile(s, weights)), Floats(in), 1, 4),
+            (Floats{21, 43, 6500, 8700}));
+  EXPECT_EQ(RunLayer(*ReadLayer(TransposeFile(s, weights)), Floats(in), 1, 4),
+            (Floats{31, 42, 7500, 8600}));
 }
 
 // The last window has two thousand million taps: those in the padding may take no time.
 TEST(MaxPool1d, CountsPaddingAsZero) {
-  const std::pair<Shape, Values> cases[] = {{{1, 1, 2, 1, 1, 1}, {0, -1, 1, 1}},
-                                            {{1, 1, 0}, Values(4, kLowest)},
+  const std::pair<Shape, Floats> cases[] = {{{1, 1, 2, 1, 1, 1}, {0, -1, 1, 1}},
+                                            {{1, 1, 0}, Floats(4, kLowest)},
                                             {{1, 1, kHuge, 1, kHuge, 0}, {0, 0, 0, 1}}};
   for (const auto& [s, wanted] : cases) {
     EXPECT_EQ(RunLayer(*ReadLayer(PoolFile(s)), {-2, -1, 1}, 3, 1), wanted);
@@ -321,7 +307,7 @@ TEST(Conv1dLayers, RefuseTooFewFrames) {
   for (const auto& [file, n, message] : cases) {
     const Layer layer = ReadLayer(file);
     EXPECT_LE(layer->CalcOutputFrames(n), 0);
-    EXPECT_EQ(ThrownBy([&, frames = n] { RunLayer(*layer, Values(3), frames, 1); }), message);
+    EXPECT_EQ(ThrownBy([&, frames = n] { RunLayer(*layer, Floats(3), frames, 1); }), message);
   }
 }
 
@@ -333,10 +319,10 @@ TEST(Conv1dFile, WritesWhatItReadAndRefusesPrefixes) {
     for (const Bytes& bytes : {ConvFile(s, weights), TransposeFile(s, weights), PoolFile(s)}) {
       const Layer layer = ReadLayer(bytes);
       RunLayer(*layer, RandomFrames(s, 40, 8), 40, s.in_dim);
-      EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), bytes.str());
-      const std::string fixed = Written([&](FILE* fp) { return layer->WriteFixed(fp); });
+      EXPECT_EQ(WrittenBy(*layer), bytes.str());
+      const std::string fixed = FixedWrittenBy(*layer);
       const Layer again(runtime::Component::Read(FileOf(fixed).get()));
-      EXPECT_EQ(Written([&](FILE* fp) { return again->Write(fp); }), bytes.str());
+      EXPECT_EQ(WrittenBy(*again), bytes.str());
       EXPECT_TRUE(&s != kShapes || EveryPrefixIsRefused(bytes));
     }
   }
@@ -353,7 +339,7 @@ TEST(Conv1dFile, TextGivesTheSameLayer) {
   const std::string window = "<KernelSize> 3 <Stride> 2 <Left> 1 <Right> 2 <Dilation> 3";
   const auto file = [](const std::string& text) {
     const Layer layer = ReadTextLayer(text);
-    return Written([&](FILE* fp) { return layer->Write(fp); });
+    return WrittenBy(*layer);
   };
   EXPECT_EQ(file("<Conv1d> 4 2 " + window + " <Groups> 2 <Bias> 1\n" + matrices),
             ConvFile(s, weights).str());
@@ -387,8 +373,8 @@ TEST(Conv1dFile, RefusesFieldsThatCannotRun) {
 TEST(Conv1dFile, HostileSizesAreHarmless) {
   // Without input channels nothing is stored, whatever the kernel size.
   const Shape no_inputs = {0, 3, kHuge, kHuge, kHuge, 0, 1, 1, false, 2};
-  EXPECT_EQ(RunLayer(*ReadLayer(ConvFile(no_inputs, {})), {}, 2, 0), Values(3, 0.0F));
-  EXPECT_EQ(RunLayer(*ReadLayer(TransposeFile(no_inputs, {})), {}, 1, 0), Values(6, 0.0F));
+  EXPECT_EQ(RunLayer(*ReadLayer(ConvFile(no_inputs, {})), {}, 2, 0), Floats(3, 0.0F));
+  EXPECT_EQ(RunLayer(*ReadLayer(TransposeFile(no_inputs, {})), {}, 1, 0), Floats(6, 0.0F));
   const Shape no_outputs = {3, 0, kHuge, 1, kHuge, 0, 1, 1, false, kHuge};
   EXPECT_TRUE(RunLayer(*ReadLayer(ConvFile(no_outputs, {})), {1, 2, 3}, 1, 3).empty());
   EXPECT_TRUE(RunLayer(*ReadLayer(TransposeFile(no_outputs, {})), {1, 2, 3}, 1, 3).empty());
@@ -399,8 +385,8 @@ TEST(Conv1dFile, HostileSizesAreHarmless) {
 
 // A call without frames can still see windows that lie in the padding, but announces none.
 TEST(Conv1d, PaddingAloneGivesTheBias) {
-  const Layer layer = ReadLayer(ConvFile({1, 2, 3, 1, 2, 2}, {Values(6, 1.0F), {3, 4}}));
-  EXPECT_EQ(RunLayer(*layer, {}, 0, 1), (Values{3, 4, 3, 4}));
+  const Layer layer = ReadLayer(ConvFile({1, 2, 3, 1, 2, 2}, {Floats(6, 1.0F), {3, 4}}));
+  EXPECT_EQ(RunLayer(*layer, {}, 0, 1), (Floats{3, 4, 3, 4}));
   EXPECT_EQ(layer->CalcOutputFrames(0), 0);
   EXPECT_EQ(layer->CalcOutputFrames(-2), 0);
 }

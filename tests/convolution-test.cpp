@@ -9,13 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "tests/model-builder.h"
-#include "tests/vector-targets.h"
+#include "tests/support/model-builder.h"
+#include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
 namespace {
-
-using Values = std::vector<float>;
 
 struct Planes {
   int in_channels, out_channels, width, frames;
@@ -23,7 +21,7 @@ struct Planes {
 };
 
 struct Weights {
-  Values kernel, bias;
+  Floats kernel, bias;
 };
 
 Weights RandomWeights(const Planes& s, uint32_t seed) {
@@ -36,11 +34,11 @@ Bytes SimpleFile(int code, const Planes& s, const Weights& weights) {
                      Bytes().Floats(weights.kernel).Floats(weights.bias));
 }
 
-Values RandomInput(const Planes& s, uint32_t seed) {
+Floats RandomInput(const Planes& s, uint32_t seed) {
   return Random(static_cast<size_t>(s.in_channels * s.frames * s.width), seed);
 }
 
-float At(const Values& planes, const Planes& s, int c, int t, int x) {
+float At(const Floats& planes, const Planes& s, int c, int t, int x) {
   return x < 0 || x >= s.width ? 0.0F
                                : planes[static_cast<size_t>((c * s.frames + t) * s.width + x)];
 }
@@ -49,8 +47,8 @@ const float* KernelAt(const Weights& weights, const Planes& s, int o, int i) {
   return weights.kernel.data() + (o * s.in_channels + i) * 3;
 }
 
-Values PlainHalve(const Planes& s, const Weights& weights, const Values& in, int out_width) {
-  Values out;
+Floats PlainHalve(const Planes& s, const Weights& weights, const Floats& in, int out_width) {
+  Floats out;
   for (int o = 0; o < s.out_channels; ++o) {
     for (int row = 0; row < s.frames * out_width; ++row) {
       const int t = row / out_width;
@@ -68,12 +66,12 @@ Values PlainHalve(const Planes& s, const Weights& weights, const Values& in, int
 }
 
 // Adds every input value to the three columns that it reaches, then crops the first column.
-Values PlainDouble(const Planes& s, const Weights& weights, const Values& in) {
-  Values out;
+Floats PlainDouble(const Planes& s, const Weights& weights, const Floats& in) {
+  Floats out;
   const size_t columns = static_cast<size_t>(2 * s.width + 1);
   for (int o = 0; o < s.out_channels; ++o) {
     for (int t = 0; t < s.frames; ++t) {
-      Values sums(columns, weights.bias[static_cast<size_t>(o)]);
+      Floats sums(columns, weights.bias[static_cast<size_t>(o)]);
       for (int i = 0; i < s.in_channels; ++i) {
         const float* w = KernelAt(weights, s, o, i);
         for (int x = 0; x < s.width; ++x) {
@@ -88,28 +86,21 @@ Values PlainDouble(const Planes& s, const Weights& weights, const Values& in) {
   return out;
 }
 
-void ExpectSameBits(const Values& got, const Values& wanted) {
-  ASSERT_EQ(got.size(), wanted.size());
-  for (size_t i = 0; i < got.size(); ++i) {
-    ASSERT_TRUE(SameFloat(got[i], wanted[i])) << i << ": " << got[i] << " for " << wanted[i];
-  }
-}
-
 // Positions and channels around the widths of the kernels, and without any.
 constexpr Planes kPlanes[] = {{1, 1, 4, 1},  {1, 1, 1, 1},   {2, 3, 7, 5},   {3, 4, 2, 3},
                               {5, 9, 16, 2}, {4, 8, 33, 1},  {0, 2, 3, 2},   {2, 0, 3, 2},
                               {1, 6, 1, 9},  {8, 5, 20, 11}, {2, 2, 5, 3, 3}};
 
 /// Runs both layers on every vector target.
-void ExpectPlainBits(Planes s, const Weights& weights, const Values& in) {
+void ExpectPlainBits(Planes s, const Weights& weights, const Floats& in) {
   const int out_width = s.out_width > 0 ? s.out_width : s.width / 2;
   const Layer halve = ReadLayer(SimpleFile(0x305, s, weights));
   s.out_width = 0;
   const Layer twice = ReadLayer(SimpleFile(0x306, s, weights));
   ForEachVectorTarget([&] {
-    ExpectSameBits(RunLayer(*halve, Values(in), s.frames, s.width),
+    ExpectSameBits(RunLayer(*halve, Floats(in), s.frames, s.width),
                    PlainHalve(s, weights, in, out_width));
-    ExpectSameBits(RunLayer(*twice, Values(in), s.frames, s.width), PlainDouble(s, weights, in));
+    ExpectSameBits(RunLayer(*twice, Floats(in), s.frames, s.width), PlainDouble(s, weights, in));
   });
   EXPECT_EQ(halve->OutputDim(), out_width);
 }
@@ -122,11 +113,11 @@ TEST(SimpleConvolutions, GiveTheBitsOfThePlainLoop) {
 // lies beyond the last position of the doubling one.
 TEST(SimpleConvolutions, SpecialValuesAtTheEdges) {
   const Planes s = {2, 5, 3, 4};
-  Weights weights = {RandomWeights(s, 7).kernel, Values(5, -0.0F)};
+  Weights weights = {RandomWeights(s, 7).kernel, Floats(5, -0.0F)};
   for (size_t i = 0; i < weights.kernel.size(); i += 3) {
     weights.kernel[i] = i % 2 == 0 ? std::numeric_limits<float>::infinity() : -0.0F;
   }
-  Values in = RandomInput(s, 8);
+  Floats in = RandomInput(s, 8);
   for (size_t i = 0; i < in.size(); i += 4) in[i] = i % 8 == 0 ? -0.0F : 0.0F;
   ExpectPlainBits(s, weights, in);
 }
@@ -135,20 +126,20 @@ TEST(SimpleConvolutions, RowsWorkedByHand) {
   const Weights weights = {{2, 3, 5}, {100}};
   // Columns 0 1 2 | 2 3 4 of the padded row 0, 1, 10, 100, 1000, 0.
   const Layer halve = ReadLayer(SimpleFile(0x305, {1, 1, 4, 1, 2}, weights));
-  EXPECT_EQ(RunLayer(*halve, {1, 10, 100, 1000}, 1, 4), (Values{153, 5420}));
+  EXPECT_EQ(RunLayer(*halve, {1, 10, 100, 1000}, 1, 4), (Floats{153, 5420}));
   // Seven positions give three when the header says nothing.
   const Layer adopting = ReadLayer(Component2d(0x305, 1, 1, 0, 0, Bytes().Floats({0, 1, 0, 0})));
-  EXPECT_EQ(RunLayer(*adopting, {1, 2, 3, 4, 5, 6, 7}, 1, 7), (Values{1, 3, 5}));
-  EXPECT_EQ(RunLayer(*adopting, {1, 2, 3, 4}, 2, 2), (Values{1, 3}));
+  EXPECT_EQ(RunLayer(*adopting, {1, 2, 3, 4, 5, 6, 7}, 1, 7), (Floats{1, 3, 5}));
+  EXPECT_EQ(RunLayer(*adopting, {1, 2, 3, 4}, 2, 2), (Floats{1, 3}));
   const Layer two = ReadLayer(SimpleFile(0x306, {1, 1, 2, 1, 4}, weights));
-  EXPECT_EQ(RunLayer(*two, {1, 10}, 1, 2), (Values{103, 125, 130, 150}));
+  EXPECT_EQ(RunLayer(*two, {1, 10}, 1, 2), (Floats{103, 125, 130, 150}));
 }
 
 TEST(SimpleConvolutions, RefuseWidthsThatDoNotFit) {
   const auto failure = [](int code, int out_width) {
     const Planes s = {1, 1, 4, 1, out_width};
     const Layer layer = ReadLayer(SimpleFile(code, s, RandomWeights(s, 1)));
-    return ThrownBy([&] { RunLayer(*layer, Values(4), 1, 4); });
+    return ThrownBy([&] { RunLayer(*layer, Floats(4), 1, 4); });
   };
   EXPECT_EQ(failure(0x305, 3),
             "mismatched widths! layer[<SimpleConv2d1x3s2>] input [4] output [3]");
@@ -169,7 +160,7 @@ TEST(SimpleConvolutions, RunThroughAnExecutor) {
   const Weights up = RandomWeights(middle, 4);
   Model model(Network({SimpleFile(0x305, s, down),
                        Component2d(0x306, 3, 1, 0, 0, Bytes().Floats(up.kernel).Floats(up.bias))}));
-  const Values in = RandomInput(s, 5);
+  const Floats in = RandomInput(s, 5);
   ExpectSameBits(model.Call(in, 4, 6, 2), PlainDouble(middle, up, PlainHalve(s, down, in, 3)));
   EXPECT_EQ(model.forward->OutputShape().dim, 6);
   EXPECT_EQ(model.forward->OutputShape().channels, 1);
@@ -177,16 +168,10 @@ TEST(SimpleConvolutions, RunThroughAnExecutor) {
 
 // What is stored only.
 
-Bytes Ints(std::initializer_list<int> values) {
-  Bytes bytes;
-  for (const int value : values) bytes.Int(value);
-  return bytes;
-}
-
 Bytes Conv2dFile(int in_channels, int out_channels, int groups, bool bias, int height = 2,
                  int width = 3) {
   const int count = in_channels * out_channels / std::max(groups, 1) * height * width;
-  Bytes block = Ints({height, width, 1, 2, 3, 4, 5, 6, 7, 8, groups, bias});
+  Bytes block = Bytes().Ints({height, width, 1, 2, 3, 4, 5, 6, 7, 8, groups, bias});
   block.Floats(Random(static_cast<size_t>(std::max(count, 0)), 11));
   if (bias) block.Floats(Random(static_cast<size_t>(out_channels), 12));
   return Component2d(0x301, in_channels, out_channels, 9, 0, block);
@@ -216,10 +201,10 @@ TEST(StoredConvolutions, AreWrittenAsReadAndDoNotRun) {
   for (const auto& [bytes, marker] : files) {
     SCOPED_TRACE(marker);
     const Layer layer = ReadLayer(bytes);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), bytes.str());
+    EXPECT_EQ(WrittenBy(*layer), bytes.str());
     EXPECT_TRUE(EveryPrefixIsRefused(bytes));
     // The fixed-point code makes the same class, which says the same.
-    const std::string fixed = Written([&](FILE* fp) { return layer->WriteFixed(fp); });
+    const std::string fixed = FixedWrittenBy(*layer);
     const Layer again(runtime::Component::Read(FileOf(fixed).get()));
     for (runtime::Component* refusing : {layer.get(), again.get()}) {
       EXPECT_EQ(ThrownBy([&] { RunLayer(*refusing, {}, 1, 9); }),
@@ -241,7 +226,7 @@ TEST(StoredConvolutions, CountWhatTheyHold) {
 
 TEST(StoredConvolutions, RefuseShapesWithoutMeaning) {
   // The sizes of the last one have a product that wraps around.
-  const Bytes wrapping = Ints({1 << 30, 1 << 30, 1, 1, 0, 0, 0, 0, 1, 1, 1, 0});
+  const Bytes wrapping = Bytes().Ints({1 << 30, 1 << 30, 1, 1, 0, 0, 0, 0, 1, 1, 1, 0});
   for (const Bytes& bytes :
        {Conv2dFile(2, 2, 0, false), Conv2dFile(2, 2, -1, false), Conv2dFile(1, 1, 2, false),
         Conv2dFile(-1, 1, 1, false), Conv2dFile(1, 1, 1, false, -1, 1),
@@ -267,7 +252,7 @@ TEST(StoredConvolutions, NestingIsBounded) {
 constexpr char kPRelu[] = "<PReLU2d> 2 2 <Alpha> 0.25\n";
 
 /// The values as matrices of `columns` each.
-std::string Matrices(const Values& values, int columns) {
+std::string Matrices(const Floats& values, int columns) {
   std::string text;
   for (auto row = values.begin(); row != values.end(); row += columns) {
     text += TextMatrix({row, row + columns});
@@ -285,7 +270,7 @@ std::string ConvText() {
 TEST(ConvolutionText, GivesTheSameLayer) {
   const auto file = [](const std::string& text) {
     const Layer layer = ReadTextLayer(text);
-    return Written([&](FILE* fp) { return layer->Write(fp); });
+    return WrittenBy(*layer);
   };
   EXPECT_EQ(file(ConvText()), Conv2dFile(2, 2, 2, true).str());
   const std::string norm = "<BatchNorm2d> 2 2 <Epsilon> 0.1\n" + Matrices(Random(8, 13), 2);

@@ -16,10 +16,10 @@
 #include <utility>
 #include <vector>
 
-#include "bench/plain-search.h"
 #include "ctc/beam-search.h"
 #include "ctc/decoder-kernels.h"
-#include "tests/vector-targets.h"
+#include "tests/support/plain-search.h"
+#include "tests/support/vector-targets.h"
 #include "utils/fast-math.h"
 
 namespace handwriting_CTC {

@@ -10,13 +10,12 @@
 #include "nnet/affine.h"
 #include "nnet/fixed-affine.h"
 #include "nnet/parameter-block.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 
 // W = [1 2; 3 4; 5 6] on the rows (1, 0) and (1, -1).
 const Floats kWeights = {1, 2, 3, 4, 5, 6};
@@ -43,9 +42,9 @@ TEST(Dense, HandWorkedRows) {
     EXPECT_EQ(RunLayer(*layer, Floats(kRows), 2, 2), c.out);
     EXPECT_EQ(RunLayer(*layer, {1, -1}, 1, 2), Floats(c.out.begin() + 3, c.out.end()));
     EXPECT_TRUE(RunLayer(*layer, {}, 0, 2).empty());
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
+    EXPECT_EQ(WrittenBy(*layer), c.component.str());
     const Layer text = ReadTextLayer(c.text);
-    EXPECT_EQ(Written([&](FILE* fp) { return text->Write(fp); }), c.component.str());
+    EXPECT_EQ(WrittenBy(*text), c.component.str());
     EXPECT_TRUE(EveryPrefixIsRefused(c.component));
     EXPECT_EQ(layer->ParameterCount(), layer->GetType() == 0x100 ? 9U : 6U);
     const uint64_t weight_bytes = 4 * 8 * 2;
@@ -158,8 +157,8 @@ TEST(FixedDense, ReadingAndWritingGivesTheSameBytes) {
       Component1d(0x80b, 1, 2, Bytes().Float(0.5F).Float(127).Codes({64, -127}))};
   for (const Bytes& component : cases) {
     const Layer layer = ReadLayer(component);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), component.str());
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->WriteFixed(fp); }), component.str());
+    EXPECT_EQ(WrittenBy(*layer), component.str());
+    EXPECT_EQ(FixedWrittenBy(*layer), component.str());
     EXPECT_TRUE(EveryPrefixIsRefused(component));
   }
 }
@@ -179,7 +178,7 @@ TEST(FixedDense, FloatTwinWritesWhatItReads) {
                          Component1d(0x10b, 2, 1, Bytes().Float(2).Floats({-127, 64}))};
   for (const Bytes& bytes : twins) {  // values that 8 bits hold exactly
     const Layer twin = ReadLayer(bytes);
-    const std::string fixed_bytes = Written([&](FILE* fp) { return twin->WriteFixed(fp); });
+    const std::string fixed_bytes = FixedWrittenBy(*twin);
     const File file = FileOf(fixed_bytes);
     const Layer fixed(Component::Read(file.get()));
     EXPECT_EQ(fixed->GetType(), twin->GetFixedType());
@@ -206,7 +205,7 @@ TEST(Activations, OneDimensionalLayersUseTheirOwnWidth) {
   for (const auto& c : cases) {
     const Layer layer = ReadLayer(c.component);
     EXPECT_EQ(RunLayer(*layer, {-1, 2, 3, -4}, 2, 2), c.out);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
+    EXPECT_EQ(WrittenBy(*layer), c.component.str());
   }
   EXPECT_TRUE(EveryPrefixIsRefused(cases[1].component));
   EXPECT_EQ(ThrownBy([] { ReadTextLayer("<PReLU> 2 2 [ 1 ]"); }),

@@ -7,15 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "nnet/lstm.h"
 #include "nnet/nnet-nnet.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 
 TEST(Executor, OneTwoAndManyLayersLeaveTheResultInOnePlace) {
   const Bytes twice = Affine(2, 2, {0, 0}, {2, 0, 0, 2});
@@ -92,30 +90,6 @@ TEST(Executor, NetworksThatCannotBeBuilt) {
       << log;
   Nnet empty;
   EXPECT_EQ(ThrownBy([&] { NnetForward forward(&empty); }), "Wrong parameter(s)!");
-}
-
-TEST(Executor, BlstmLayersShareOneGateBuffer) {
-  const auto blstm = [](int in, int cell, uint32_t seed) {
-    Bytes block = Bytes().Int(cell);
-    const auto count = static_cast<size_t>(8 * cell * (in + cell + 2));
-    for (const float value : Random(count, seed)) {
-      block.Raw(static_cast<uint16_t>(0x3000 | (BitsOf(value) >> 23 & 0x3FF)));
-    }
-    return Component1d(0x10e, in, 2 * cell, block);
-  };
-  const Bytes first = blstm(3, 2, 1);
-  const Bytes second = blstm(4, 5, 2);
-  const Layer alone_first = ReadLayer(first);
-  const Layer alone_second = ReadLayer(second);
-  const Floats in = Random(60, 3);
-  const Floats between = RunLayer(*alone_first, Floats(in), 20, 3);
-  const Floats wanted = RunLayer(*alone_second, Floats(between), 20, 4);
-  Model model(Network({first, second}));
-  model.forward->ReserveFrames(2);  // the slot is read at each call: it may grow
-  EXPECT_EQ(model.Call(in, 20, 3), wanted);
-  const auto* linked = dynamic_cast<const Blstm*>(model.nnet.layers[0].get());
-  EXPECT_TRUE(linked->gate_buffer.empty());
-  EXPECT_EQ(linked->shared_gates->size(), 20U * 4 * 5);
 }
 
 // Headers that do not fit together are refused at the layer that would read too much.

@@ -9,14 +9,13 @@
 #include <vector>
 
 #include "nnet/fsmn-layer.h"
-#include "tests/model-builder.h"
-#include "tests/vector-targets.h"
+#include "tests/support/model-builder.h"
+#include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 
 struct Taps {
   int left = 0, right = 0, stride = 1, depend = 0;
@@ -78,9 +77,8 @@ TEST(Fsmn, EveryWidthAndFrameCountGivesTheBitsOfTheScalarSum) {
     for (const Taps& taps : {Taps{3, 2, 1}, Taps{1, 4, 3}, Taps{0, 0, 1}, Taps{0, 2, 2}}) {
       const Bytes component = taps.Component(dim);
       const Layer layer = ReadLayer(component);
-      EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), component.str());
-      EXPECT_EQ(Written([&](FILE* fp) { return layer->WriteFixed(fp); }),
-                taps.Component(dim, 0x807).str());
+      EXPECT_EQ(WrittenBy(*layer), component.str());
+      EXPECT_EQ(FixedWrittenBy(*layer), taps.Component(dim, 0x807).str());
       for (const int out_frames : {9, 1, 6}) {
         const int frames = out_frames + taps.Context();
         const Floats in = Random(static_cast<size_t>(frames * dim), 77);

@@ -8,14 +8,13 @@
 #include <vector>
 
 #include "nnet/highway-kernels.h"
-#include "tests/model-builder.h"
-#include "tests/vector-targets.h"
+#include "tests/support/model-builder.h"
+#include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 
 constexpr int kHighway = 0x10f;
 
@@ -68,20 +67,19 @@ TEST(Highway, StoredForms) {
   const Bytes component = sample.Component();
   const Layer layer = ReadLayer(component);
   EXPECT_FALSE(layer->HasFixedForm());
-  EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), component.str());
+  EXPECT_EQ(WrittenBy(*layer), component.str());
   EXPECT_TRUE(EveryPrefixIsRefused(component));
   std::string text = "<FixedHighway> 3 3 ";
   for (const Floats& array : sample.arrays) text += TextMatrix(array);
   EXPECT_EQ(Written([&](FILE* fp) { return ReadTextLayer(text)->Write(fp); }), component.str());
   // The fixed-point code reads the same float block.
   const Layer twin = ReadLayer(Component1d(0x80f, 3, 3, sample.Block()));
-  EXPECT_EQ(Written([&](FILE* fp) { return twin->Write(fp); }), component.str());
+  EXPECT_EQ(WrittenBy(*twin), component.str());
 
   const Layer small = ReadLayer(Component1d(kHighway, 1, 1, Bytes().Floats({0.5F, 0, -2, 4})));
   Bytes codes = Bytes().Float(254).Byte(127).Float(1).Byte(0);
   codes.Float(63.5F).Byte(-127).Float(31.75F).Byte(127);
-  EXPECT_EQ(Written([&](FILE* fp) { return small->WriteFixed(fp); }),
-            Component1d(kHighway, 1, 1, codes).str());
+  EXPECT_EQ(FixedWrittenBy(*small), Component1d(kHighway, 1, 1, codes).str());
 
   for (const auto& [in, out] : {std::pair{3, 2}, {-1, -1}, {1 << 20, 1 << 20}}) {
     EXPECT_EQ(ThrownBy([&] { ReadLayer(Component1d(kHighway, in, out, sample.Block())); }),

@@ -8,15 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "nnet/lstm.h"
-#include "tests/recurrent-sample.h"
+#include "tests/support/model-builder.h"
 #include "utils/fast-math.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 
 constexpr int kSplice = 0x401;
 constexpr int kAddShift = 0x402;
@@ -62,11 +60,11 @@ TEST(NnetLayer, HandWorkedRows) {
     const auto frames = static_cast<int64_t>(in.size()) / layer->input_dim;
     EXPECT_EQ(RunLayer(*layer, in, frames, layer->input_dim), c.out);
     EXPECT_EQ(in, c.in_place ? c.out : c.in);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), c.component.str());
+    EXPECT_EQ(WrittenBy(*layer), c.component.str());
     EXPECT_TRUE(EveryPrefixIsRefused(c.component));
     if (c.text == nullptr) continue;
     const Layer text = ReadTextLayer(c.text);
-    EXPECT_EQ(Written([&](FILE* fp) { return text->Write(fp); }), c.component.str());
+    EXPECT_EQ(WrittenBy(*text), c.component.str());
     EXPECT_EQ(layer->MemoryBytes(), 0U);
   }
 }
@@ -140,7 +138,7 @@ TEST(Prior, TextHoldsWeightsBinaryHoldsLogarithms) {
   EXPECT_EQ(prior[0], fast_math::FastLog(0.25F));
   EXPECT_EQ(prior[1], fast_math::FastLog(0.75F));
   EXPECT_NEAR(prior[0], std::log(0.25), 2e-4);
-  const File file = FileOf(Written([&](FILE* fp) { return text->Write(fp); }));
+  const File file = FileOf(WrittenBy(*text));
   const Layer binary(Component::Read(file.get()));
   EXPECT_EQ(RunLayer(*binary, {0, 0}, 1, 2), RunLayer(*text, {0, 0}, 1, 2));
   // A weight of 0 becomes a probability of 1e-20.
@@ -156,47 +154,6 @@ TEST(NnetLayer, InPlaceLayersChangeTheCallersRows) {
   const float* out = model.forward->Output();
   EXPECT_EQ(Floats(out, out + 4), Floats({15, 395, 35, 595}));
   EXPECT_EQ(features, Floats({2, 4, 4, 6}));
-}
-
-// Splices behind a projected LSTM make their context come again in the next call: with the overlap
-// of all of them, calls that begin so many frames earlier join to the output of one call. A splice
-// before the layer does not count.
-TEST(Splice, ContextBehindProjectedLstmOverlaps) {
-  constexpr int kDim = 2;
-  constexpr int kCell = 3;
-  const auto lstm = [](bool fixed) {
-    Bytes block;
-    block.Int(kCell);
-    uint32_t seed = 40;
-    for (const size_t count : {4 * kCell * 3 * kDim, 4 * kCell * kDim, 4 * kCell, kCell, kCell,
-                               kCell, kDim * kCell, kDim}) {
-      if (fixed) block.Float(127);
-      for (const float x : Random(count, seed++)) {
-        fixed ? block.Byte(static_cast<int>(127 * x)) : block.Float(x);
-      }
-    }
-    return Component1d(fixed ? 0x806 : 0x106, 3 * kDim, kDim, block);
-  };
-  for (const bool fixed : {false, true}) {
-    Model model(Network({SpliceOf(kDim, 3 * kDim, {-1, 0, 1}), lstm(fixed),
-                         SpliceOf(kDim, 3 * kDim, {-1, 0, 1}),
-                         Component1d(0xa01, 6, 12, Bytes().Int(0).Int(2))}));
-    const Component& layer = *model.nnet.layers[1];
-    EXPECT_EQ(fixed ? dynamic_cast<const FixedLstmProjectedNnet3Streams&>(layer).overlap_frames
-                    : dynamic_cast<const LstmProjectedNnet3Streams&>(layer).overlap_frames,
-              4);
-    const Floats in = Random(30 * kDim, 41);
-    const Floats whole = model.Call(in, 30, kDim);
-    ASSERT_EQ(whole.size(), 24U * 12);
-    model.forward->Reset();
-    Floats joined;
-    for (const int64_t first : {0, 8, 16}) {  // 14 frames each, 6 of them again in the next
-      const auto begin = in.begin() + first * kDim;
-      const Floats out = model.Call(Floats(begin, begin + 14 * kDim), 14, kDim);
-      joined.insert(joined.end(), out.begin(), out.end());
-    }
-    ExpectNear(joined, whole, 1e-5);
-  }
 }
 
 }  // namespace

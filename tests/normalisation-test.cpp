@@ -13,14 +13,13 @@
 #include <vector>
 
 #include "nnet/normalisation-kernels.h"
-#include "tests/model-builder.h"
-#include "tests/vector-targets.h"
+#include "tests/support/model-builder.h"
+#include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 
 Bytes BatchNormBlock(float epsilon, const std::vector<Floats>& arrays) {
   Bytes block;
@@ -75,7 +74,7 @@ TEST(Normalisation, HandWorkedRows) {
     EXPECT_TRUE(EveryPrefixIsRefused(c.stored.bytes));
     const Layer text = ReadTextLayer(c.stored.text);
     for (Component* each : {layer.get(), text.get()}) {
-      EXPECT_EQ(Written([&](FILE* fp) { return each->Write(fp); }), c.stored.bytes.str());
+      EXPECT_EQ(WrittenBy(*each), c.stored.bytes.str());
       Floats in = c.in;
       EXPECT_EQ(RunLayer(*each, in, 2, c.dim), c.out);
       EXPECT_EQ(in, c.in_place ? c.out : c.in);

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tools {
 namespace {

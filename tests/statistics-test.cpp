@@ -12,13 +12,12 @@
 #include <utility>
 #include <vector>
 
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
 
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
-using Floats = std::vector<float>;
 
 Bytes Extraction(int input_period, int output_period, bool variance, int dim, int out_dim) {
   return Component1d(0x601, dim, out_dim,
@@ -179,7 +178,7 @@ TEST(Statistics, BlocksReadAndWriteInBothForms) {
        "<SlidingWindowComponent> 2 2\n<WindowSize> 7 <HopSize> 3 <SlidingMode> 1"}};
   for (const auto& [component, text] : cases) {
     for (const Layer& layer : {ReadLayer(component), ReadTextLayer(text)}) {
-      EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), component.str());
+      EXPECT_EQ(WrittenBy(*layer), component.str());
     }
     EXPECT_TRUE(EveryPrefixIsRefused(component));
   }

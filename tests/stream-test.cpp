@@ -13,12 +13,11 @@
 
 #include "nnet/stream_nnet/convolution.h"
 #include "nnet/stream_nnet/nnet-control-flow.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
 
-using Floats = std::vector<float>;
 using Counts = std::vector<int64_t>;
 
 constexpr int kHuge = std::numeric_limits<int32_t>::max();
@@ -439,7 +438,7 @@ TEST(StreamFile, ReadsWritesAndRefusesWhatIsCut) {
     const Bytes bytes = StreamLayer(twin);
     EXPECT_TRUE(EveryPrefixIsRefused(bytes));
     const Layer layer = ReadLayer(bytes);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), bytes.str());
+    EXPECT_EQ(WrittenBy(*layer), bytes.str());
   }
 }
 
@@ -463,7 +462,7 @@ TEST(StreamFile, TextGivesTheSameLayer) {
   };
   for (const auto& [text, twin] : cases) {
     const Layer layer = ReadTextLayer(text);
-    EXPECT_EQ(Written([&](FILE* fp) { return layer->Write(fp); }), StreamLayer(twin).str()) << text;
+    EXPECT_EQ(WrittenBy(*layer), StreamLayer(twin).str()) << text;
   }
 }
 

@@ -14,7 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 #include "tools/npy.h"
 
 namespace handwriting::tools {

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <string>
 
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 #include "utils/file-io.h"
 #include "utils/half-float.h"
 #include "utils/messages.h"

@@ -1,5 +1,5 @@
-#ifndef TESTS_VECTOR_TARGETS_H_
-#define TESTS_VECTOR_TARGETS_H_
+#ifndef TESTS_SUPPORT_VECTOR_TARGETS_H_
+#define TESTS_SUPPORT_VECTOR_TARGETS_H_
 
 #include <gtest/gtest.h>
 
@@ -23,4 +23,4 @@ void ForEachVectorTarget(Function run) {
 
 }  // namespace handwriting::tests
 
-#endif  // TESTS_VECTOR_TARGETS_H_
+#endif  // TESTS_SUPPORT_VECTOR_TARGETS_H_

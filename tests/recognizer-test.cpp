@@ -11,12 +11,10 @@
 
 #include "api/handwriting_forward.h"
 #include "ctc/beam-search.h"
-#include "tests/model-builder.h"
+#include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
 namespace {
-
-using Floats = std::vector<float>;
 
 struct Result {
   int count = 0;
@@ -24,18 +22,18 @@ struct Result {
   std::string printed;
 };
 
-class Recogniser {
+class Recognizer {
  public:
-  Recogniser(const Bytes& model, int max_frames, int nbest) : nbest_(nbest) {
+  Recognizer(const Bytes& model, int max_frames, int nbest) : nbest_(nbest) {
     const File file = FileOf(model);
     testing::internal::CaptureStderr();
     instance_ = handwriting_forward_create(file.get(), max_frames, nbest);
     printed = testing::internal::GetCapturedStderr();
     position = std::ftell(file.get());
   }
-  ~Recogniser() { handwriting_forward_destory(instance_); }
-  Recogniser(const Recogniser&) = delete;
-  Recogniser& operator=(const Recogniser&) = delete;
+  ~Recognizer() { handwriting_forward_destory(instance_); }
+  Recognizer(const Recognizer&) = delete;
+  Recognizer& operator=(const Recognizer&) = delete;
 
   explicit operator bool() const { return instance_ != nullptr; }
 
@@ -74,29 +72,29 @@ Bytes TwoNetworks(const Bytes& first, const Bytes& second) {
   return Bytes().Add(first).Add(second);
 }
 
-TEST(Recogniser, TwoSmallNetworksWorkedByHand) {
+TEST(Recognizer, TwoSmallNetworksWorkedByHand) {
   // y = 2 x + 1 on two features, then three classes: blank sum - 1, first, second.
   Bytes model = TwoNetworks(Network({Affine(2, 2, {1, 1}, {2, 0, 0, 2})}),
                             Network({Affine(2, 3, {-1, 0, 0}, {1, 1, 1, 0, 0, 1})}));
-  Recogniser recogniser(model.Add(Bytes().Int(7)), 1, 3);
-  ASSERT_TRUE(recogniser);
-  EXPECT_EQ(recogniser.position + 4, static_cast<long>(model.str().size()));
-  EXPECT_EQ(recogniser.printed, "");
+  Recognizer recognizer(model.Add(Bytes().Int(7)), 1, 3);
+  ASSERT_TRUE(recognizer);
+  EXPECT_EQ(recognizer.position + 4, static_cast<long>(model.str().size()));
+  EXPECT_EQ(recognizer.printed, "");
   // (1, -2) -> (3, -3) -> blank -1, class 1: 3, class 2: -3.
   // (1, 1) -> (3, 3) -> blank 5, class 1: 3, class 2: 3.
   // (-2, 1) -> (-3, 3) -> blank -1, class 1: -3, class 2: 3.
-  const Result result = recogniser.Process({1, -2, 1, 1, -2, 1}, 3, 2);
+  const Result result = recognizer.Process({1, -2, 1, 1, -2, 1}, 3, 2);
   // The best three paths, 1 0 2, 1 1 2 and 1 2 2, are one sequence.
   ASSERT_EQ(result.count, 1);
   EXPECT_EQ(result.sequences[0], (std::vector<int>{1, 2}));
 }
 
 // Scores from the second network reach the decoder row by row whatever the chunks are.
-TEST(Recogniser, EveryLengthGivesTheDecodersOwnResult) {
+TEST(Recognizer, EveryLengthGivesTheDecodersOwnResult) {
   constexpr int kClasses = 5;
-  Recogniser recogniser(TwoNetworks(Network({Identity(kClasses)}), Network({Identity(kClasses)})),
+  Recognizer recognizer(TwoNetworks(Network({Identity(kClasses)}), Network({Identity(kClasses)})),
                         16, 4);
-  ASSERT_TRUE(recogniser);
+  ASSERT_TRUE(recognizer);
   for (const int frames : {1, 15, 16, 17, 31, 32, 33, 100}) {
     const Floats scores = Random(static_cast<size_t>(frames * kClasses), 7, 3.0F);
     ::handwriting_CTC::_beam_search_t decoder(4, 4, kClasses, nullptr);
@@ -104,7 +102,7 @@ TEST(Recogniser, EveryLengthGivesTheDecodersOwnResult) {
     std::vector<int> output(static_cast<size_t>(4 * frames));
     int len[4];
     const int count = decoder.get_CTC_result(output.data(), len);
-    const Result result = recogniser.Process(scores, frames, kClasses);
+    const Result result = recognizer.Process(scores, frames, kClasses);
     ASSERT_EQ(result.count, count) << frames;
     auto next = output.begin();
     for (int k = 0; k < count; next += len[k++]) {
@@ -114,20 +112,20 @@ TEST(Recogniser, EveryLengthGivesTheDecodersOwnResult) {
 }
 
 // An LSTM as the second network carries state over an input's chunks and not into the next input.
-TEST(Recogniser, NoResultDependsOnAnEarlierInput) {
+TEST(Recognizer, NoResultDependsOnAnEarlierInput) {
   const Bytes lstm =
       Component1d(0x103, 3, 4, Bytes().Floats(Random(16 * 3 + 16 * 4 + 32, 5, 2.0F)));
   const Bytes model = TwoNetworks(Network({Identity(3)}), Network({lstm}));
   const Floats in = Random(120, 6, 2.0F);
-  Recogniser fresh(model, 40, 4);
+  Recognizer fresh(model, 40, 4);
   const Result wanted = fresh.Process(in, 40, 3);
-  Recogniser used(model, 40, 4);
+  Recognizer used(model, 40, 4);
   used.Process(Random(60, 8), 20, 3);
   EXPECT_EQ(used.Process(Floats(3), 1, 4).count, -1);
   EXPECT_EQ(used.Process(in, 40, 3).sequences, wanted.sequences);
 }
 
-TEST(Recogniser, CreationRefusesWhatItCannotUse) {
+TEST(Recognizer, CreationRefusesWhatItCannotUse) {
   const Bytes one = Network({Identity(2)});
   const struct {
     Bytes model;
@@ -142,12 +140,12 @@ TEST(Recogniser, CreationRefusesWhatItCannotUse) {
        ">>] "},  // no decoder for -2 classes
   };
   for (const auto& c : cases) {
-    Recogniser recogniser(c.model, 10, 2);
-    EXPECT_FALSE(recogniser);
-    const size_t at = recogniser.printed.rfind("WARNING * [handwriting_forward:");
-    ASSERT_NE(at, std::string::npos) << recogniser.printed;
-    EXPECT_NE(recogniser.printed.find("<<handwriting_forward_create", at), std::string::npos);
-    EXPECT_NE(recogniser.printed.find(c.message, at), std::string::npos) << recogniser.printed;
+    Recognizer recognizer(c.model, 10, 2);
+    EXPECT_FALSE(recognizer);
+    const size_t at = recognizer.printed.rfind("WARNING * [handwriting_forward:");
+    ASSERT_NE(at, std::string::npos) << recognizer.printed;
+    EXPECT_NE(recognizer.printed.find("<<handwriting_forward_create", at), std::string::npos);
+    EXPECT_NE(recognizer.printed.find(c.message, at), std::string::npos) << recognizer.printed;
   }
   const std::string whole =
       TwoNetworks(one, Network({Component1d(0x205, 2, 2, Bytes().Float(1))})).str();
@@ -159,7 +157,7 @@ TEST(Recogniser, CreationRefusesWhatItCannotUse) {
   }
 }
 
-TEST(Recogniser, ArgumentsAreCheckedFirst) {
+TEST(Recognizer, ArgumentsAreCheckedFirst) {
   const File file = FileOf(Bytes());
   const Floats feature(4);
   int output[4];
@@ -197,7 +195,7 @@ TEST(Recogniser, ArgumentsAreCheckedFirst) {
             std::string::npos);
 }
 
-TEST(Recogniser, OutputThatTheNextStageCannotReadFailsTheCall) {
+TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
   const Bytes identity = Network({Identity(2)});
   const Bytes claims = Network({Component2d(0x206, 1, 3, 2, 2)});
   const struct {
@@ -215,19 +213,19 @@ TEST(Recogniser, OutputThatTheNextStageCannotReadFailsTheCall) {
        "mismatched output dimension! second network [2] vs [0]\n"},
   };
   for (const auto& c : cases) {
-    Recogniser recogniser(c.model, 3, 2);
-    ASSERT_TRUE(recogniser) << recogniser.printed;
-    const Result result = recogniser.Process(Floats(15), 3, c.dim);
+    Recognizer recognizer(c.model, 3, 2);
+    ASSERT_TRUE(recognizer) << recognizer.printed;
+    const Result result = recognizer.Process(Floats(15), 3, c.dim);
     EXPECT_EQ(result.count, -1);
     EXPECT_TRUE(result.printed.ends_with(c.message)) << result.printed;
     EXPECT_NE(result.printed.find("<<handwriting_forward_process>>] "), std::string::npos);
   }
 }
 
-TEST(Recogniser, InstancesRunOnSeparateThreads) {
+TEST(Recognizer, InstancesRunOnSeparateThreads) {
   const Bytes model = TwoNetworks(Network({Identity(4)}), Network({Identity(4)}));
   const Floats in = Random(400, 9);
-  Recogniser reference(model, 100, 3);
+  Recognizer reference(model, 100, 3);
   const auto wanted = reference.Process(in, 100, 4).sequences;
   std::vector<std::thread> threads;
   std::vector<int> matches(3, 0);

@@ -1,8 +1,10 @@
-#ifndef TESTS_MODEL_BUILDER_H_
-#define TESTS_MODEL_BUILDER_H_
+#ifndef TESTS_SUPPORT_MODEL_BUILDER_H_
+#define TESTS_SUPPORT_MODEL_BUILDER_H_
 
 // Models and parameter blocks as raw bytes, written from the description of the file format and not
-// through the library's writers.
+// through the library's writers, and what tests do with the layers that are read from them.
+
+#include <gtest/gtest.h>
 
 #include <bit>
 #include <cstdint>
@@ -21,9 +23,14 @@ namespace handwriting::tests {
 
 namespace runtime = tarev::nnet::handwriting_CTC;
 
+using Floats = std::vector<float>;
+
 /// Bytes of a model file, little-endian and back to back.
 class Bytes {
  public:
+  Bytes() = default;
+  explicit Bytes(std::string bytes) : data_(std::move(bytes)) {}
+
   template <class T>
   Bytes& Raw(T value) {
     const auto* p = reinterpret_cast<const char*>(&value);
@@ -35,6 +42,10 @@ class Bytes {
   Bytes& Byte(int value) { return Raw(static_cast<uint8_t>(value)); }
   Bytes& Floats(const std::vector<float>& values) {
     for (const float value : values) Float(value);
+    return *this;
+  }
+  Bytes& Ints(std::initializer_list<int> values) {
+    for (const int value : values) Int(value);
     return *this;
   }
   Bytes& Codes(std::initializer_list<int> values) {
@@ -117,15 +128,24 @@ std::string Written(Write write) {
 
 using Layer = std::unique_ptr<runtime::Component>;
 
-inline Layer ReadLayer(const Bytes& bytes) {
+inline Layer ReadLayer(const std::string& bytes) {
   const File file = FileOf(bytes);
   return Layer(runtime::Component::Read(file.get()));
 }
+inline Layer ReadLayer(const Bytes& bytes) { return ReadLayer(bytes.str()); }
 
 /// A component in text form; null at the end marker.
 inline Layer ReadTextLayer(const std::string& text) {
   const File file = FileOf(text);
   return Layer(runtime::Component::Read(file.get(), false));
+}
+
+/// A layer as it writes itself, in its own form and in fixed-point form.
+inline std::string WrittenBy(const runtime::Component& layer) {
+  return Written([&](FILE* fp) { return layer.Write(fp); });
+}
+inline std::string FixedWrittenBy(const runtime::Component& layer) {
+  return Written([&](FILE* fp) { return layer.WriteFixed(fp); });
 }
 
 /// A matrix of the text form, with digits enough to read back the same floats.
@@ -195,13 +215,14 @@ std::string ThrownBy(Function run) {
 }
 
 /// Every proper prefix of a component's file must be refused, whatever it is cut in.
-inline bool EveryPrefixIsRefused(const Bytes& component) {
-  const std::string& bytes = component.str();
-  for (size_t size = 0; size < bytes.size(); ++size) {
-    const File file = FileOf(bytes.substr(0, size));
-    if (ThrownBy([&] { Layer layer(runtime::Component::Read(file.get())); }).empty()) return false;
+inline bool EveryPrefixIsRefused(const std::string& component) {
+  for (size_t size = 0; size < component.size(); ++size) {
+    if (ThrownBy([&] { ReadLayer(component.substr(0, size)); }).empty()) return false;
   }
   return true;
+}
+inline bool EveryPrefixIsRefused(const Bytes& component) {
+  return EveryPrefixIsRefused(component.str());
 }
 
 inline uint32_t BitsOf(float value) { return std::bit_cast<uint32_t>(value); }
@@ -209,6 +230,24 @@ inline uint32_t BitsOf(float value) { return std::bit_cast<uint32_t>(value); }
 /// Same bits, or both NaN.
 inline bool SameFloat(float a, float b) { return BitsOf(a) == BitsOf(b) || (a != a && b != b); }
 
+inline void ExpectSameBits(const Floats& got, const Floats& wanted) {
+  ASSERT_EQ(got.size(), wanted.size());
+  for (size_t i = 0; i < got.size(); ++i) {
+    ASSERT_TRUE(SameFloat(got[i], wanted[i])) << i << ": " << got[i] << " for " << wanted[i];
+  }
+}
+
+inline void ExpectNear(const Floats& got, const Floats& wanted, double tolerance) {
+  ASSERT_EQ(got.size(), wanted.size());
+  for (size_t i = 0; i < got.size(); ++i) ASSERT_NEAR(got[i], wanted[i], tolerance) << i;
+}
+
+/// The rows [first, last) of a matrix.
+inline Floats RowsOf(const Floats& values, size_t cols, size_t first, size_t last) {
+  return {values.begin() + static_cast<long>(cols * first),
+          values.begin() + static_cast<long>(cols * last)};
+}
+
 }  // namespace handwriting::tests
 
-#endif  // TESTS_MODEL_BUILDER_H_
+#endif  // TESTS_SUPPORT_MODEL_BUILDER_H_
