@@ -297,43 +297,12 @@ TEST(Transpose, FollowsTheFramesOfEveryCall) {
 
 // Files.
 
-TEST(ControlFlowFile, BinaryAndTextGiveTheSameLayer) {
-  const std::pair<Bytes, std::string> cases[] = {
-      {Register(2, "left"), "<RegisterComponent> 2 2 <RegisterName> left\n"},
-      {Register(2, "last", "-1"), "<RegisterComponent> 2 2 <RegisterName> last <SliceIndex> -1\n"},
-      {Register2d(2, 3, "p"),
-       "<Register2dComponent> 2 2 <InputDim> 3 <OutputDim> 3 <RegisterName> p\n"},
-      {Concatenate(2, 6, {"x"}, {0, 2}),
-       "<ConcatenateComponent> 6 2 <Input> <RegisterName> x \t <Input> \r\n"},
-      {Concatenate(2, 2, {}, {0}), "<ConcatenateComponent> 2 2 <Input>\n"},
-      {Concatenate2d(2, 4, 3, {"x", "y"}),
-       "<Concatenate2dComponent> 4 2 <InputDim> 3 <OutputDim> 3 <RegisterName> x "
-       "<RegisterName> y\n"},
-      {Flatten(2, 6, 3), "<FlattenComponent> 6 2 <InputChannel> 3\n"},
-      {Deflatten(6, 2, 3), "<DeflattenComponent> 2 6 <OutputChannel> 3\n"},
-      {Slice(2, "-3"), "<SliceComponent> 2 2 <Index> -3\n"},
-      {Reflection(2, 3, 4), "<ReflectionPad> 2 2 <Left> 3 <Right> 4\n"},
-      {Constant(2, 3, 4, 0.25F), "<ConstantPad> 2 2 <Left> 3 <Right> 4 <Value> 0.25\n"},
-      {View(2, 4), "<ViewComponent> 4 2\n"},
-      {Transpose(2, 0), "<TransposeComponent> 0 2\n"}};
-  for (const auto& [bytes, line] : cases) {
-    SCOPED_TRACE(line);
-    // The bytes and the line behind the block belong to the next component.
-    const File file = FileOf(bytes.str() + "EX");
-    const Layer layer(runtime::Component::Read(file.get()));
-    EXPECT_EQ(std::ftell(file.get()), static_cast<long>(bytes.str().size()));
-    EXPECT_EQ(WrittenBy(*layer), bytes.str());
-    const File text = FileOf(line + "<ViewComponent> 3 3\n");
-    const Layer read(runtime::Component::Read(text.get(), false));
-    EXPECT_EQ(WrittenBy(*read), bytes.str());
-    EXPECT_EQ(Layer(runtime::Component::Read(text.get(), false))->GetType(), 0x500);
-    EXPECT_TRUE(line.find("<SliceIndex>") != std::string::npos || EveryPrefixIsRefused(bytes));
-  }
-}
-
 // Without a whole mark behind the name the register is one of the older form.
 TEST(ControlFlowFile, PrefixesOfAnIndexedRegister) {
   const std::string bytes = Register(2, "last", "-1").str();
+  const Layer layer = ReadTextLayer("<RegisterComponent> 2 2 <RegisterName> last <SliceIndex> -1");
+  EXPECT_EQ(WrittenBy(*layer), bytes);
+  EXPECT_EQ(WrittenBy(*ReadLayer(bytes)), bytes);
   const size_t name_end = Register(2, "last").str().size();
   for (size_t size = 0; size < bytes.size(); ++size) {
     const File file = FileOf(bytes.substr(0, size));

@@ -25,9 +25,9 @@ struct Taps {
   Floats Filter(int dim) const {
     return Random(static_cast<size_t>((left + right + 1) * dim), seed);
   }
-  Bytes Component(int dim, int code = 0x107) const {
+  Bytes Component(int dim) const {
     const Bytes block = Bytes().Int(left).Int(right).Int(stride).Int(depend).Floats(Filter(dim));
-    return Component1d(code, dim, dim, block);
+    return Component1d(0x107, dim, dim, block);
   }
 };
 
@@ -75,10 +75,7 @@ TEST(Fsmn, HandWorkedSums) {
 TEST(Fsmn, EveryWidthAndFrameCountGivesTheBitsOfTheScalarSum) {
   for (const int dim : {1, 3, 17, 37}) {
     for (const Taps& taps : {Taps{3, 2, 1}, Taps{1, 4, 3}, Taps{0, 0, 1}, Taps{0, 2, 2}}) {
-      const Bytes component = taps.Component(dim);
-      const Layer layer = ReadLayer(component);
-      EXPECT_EQ(WrittenBy(*layer), component.str());
-      EXPECT_EQ(FixedWrittenBy(*layer), taps.Component(dim, 0x807).str());
+      const Layer layer = ReadLayer(taps.Component(dim));
       for (const int out_frames : {9, 1, 6}) {
         const int frames = out_frames + taps.Context();
         const Floats in = Random(static_cast<size_t>(frames * dim), 77);
@@ -92,7 +89,6 @@ TEST(Fsmn, EveryWidthAndFrameCountGivesTheBitsOfTheScalarSum) {
       }
     }
   }
-  EXPECT_TRUE(EveryPrefixIsRefused(Taps{1, 1, 2}.Component(2)));
 }
 
 TEST(Fsmn, ChainsAddTheMemoryOfTheBlockTheyDependOn) {

@@ -121,8 +121,7 @@ Floats JoinCalls(size_t dim, Run run, Reset reset) {
 Floats RunCalls(Component& layer) {
   const int dim = layer.InputDim();
   return JoinCalls(
-      ToSize(dim),
-      [&](Floats&& in, int64_t frames) { return RunLayer(layer, in, frames, dim); },
+      ToSize(dim), [&](Floats&& in, int64_t frames) { return RunLayer(layer, in, frames, dim); },
       [&] { layer.Reset(); });
 }
 
@@ -439,9 +438,9 @@ TEST(RecurrentNetwork, SplicesMakeTheCallsOfAProjectedLstmOverlap) {
     const Layout layout{kProjected, 6, 3, 2};
     const Bytes lstm = layout.Float(layout.RandomValues());
     const Bytes stored = is_fixed ? Bytes(FixedWrittenBy(*ReadLayer(lstm))) : lstm;
-    Model model(Network({Component1d(0x401, 2, 6, offsets), stored,
-                         Component1d(0x401, 2, 6, offsets),
-                         Component1d(0xa01, 6, 12, Bytes().Ints({0, 2}))}));
+    Model model(
+        Network({Component1d(0x401, 2, 6, offsets), stored, Component1d(0x401, 2, 6, offsets),
+                 Component1d(0xa01, 6, 12, Bytes().Ints({0, 2}))}));
     const Floats in = Random(60, 41);
     const Floats whole = model.Call(in, 30, 2);
     ASSERT_EQ(whole.size(), 24U * 12);

@@ -166,24 +166,6 @@ TEST(Statistics, OneVectorAWindow) {
   for (size_t i = 0; i < out.size(); ++i) EXPECT_FLOAT_EQ(out[i], wanted[i]) << i;
 }
 
-TEST(Statistics, BlocksReadAndWriteInBothForms) {
-  const std::pair<Bytes, std::string> cases[] = {
-      {Extraction(2, 6, false, 3, 4),
-       "<StatisticsExtractionComponent> 4 3\n"
-       "<InputPeriod> 2 <OutputPeriod> 6 <IncludeVarinance> F"},
-      {Pooling(5, 6, 2, true, 0.5F),
-       "<StatisticsPoolingComponent> 6 5\n<InputPeriod> 3 <LeftContext> -1 <RightContext> -1 "
-       "<NumLogCountFeatures> 2 <OutputStddevs> true <VarianceFloor> 0.5"},
-      {Windows(7, 3, 1, 2),
-       "<SlidingWindowComponent> 2 2\n<WindowSize> 7 <HopSize> 3 <SlidingMode> 1"}};
-  for (const auto& [component, text] : cases) {
-    for (const Layer& layer : {ReadLayer(component), ReadTextLayer(text)}) {
-      EXPECT_EQ(WrittenBy(*layer), component.str());
-    }
-    EXPECT_TRUE(EveryPrefixIsRefused(component));
-  }
-}
-
 TEST(Statistics, BlocksThatCannotRunAreRefused) {
   constexpr int kMost = std::numeric_limits<int>::max();
   std::vector<Bytes> refused = {Component1d(0x603, 2, 3, Bytes().Int(2).Int(1).Int(0))};

@@ -13,7 +13,7 @@
 
 #include "nnet/stream_nnet/convolution.h"
 #include "nnet/stream_nnet/nnet-control-flow.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/conv1d-sample.h"
 
 namespace handwriting::tests {
 namespace {
@@ -33,38 +33,17 @@ struct Twin {
 };
 using Twins = std::vector<Twin>;
 
-struct Shape {
-  int in_dim;
-  int out_dim;
-  int kernel;
-  int stride = 1;
-  int left = 0;
-  int right = 0;
-  int dilation = 1;
-  int groups = 1;
-  int output_padding = 0;
-};
-
-Floats Kernel(const Shape& s) {
-  return Random(static_cast<size_t>(s.in_dim * s.out_dim / s.groups * s.kernel), 11);
-}
-Floats Bias(const Shape& s) { return Random(static_cast<size_t>(s.out_dim), 12); }
-
-Bytes Window(const Shape& s) {
-  return Bytes().Int(s.kernel).Int(s.stride).Int(s.left).Int(s.right);
-}
+Weights WeightsOf(const Shape& s) { return RandomWeights(s, 11); }
 
 Twin Conv(const Shape& s) {
-  Bytes block = Window(s).Int(s.dilation).Int(s.groups).Int(1).Floats(Kernel(s)).Floats(Bias(s));
-  return {0x307, 0x1000, s.in_dim, s.out_dim, block};
+  return {0x307, 0x1000, s.in_dim, s.out_dim, ConvBlock(s, WeightsOf(s))};
 }
 
 Twin Transposed(const Shape& s) {
-  Bytes block = Window(s).Int(s.output_padding).Int(s.dilation).Int(s.groups).Int(1);
-  return {0x308, 0x1001, s.in_dim, s.out_dim, block.Floats(Kernel(s)).Floats(Bias(s))};
+  return {0x308, 0x1001, s.in_dim, s.out_dim, TransposedBlock(s, WeightsOf(s))};
 }
 
-Twin Pool(const Shape& s) { return {0x309, 0x1002, s.in_dim, s.in_dim, Window(s).Int(s.dilation)}; }
+Twin Pool(const Shape& s) { return {0x309, 0x1002, s.in_dim, s.in_dim, PoolBlock(s)}; }
 
 Twin Register(const std::string& name, int dim) {
   return {0x700, 0x1100, dim, dim, Bytes().String(name)};
@@ -154,17 +133,6 @@ std::string ListOf(const Counts& counts) {
 
 enum class Equality { kBits, kRounding };
 
-void ExpectEqual(const Floats& got, const Floats& wanted, Equality equality) {
-  ASSERT_EQ(got.size(), wanted.size());
-  for (size_t i = 0; i < got.size(); ++i) {
-    if (equality == Equality::kBits) {
-      ASSERT_TRUE(SameFloat(got[i], wanted[i])) << i << ": " << got[i] << " for " << wanted[i];
-    } else {
-      ASSERT_NEAR(got[i], wanted[i], 1e-5F) << i;
-    }
-  }
-}
-
 // The promise of all streaming layers.
 void ExpectSameFramesInChunks(const Twins& twins, int64_t least_frames, Equality equality) {
   Model whole(NetworkOf(twins, Form::kWhole));
@@ -182,7 +150,8 @@ void ExpectSameFramesInChunks(const Twins& twins, int64_t least_frames, Equality
     stream.forward->Reset();
     const Counts chunks = RandomChunks(frames, engine);
     SCOPED_TRACE(ListOf({twins.front().stream_code}) + "in chunks " + ListOf(chunks));
-    ExpectEqual(RunChunks(stream, in, dim, chunks).frames, wanted, equality);
+    const Floats got = RunChunks(stream, in, dim, chunks).frames;
+    equality == Equality::kBits ? ExpectSameBits(got, wanted) : ExpectNear(got, wanted, 1e-5);
     if (testing::Test::HasFatalFailure()) return;
   }
 }
@@ -199,7 +168,7 @@ TEST(Stream, WindowsGiveTheFramesOfTheWholeInput) {
     const int groups = pick(1, 9);
     const int per_group = groups > 1 ? 1 : pick(1, 4);
     const Shape s = {groups * per_group, groups * pick(1, 2), pick(0, 5), pick(1, 5), pick(0, 7),
-                     pick(0, 7),         pick(1, 4),          groups,     pick(0, 4)};
+                     pick(0, 7),         pick(1, 4),          groups,     true,       pick(0, 4)};
     const bool one_order = per_group == 1 || s.kernel == 1;
     ExpectSameFramesInChunks({Conv(s)}, 20, one_order ? Equality::kBits : Equality::kRounding);
     ExpectSameFramesInChunks({Transposed(s)}, 20, Equality::kBits);
@@ -250,23 +219,10 @@ TEST(Stream, ChainsGiveTheFramesOfTheWholeInput) {
 // The order of each sum: input channels, then taps.
 TEST(Stream, ConvolutionSumsChannelsFirst) {
   const Shape s = {3, 4, 3, 2, 1, 2, 2};
-  const Floats kernel = Kernel(s);
   const Floats in = FramesOf(3, 21, 3);
-  Floats wanted;
-  for (int start = -1; start + 4 < 23; start += 2) {
-    for (int o = 0; o < 4; ++o) {
-      float sum = 0.0F;
-      for (int term = 0; term < 9; ++term) {
-        const int frame = start + term % 3 * 2;
-        if (frame < 0 || frame >= 21) continue;
-        sum += kernel[static_cast<size_t>(o * 9 + term)] *
-               in[static_cast<size_t>(frame * 3 + term / 3)];
-      }
-      wanted.push_back(sum + Bias(s)[static_cast<size_t>(o)]);
-    }
-  }
   Model model(NetworkOf({Conv(s)}));
-  ExpectEqual(RunChunks(model, in, 3, {5, 0, 9, 7}).frames, wanted, Equality::kBits);
+  ExpectSameBits(RunChunks(model, in, 3, {5, 0, 9, 7}).frames,
+                 PlainConv(s, WeightsOf(s), in, 21, Order::kChannelsFirst));
 }
 
 Twin Slice(const std::string& text, int dim = 1) {
@@ -429,48 +385,11 @@ TEST(Stream, NetworksThatCannotBeLinkedAreRefused) {
 
 // Files.
 
-TEST(StreamFile, ReadsWritesAndRefusesWhatIsCut) {
-  const Shape s = {4, 2, 3, 2, 1, 1, 2, 2, 1};
-  for (const Twin& twin :
-       {Conv(s), Transposed(s), Pool(s), Register("name", 4), Join({"a", "bc"}, {0, 2}, 4),
-        Reflection(4, 2, 1), Constant(4, 2, 1, 0.5F), Slice("3:4", 4)}) {
-    SCOPED_TRACE(twin.stream_code);
-    const Bytes bytes = StreamLayer(twin);
-    EXPECT_TRUE(EveryPrefixIsRefused(bytes));
-    const Layer layer = ReadLayer(bytes);
-    EXPECT_EQ(WrittenBy(*layer), bytes.str());
-  }
-}
-
-TEST(StreamFile, TextGivesTheSameLayer) {
-  const Shape s = {2, 2, 2, 2, 1, 3, 4, 2, 5};
-  const Floats kernel = Kernel(s);
-  const std::string weights =
-      TextMatrix({kernel[0], kernel[1]}) + TextMatrix({kernel[2], kernel[3]}) + TextMatrix(Bias(s));
-  const std::string window = " 2 2 <KernelSize> 2 <Stride> 2 <Left> 1 <Right> 3 <Dilation> 4";
-  const std::pair<std::string, Twin> cases[] = {
-      {"<StreamConv1d>" + window + " <Groups> 2 <Bias> 1\n" + weights, Conv(s)},
-      {"<StreamConvTranspose1d>" + window + " <OutputPadding> 5 <Groups> 2 <Bias> 1\n" + weights,
-       Transposed(s)},
-      {"<StreamMaxPool1d>" + window + "\n", Pool(s)},
-      {"<StreamRegisterComponent> 2 2 <RegisterName> name\n", Register("name", 2)},
-      {"<StreamConcatenateComponent> 6 2 <RegisterName> a <Input> <RegisterName> b\n",
-       Join({"a", "b"}, {1}, 2)},
-      {"<StreamReflectionPad> 2 2 <Left> 1 <Right> 3\n", Reflection(2, 1, 3)},
-      {"<StreamConstantPad> 2 2 <Left> 1 <Right> 3 <Value> -0.5\n", Constant(2, 1, 3, -0.5F)},
-      {"<StreamSliceComponent> 2 2 <Index> 2:5,7\n", Slice("2:5,7", 2)},
-  };
-  for (const auto& [text, twin] : cases) {
-    const Layer layer = ReadTextLayer(text);
-    EXPECT_EQ(WrittenBy(*layer), StreamLayer(twin).str()) << text;
-  }
-}
-
 TEST(StreamFile, WhatCannotRunIsRefused) {
   Twin ragged = Reflection(2, 1, 1);
   ragged.out_dim = 3;
   const Twins wrong = {Conv({1, 1, 1, 0}),       Pool({1, 1, -1}),
-                       Register("", 2),          Transposed({1, 1, 1, 1, 0, 0, 1, 1, -1}),
+                       Register("", 2),          Transposed({1, 1, 1, 1, 0, 0, 1, 1, true, -1}),
                        Join({"a"}, {2}, 2),      Join({"a"}, {0, 0}, 2),
                        Reflection(2, -1, 0),     Reflection(2, 0, -1),
                        Constant(2, -1, 0, 0.0F), Join({"a"}, {-1}, 2)};
@@ -489,7 +408,7 @@ TEST(StreamFile, HugeFieldsAreHarmless) {
   for (int bits = 0; bits < 64; ++bits) {
     const auto pick = [bits](int bit, int other) { return (bits >> bit & 1) != 0 ? kHuge : other; };
     const Shape s = {1,          1, bits % 2 * 2, pick(1, 1), pick(2, 0), pick(3, 0),
-                     pick(4, 1), 1, pick(5, 0)};
+                     pick(4, 1), 1, true,         pick(5, 0)};
     for (const Twin& twin : {Conv(s), Transposed(s), Pool(s)}) twins.push_back(twin);
   }
   for (const Twin& twin : twins) {
