@@ -189,6 +189,16 @@ TEST(Decoder, StepsFollowTheCausalWhole) {
       ExpectRows(RunSteps(*layer, in, calls, d), wanted);
       layer->Reset();
     }
+    // A memory that is set again serves the steps from there on.
+    Floats other = Random(static_cast<size_t>(3 * d), 10, 2.0F);
+    x = ToRows(in, d);
+    Rows late = block(x, ToRows(other, d));
+    late.erase(late.begin(), late.begin() + 4);
+    decoder.SetMemory(memory.data(), held);
+    RunSteps(*layer, in, {3, 1}, d);
+    decoder.SetMemory(other.data(), 3);
+    ExpectRows(RunSteps(*layer, Floats(in.begin() + 4 * d, in.end()), {2, 3}, d), late);
+    layer->Reset();
     // A reset forgets the memory too.
     Rows alone = ToRows(in, d);
     ExpectRows(RunSteps(*layer, in, {4, 5}, d), block(alone));
@@ -206,6 +216,36 @@ TEST(Attention, FixedFormHoldsTheSameLayer) {
     const Floats in = Random(12, 3);
     const Floats wanted = RunLayer(*layer, Floats(in), 3, 4);
     ExpectNear(RunLayer(*fixed, Floats(in), 3, 4), wanted, 0.2);  // 8 bits a weight
+  }
+}
+
+// A layer of another kind in the place of each that a container nests.
+TEST(Attention, ResetAndFixedFormGoByEveryNestedLayer) {
+  const Bytes lstm = Component1d(0x103, 2, 2, Bytes().Floats(Random(48, 4, 2.0F)));
+  const Bytes highway = Component1d(0x10f, 2, 2, Bytes().Floats(Random(12, 5)));
+  const Floats in = Random(6, 6);
+  Floats memory = Random(8, 7);
+  for (const auto& [code, places] : {std::pair{0x109, 8}, {0x10a, 13}}) {
+    const auto container = [&, code = code, places = places](int place, const Bytes& other) {
+      Bytes block = Bytes().Int(1);
+      for (int i = 0; i < places; ++i) {
+        block.Add(i == place ? other : Affine(2, 2, {0, 1}, Random(4, static_cast<uint32_t>(i))));
+      }
+      return ReadLayer(Component1d(code, 2, 2, block));
+    };
+    EXPECT_TRUE(container(-1, lstm)->HasFixedForm());
+    for (int place = 0; place < places; ++place) {
+      SCOPED_TRACE(testing::Message() << code << " " << place);
+      EXPECT_FALSE(container(place, highway)->HasFixedForm());
+      const Layer layer = container(place, lstm);
+      const auto run = [&, decoder = dynamic_cast<Decoder*>(layer.get())] {
+        layer->Reset();
+        if (decoder != nullptr) decoder->SetMemory(memory.data(), 4);
+        return RunLayer(*layer, Floats(in), 3, 2);
+      };
+      const Floats first = run();
+      EXPECT_EQ(run(), first);
+    }
   }
 }
 
@@ -303,21 +343,25 @@ TEST(Attention, AWidthWithoutValuesBehindItIsNotBelieved) {
   }
 }
 
+// More frames than the header names rows, and fewer again; a layer without a width of its own takes
+// any, and a table for each.
 TEST(PositionalEncoding, AddsTheTableFromPositionZeroOnEveryCall) {
-  const Layer layer = ReadLayer(Component1d(0x108, 4, 4));
-  // More frames than the header names rows, and the same rows as before in front of them.
-  for (const int frames : {2, 2, 1000, 3}) {
-    const Floats out = RunLayer(*layer, Floats(static_cast<size_t>(4 * frames)), frames, 4, frames);
-    for (size_t i = 0; i < out.size(); ++i) {
-      const double angle = static_cast<double>(i / 4) * (i % 4 < 2 ? 1 : 0.01);
-      const double wanted = i % 2 == 0 ? std::sin(angle) : std::cos(angle);
-      EXPECT_NEAR(out[i], wanted, 1e-6 * (1 + angle / 10)) << i;
+  const std::pair<int, std::vector<std::array<int, 2>>> cases[] = {
+      {4, {{2, 4}, {2, 4}, {1000, 4}, {3, 4}}}, {0, {{5, 6}, {4, 4}, {3, 2}, {5, 6}, {7, 2}}}};
+  for (const auto& [width, calls] : cases) {
+    const Layer layer = ReadLayer(Component1d(0x108, width, width));
+    for (const auto& [frames, dim] : calls) {
+      const Floats out = RunLayer(*layer, Floats(ToSize(frames * dim), 1.0F), frames, dim);
+      ASSERT_EQ(out.size(), ToSize(frames * dim));
+      for (size_t i = 0; i < out.size(); ++i) {
+        const size_t n = ToSize(dim), pair = i % n / 2;
+        const double angle =
+            static_cast<double>(i / n) * std::pow(10000.0, -2.0 * static_cast<double>(pair) / dim);
+        const double wanted = 1 + (i % 2 == 0 ? std::sin(angle) : std::cos(angle));
+        EXPECT_NEAR(out[i], wanted, 1e-6 * (1 + angle / 10)) << i;
+      }
     }
   }
-  // A layer without a width of its own follows its caller.
-  const Layer unset = ReadLayer(Component1d(0x808, 0, 0));
-  EXPECT_EQ(RunLayer(*unset, Floats(6, 1.0F), 1, 6).size(), 6U);
-  EXPECT_NEAR(RunLayer(*unset, Floats(4, 0.0F), 2, 2)[2], std::sin(1.0F), 1e-6F);
 }
 
 }  // namespace

@@ -100,6 +100,8 @@ TEST(Concatenate, PutsPartsInTheirOrder) {
                        Concatenate(1, 3, {"a", "b"}, {1})}));
   EXPECT_EQ(model.Call({1.0F, 2.0F}, 2, 1), (Floats{1, 100, 10, 2, 200, 20}));
   EXPECT_EQ(model.nnet.layers[4]->Links(), "joins a, input, b");
+  EXPECT_EQ(model.nnet.layers[4]->Extent(5, 1).reads, 5U);
+  EXPECT_EQ(model.nnet.layers[4]->Extent(5, 1).writes, 15U);
   EXPECT_EQ(model.nnet.layers[0]->Links(), "register a");
   // The input twice, around a register of its own.
   Model twice(Network({Register(2, "r"), Scale(2, -1.0F), Concatenate(2, 6, {"r"}, {0, 2})}));
@@ -125,6 +127,8 @@ TEST(Concatenate, RefusesPartsThatDoNotFit) {
   const std::pair<Bytes, std::string> cases[] = {
       {Network({Register(1, "last", "-1"), Concatenate(1, 2, {"last"}, {0})}),
        few + "[last] [1 < 3]"},
+      {Network({Register(1, "a"), Constant(1, 1, 0, 0.0F), Concatenate(1, 2, {"a"}, {0})}),
+       few + "[a] [3 < 4]"},
       {Network({Register(1, "all"), Register(1, "x", "1"), Concatenate(1, 2, {"all", "x"})}),
        few + "[x] [1 < 3]"},
       // A register behind its reader still holds what the call before brought.

@@ -106,6 +106,10 @@ TEST(Executor, ALayerMustFindAllTheInputThatItReads) {
       {Network({Component1d(0x202, 2, 2), Component2d(0x206, 3, 3, 0, 0)}), 2,
        "too little input! layer[<ReLU2d>] position[1] reads [24] floats, given [1 channels x 2 x 4 "
        "frames = 8]"},
+      {Network({Component2d(0x206, 0, 0, 2, 2), Component1d(0x702, 2, 2, Bytes().Ints({0, 1, 0}))}),
+       2,
+       "too little input! layer[<ConcatenateComponent>] position[1] reads [8] floats, given [0 "
+       "channels x 2 x 4 frames = 0]"},
       {Network({Component2d(0x206, 5, 5, 2, 2)}), 2,
        "too little input! layer[<ReLU2d>] position[0] reads [40] floats, given [1 channels x 2 x 4 "
        "frames = 8]"},

@@ -131,6 +131,7 @@ TEST(Fsmn, DependenciesThatCannotBeFollowedThrow) {
   const auto windows = [](int frames) {
     return Component1d(0x603, 2, 2, Bytes().Int(frames).Int(1).Int(0));
   };
+  const Bytes pad = Component1d(0x708, 2, 2, Bytes().Ints({1, 0}).Float(0));
   const Bytes first = dependent(1, 0, 0), second = dependent(0, 1, -1);
   const int least = std::numeric_limits<int>::min();
   const std::pair<Bytes, const char*> cases[] = {
@@ -142,6 +143,9 @@ TEST(Fsmn, DependenciesThatCannotBeFollowedThrow) {
       {Network({first, windows(4), second}), "too few fsmn memory rows! [needed:143, produced:39]"},
       {Network({first, windows(2), dependent(40, 0, -1)}),
        "too few fsmn memory rows! [needed:76, produced:39]"},
+      {Network({first, pad, dependent(0, 0, -1)}),
+       "too few fsmn memory rows! [needed:40, produced:39]"},
+      {Network({first, pad, second}), ""},
       {Network({dependent(20, 20, 0)}), "too few input frames! [frames:40, left:20, right:20]"}};
   for (const auto& [network, message] : cases) {
     EXPECT_EQ(ThrownBy([&] { Model(network).Call(Floats(80, 1.0F), 40, 2); }), message);

@@ -157,6 +157,8 @@ Floats TestRows(size_t rows, size_t cols) {
   };
   fill(1, 0.0F);
   fill(2, 0.1F);
+  fill(3, 1.0001F * 0.7F * 0x1p-33F);  // at the floor of the mean square, for the target of 0.7
+  fill(5, 0.9999F * 0.7F * 0x1p-33F);
   fill(4, 1e-30F);
   fill(6, 1e30F);
   if (rows > 8) in[8 * cols] = std::numeric_limits<float>::quiet_NaN();

@@ -197,6 +197,7 @@ TEST(Recognizer, ArgumentsAreCheckedFirst) {
 
 TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
   const Bytes identity = Network({Identity(2)});
+  const Bytes first_frame = Network({Component1d(0x706, 2, 2, Bytes().String("0"))});
   const Bytes claims = Network({Component2d(0x206, 1, 3, 2, 2)});
   const struct {
     Bytes model;
@@ -207,6 +208,10 @@ TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
        "mismatched input dimension! layer[<AffineTransform>] [2] vs [5]\n"},
       {TwoNetworks(identity, Network({Identity(3)})), 2,
        "mismatched input dimension! layer[<AffineTransform>] [3] vs [2]\n"},
+      {TwoNetworks(first_frame, identity), 2,
+       "mismatched output frames! first network [1] vs [3]\n"},
+      {TwoNetworks(identity, first_frame), 2,
+       "mismatched output frames! second network [1] vs [3]\n"},
       {TwoNetworks(claims, identity), 2, "mismatched output channels! first network [3] vs [1]\n"},
       {TwoNetworks(identity, claims), 2, "mismatched output channels! second network [3] vs [1]\n"},
       {TwoNetworks(identity, Network({Component2d(0x206, 1, 1, 2, 0)})), 2,

@@ -124,7 +124,10 @@ TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
                {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
                {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
                {4, 2, 0, 3, true, {0, 1, 2}},
+               {4, 2, 1, 3, true, {0, 1, 2}},
                {4, 2, 1, 3, false, {}},
+               {4, 1, 0, 1, true, {0}},
+               {4, 4, 1, 5, true, {0, 1, 2, 3, 1, 2, 3, 4}},
                {1, 1, 0, 3, true, {0, 1, 2}},
                {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}}};
   for (const auto& c : cases) {

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -67,6 +68,12 @@ class ToolTest : public testing::Test {
     const int status =
         std::system(("cd '" + folder_.string() + "' && { " + command + "; } 2>.err").c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Contents(".out"), Contents(".err")};
+  }
+
+  long TemporaryFiles() const {
+    using Iterator = std::filesystem::directory_iterator;
+    return std::count_if(Iterator(folder_), Iterator(),
+                         [](const auto& entry) { return entry.path().extension() == ".tmp"; });
   }
 
   json Inspect(const std::string& model) const {
@@ -294,11 +301,24 @@ TEST_F(ToolTest, ForwardRefusesFeaturesOfAnotherShape) {
     EXPECT_EQ(outcome.err, std::string("handwriting: ") + c.message + "\n");
     EXPECT_EQ(Contents("out.npy"), "kept");
   }
-  size_t files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-    files += entry.path().extension() == ".tmp" ? 1 : 0;
+  EXPECT_EQ(TemporaryFiles(), 0);
+}
+
+// Both commands write beside their target: what was there stays when the disk takes no more.
+TEST_F(ToolTest, AWriteThatFailsKeepsTheOlderFile) {
+  const std::vector<float> many(6000);
+  Store("model.bin", Network({Affine(2, 2000, std::vector<float>(many.data(), &many[2000]),
+                                     std::vector<float>(many.data(), &many[4000]))}));
+  WriteNpy(Path("in.npy"), {{3, 2}, std::vector<float>(6)});
+  for (const char* arguments : {"convert model.bin out", "forward model.bin in.npy out"}) {
+    Store("out", "kept");
+    const Outcome outcome = Shell("trap '' XFSZ; ulimit -f 8; '" HANDWRITING_TOOL_PATH "' " +
+                                  std::string(arguments) + " >.out");
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(outcome.err, "handwriting: out: cannot write: File too large\n");
+    EXPECT_EQ(Contents("out"), "kept");
+    EXPECT_EQ(TemporaryFiles(), 0);
   }
-  EXPECT_EQ(files, 0U);
 }
 
 class RecognizeTest : public ToolTest {

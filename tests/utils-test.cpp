@@ -99,6 +99,27 @@ TEST(Strings, CountsAreCheckedAgainstTheFile) {
   }
 }
 
+// The end of a file and of a block of memory is known; of a pipe a bound stands in.
+TEST(RemainingBytes, AreKnownOrBounded) {
+  std::string block(10, 'x');
+  block[3] = 'y';
+  for (FILE* fp : {FileOf(block).release(), fmemopen(block.data(), block.size(), "rb")}) {
+    const File file(fp);
+    std::fseek(fp, 3, SEEK_SET);
+    EXPECT_EQ(RemainingBytes(fp), 7U);
+    EXPECT_TRUE(FileHolds(fp, 3, 2) && !FileHolds(fp, 4, 2));
+    EXPECT_EQ(std::getc(fp), 'y');
+    std::fseek(fp, 0, SEEK_END);
+    EXPECT_EQ(RemainingBytes(fp), 0U);
+    EXPECT_TRUE(FileHolds(fp, 0, 2) && !FileHolds(fp, 1, 1));
+  }
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen("printf xyz", "r"), pclose);
+  EXPECT_EQ(RemainingBytes(pipe.get()), size_t{256} << 20);
+  EXPECT_EQ(std::getc(pipe.get()), 'x');
+  EXPECT_TRUE(FileHolds(pipe.get(), size_t{64} << 20, 4));
+  EXPECT_FALSE(FileHolds(pipe.get(), (size_t{64} << 20) + 1, 4));
+}
+
 struct Properties {
   int32_t i = -1;
   float f = -1.0F;
