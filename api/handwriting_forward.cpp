@@ -9,7 +9,7 @@
 #include <cblas.h>
 
 #include "ctc/beam-search.h"
-#include "nnet/nnet-nnet.h"
+#include "nnet/runtime/nnet-nnet.h"
 #include "utils/messages.h"
 
 namespace {

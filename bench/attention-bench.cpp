@@ -11,8 +11,8 @@
 
 #include <cblas.h>
 
-#include "nnet/decoder-layer.h"
-#include "nnet/fsmn-layer.h"
+#include "nnet/attention/decoder-layer.h"
+#include "nnet/attention/fsmn-layer.h"
 #include "tests/support/model-builder.h"
 #include "utils/fast-math.h"
 

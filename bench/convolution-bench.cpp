@@ -9,8 +9,9 @@
 #include <random>
 #include <vector>
 
-#include "nnet/conv1d.h"
-#include "nnet/nnet-util.h"
+#include "nnet/base/element-kernels.h"
+#include "nnet/base/nnet-util.h"
+#include "nnet/convolution/conv1d.h"
 
 namespace {
 

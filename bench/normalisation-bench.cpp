@@ -8,9 +8,9 @@
 
 #include <cblas.h>
 
-#include "nnet/gru.h"
-#include "nnet/highway.h"
-#include "nnet/normalisation.h"
+#include "nnet/dense/highway.h"
+#include "nnet/dense/normalisation.h"
+#include "nnet/recurrent/gru.h"
 #include "utils/fast-math.h"
 
 namespace {

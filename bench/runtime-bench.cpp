@@ -10,7 +10,8 @@
 
 #include <cblas.h>
 
-#include "nnet/nnet-nnet.h"
+#include "nnet/base/element-kernels.h"
+#include "nnet/runtime/nnet-nnet.h"
 #include "tests/support/model-builder.h"
 #include "utils/fast-math.h"
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "nnet/activation.h"
-#include "nnet/nnet-component.h"
+#include "nnet/contract/nnet-component.h"
+#include "nnet/dense/activation.h"
 #include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
@@ -105,7 +105,7 @@ TEST(TextComponent, ChannelDimensionsAreOptional) {
     int in;
     int out;
   } cases[] = {
-      {"", 0, 0}, {"<InputDim> 5 <OutputDim> 6", 5, 6}, {"<OutputDim> 6 <InputDim> 5", 5, 6}};
+      {"", 0, 0}, {"<InputDim> 5 <OutputDim> 5", 5, 5}, {"<OutputDim> 0 <InputDim> 5", 5, 0}};
   for (const auto& c : cases) {
     const File file = FileOf("<PReLU2d> 3 2 " + std::string(c.dims) + " <Alpha> 0.5\n</Nnet>tail");
     const Layer layer(Component::Read(file.get(), false));

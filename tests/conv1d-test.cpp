@@ -1,4 +1,4 @@
-#include "nnet/conv1d.h"
+#include "nnet/convolution/conv1d.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "nnet/base/element-kernels.h"
+#include "nnet/stream_nnet/convolution.h"
 #include "tests/support/conv1d-sample.h"
 #include "tests/support/vector-targets.h"
 
@@ -160,16 +162,13 @@ TEST(Conv1d, SumsRunChannelByChannelWhenAsked) {
     const Weights weights = RandomWeights(s, 9);
     const Floats in = RandomFrames(s, 13, 10);
     const Floats wanted = PlainConv(s, weights, in, 13, Order::kChannelsFirst);
-    const runtime::Conv1d dims(s.in_dim, s.out_dim);
-    runtime::Conv1dParameters parameters(runtime::TermOrder::kChannelsFirst);
-    uint64_t bytes = 0;
-    ASSERT_TRUE(parameters.ReadBlock(FileOf(ConvBlock(s, weights)).get(), dims, bytes));
-    EXPECT_EQ(bytes, (weights.kernel.size() + weights.bias.size()) * sizeof(float));
+    runtime::StreamConv1d layer(s.in_dim, s.out_dim);
+    ASSERT_TRUE(layer.ReadData(FileOf(ConvBlock(s, weights)).get()));
+    EXPECT_EQ(layer.MemoryBytes(), (weights.kernel.size() + weights.bias.size()) * sizeof(float));
     Floats out(wanted.size());
-    parameters.Convolve(in.data(), 13, s.left, ConvFrames(s, 13), out.data());
+    layer.Convolve(in.data(), 13, s.left, ConvFrames(s, 13), out.data());
     ExpectSameBits(out, wanted);
-    EXPECT_EQ(Written([&](FILE* fp) { return parameters.WriteBlock(fp); }),
-              ConvBlock(s, weights).str());
+    EXPECT_EQ(Written([&](FILE* fp) { return layer.WriteData(fp); }), ConvBlock(s, weights).str());
   }
 }
 

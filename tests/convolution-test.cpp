@@ -1,4 +1,4 @@
-#include "nnet/convolution.h"
+#include "nnet/convolution/convolution.h"
 
 #include <gtest/gtest.h>
 

@@ -6,10 +6,9 @@
 #include <limits>
 #include <vector>
 
-#include "nnet/activation.h"
-#include "nnet/affine.h"
-#include "nnet/fixed-affine.h"
-#include "nnet/parameter-block.h"
+#include "nnet/contract/parameter-block.h"
+#include "nnet/dense/activation.h"
+#include "nnet/dense/affine.h"
 #include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
@@ -85,8 +84,9 @@ TEST(FixedBlocks, SymmetricEncoding) {
   };
   for (const auto& c : cases) {
     FloatArray array = ArrayOf(c.values);
-    const ParameterRef ref{&array, 1, c.values.size()};
-    EXPECT_EQ(Written([&](FILE* fp) { return WriteSymmetricBlock(fp, ref); }), c.bytes.str());
+    const ParameterRef ref = Vector("values", array, static_cast<int64_t>(c.values.size()));
+    EXPECT_EQ(Written([&](FILE* fp) { return WriteCodeBlock(fp, ref, CodeForm::kSymmetric); }),
+              c.bytes.str());
   }
 }
 
@@ -94,7 +94,7 @@ TEST(FixedBlocks, AsymmetricEncoding) {
   const float far = 3e9F;  // its zero point would leave 32 bits
   const struct {
     Floats values;
-    size_t rows;
+    int64_t rows;
     Bytes bytes;
   } cases[] = {
       {{0.0F, 1.0F}, 0, Bytes().Float(255).Int(0).Codes({0, 255})},
@@ -112,10 +112,10 @@ TEST(FixedBlocks, AsymmetricEncoding) {
   };
   for (const auto& c : cases) {
     FloatArray array = ArrayOf(c.values);
-    const size_t rows = c.rows == 0 ? 1 : c.rows;
-    const ParameterRef ref{&array, rows, c.values.size() / rows};
-    const RowSums sums = c.rows == 0 ? RowSums::kNone : RowSums::kPerRow;
-    EXPECT_EQ(Written([&](FILE* fp) { return WriteAsymmetricBlock(fp, ref, sums); }),
+    const auto count = static_cast<int64_t>(c.values.size());
+    const ParameterRef ref = c.rows == 0 ? Vector("values", array, count)
+                                         : Matrix("values", array, c.rows, count / c.rows);
+    EXPECT_EQ(Written([&](FILE* fp) { return WriteCodeBlock(fp, ref, CodeForm::kAsymmetric); }),
               c.bytes.str());
   }
 }
@@ -172,7 +172,7 @@ TEST(FixedDense, FloatTwinWritesWhatItReads) {
 
 TEST(FixedDense, TextFormDerivesTheScale) {
   const Layer layer = ReadTextLayer("<FixedLinearTransform> 1 2 [ 0.3 -2 ]");
-  EXPECT_EQ(dynamic_cast<FixedLinearTransform&>(*layer).blocks[0].scale, 63.5F);
+  EXPECT_EQ(dynamic_cast<FixedLinearTransform&>(*layer).block_scales[0].scale, 63.5F);
   EXPECT_EQ(RunLayer(*layer, {10, 1}, 1, 2), Floats({10 * 0.3F - 2}));
   const Layer embedding = ReadTextLayer("<FixedEmbedding> 1 1 <Scale> 3\n[ 2 ]");
   EXPECT_EQ(RunLayer(*embedding, {1}, 1, 1), Floats({6}));

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "nnet/nnet-nnet.h"
+#include "nnet/runtime/nnet-nnet.h"
 #include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
@@ -135,20 +135,22 @@ TEST(Executor, WidthsThatOnlyShowAtRunTimeGetTheirRoom) {
 
 TEST(Executor, AClaimedWidthBeyondWhatIsWrittenReadsAsZeros) {
   Model model(Network({Affine(1, 40, Floats(40, 1.0F), Floats(40, 1.0F)),
-                       Affine(40, 2, {5, 6}, Floats(80)), Component1d(0x203, 2, 9)}));
+                       Affine(40, 2, {5, 6}, Floats(80)), Component2d(0x206, 1, 3, 2, 2)}));
   const Floats out = model.Call({1}, 1, 1);
-  EXPECT_EQ(out, Floats({5, 6, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(out, Floats({5, 6, 0, 0, 0, 0}));
 }
 
 TEST(Executor, SizesBeyondTheLimitsAreRefused) {
-  Model wide(Network({Component1d(0x203, 1, 0x7fffffff)}));
-  EXPECT_NE(ThrownBy([&] { wide.forward->ReserveFrames(2); }).find("frame buffer too large!"),
+  // What is reserved ahead is a hint: the call itself says what does not fit.
+  Model wide(Network({Component1d(0x704, 1, 0x7fffffff, Bytes().Int(1))}));
+  wide.forward->ReserveFrames(2);
+  EXPECT_NE(ThrownBy([&] {
+              wide.Call({1, 1}, 2, 1);
+            }).find("frame buffer too large!"),
             std::string::npos);
   Model narrow(Network({Component1d(0x203, 1, 1)}));
-  EXPECT_NE(
-      ThrownBy([&] { narrow.forward->ReserveFrames(int64_t{1} << 40); }).find("too many frames!"),
-      std::string::npos);
-  EXPECT_EQ(narrow.Call({-1, 1}, 2, 1), Floats({0, 1}));  // and remains usable
+  narrow.forward->ReserveFrames(int64_t{1} << 40);
+  EXPECT_EQ(narrow.Call({-1, 1}, 2, 1), Floats({0, 1}));
   // A transposed convolution whose stride makes millions of frames out of two.
   Model stretched(Network({Component1d(
       0x308, 1, 1,

@@ -1,30 +1,44 @@
 #!/usr/bin/env bash
-# The library is a house of floors: a file includes only files of its own floor or of floors below.
-#
-#   5  tools/ examples/ bench/ tests/           programs that use the library
-#   4  api/                                     the exported functions
-#   3  nnet/nnet-nnet, component-registry       what must know every layer
-#   2  nnet/ otherwise, nnet/stream_nnet/       the layer families
-#   1  nnet/nnet-component, parameter-block     the contract that every layer fulfils, parameter arrays
-#   0  utils/ ctc/ nnet/nnet-util, vector-math  what knows nothing of layers
-#
-# On floor 0, utils/ and ctc/ know nothing of nnet/ either.
+# The library is a house of rooms: a file includes only files of its own room or of rooms that the
+# table below lets its room see. docs/architecture.md says what lives where.
 #
 # usage: floors.sh REPOSITORY-ROOT
 set -euo pipefail
 cd "$1"
 
-set_floor() {  # VARIABLE FILE
-  local number
+# ROOM: the rooms it sees. What ends in -kernels stands beside its family and sees base and utils
+# only; the executor and the registry share a room but not a view.
+layers='contract base utils'
+declare -A sees=(
+  [utils]=''
+  [ctc]='utils'
+  [base]='utils'
+  [contract]='base utils'
+  [dense]=$layers
+  [recurrent]=$layers
+  [convolution]=$layers
+  [attention]=$layers
+  [flow]=$layers
+  [stream_nnet]="$layers convolution flow"
+  [executor]='contract base utils'
+  [registry]='executor contract dense recurrent convolution attention flow stream_nnet utils'
+  [api]='executor contract ctc base utils'
+)
+
+set_room() {  # VARIABLE FILE
+  local room
   case $2 in
-    utils/* | ctc/* | nnet/nnet-util* | nnet/vector-math*) number=0 ;;
-    nnet/nnet-component*) number=1 ;;
-    nnet/nnet-nnet* | nnet/component-registry*) number=3 ;;
-    nnet/*) number=2 ;;
-    api/*) number=4 ;;
-    *) number=5 ;;
+    nnet/runtime/component-registry*) room=registry ;;
+    nnet/runtime/*) room=executor ;;
+    nnet/*/*)
+      room=${2#nnet/}
+      room=${room%%/*}
+      ;;
+    nnet/*) room='nnet/ itself, which holds folders only' ;;
+    utils/* | ctc/* | api/*) room=${2%%/*} ;;
+    *) room=programs ;;
   esac
-  printf -v "$1" %d $number
+  printf -v "$1" %s "$room"
 }
 
 # An include names a file from the root of the repository or from the folder of the file it stands
@@ -40,6 +54,11 @@ set_target() {  # FILE INCLUDED
   fi
 }
 
+complain() {
+  echo "$1"
+  failed=1
+}
+
 failed=0
 seen=0
 directive='[[:space:]]*#[[:space:]]*(include|define HWY_TARGET_INCLUDE)[[:space:]]*["<]'
@@ -49,20 +68,20 @@ while IFS=: read -r file line text; do
   set_target "$file" "$included"
   [[ -n $target ]] || continue
   seen=$((seen + 1))
-  set_floor from "$file"
-  set_floor to "$target"
-  # shellcheck disable=SC2154  # set_floor assigns them
-  if ((from < to)); then
-    echo "$file:$line: includes $target of a higher floor ($from -> $to)"
-    failed=1
-  elif [[ $file =~ ^(utils|ctc)/ && $target == nnet/* ]]; then
-    echo "$file:$line: includes $target, but ${file%%/*}/ knows nothing of networks"
-    failed=1
+  set_room from "$file"
+  set_room to "$target"
+  # shellcheck disable=SC2154  # set_room assigns them
+  if [[ -z ${sees[$from]+known} ]]; then
+    complain "$file: lies in no room of the house ($from)"
+  elif [[ $file == *-kernels.* && $target != "${file%.*}".* && $target != *-inl.h ]]; then
+    [[ $to == base || $to == utils ]] ||
+      complain "$file:$line: includes $target, but kernels see base and utils only"
+  elif [[ $from != "$to" && " ${sees[$from]} " != *" $to "* ]]; then
+    complain "$file:$line: includes $target, but $from does not see $to"
   fi
 done < <(grep -rnE "^$directive" api nnet utils ctc)
 
 if ((seen == 0)); then
-  echo "no include of a project file was found: nothing was checked"
-  failed=1
+  complain "no include of a project file was found: nothing was checked"
 fi
 exit $failed

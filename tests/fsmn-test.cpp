@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "nnet/fsmn-layer.h"
+#include "nnet/attention/fsmn-layer.h"
 #include "tests/support/model-builder.h"
 #include "tests/support/vector-targets.h"
 

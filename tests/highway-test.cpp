@@ -1,4 +1,4 @@
-#include "nnet/highway.h"
+#include "nnet/dense/highway.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "nnet/highway-kernels.h"
+#include "nnet/base/element-kernels.h"
+#include "nnet/dense/highway-kernels.h"
 #include "tests/support/model-builder.h"
 #include "tests/support/vector-targets.h"
 

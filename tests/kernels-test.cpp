@@ -10,8 +10,9 @@
 
 #include <cblas.h>
 
-#include "nnet/nnet-util.h"
-#include "nnet/recurrent-kernels.h"
+#include "nnet/base/element-kernels.h"
+#include "nnet/base/products.h"
+#include "nnet/recurrent/recurrent-kernels.h"
 #include "tests/support/model-builder.h"
 #include "tests/support/vector-targets.h"
 #include "utils/fast-math.h"

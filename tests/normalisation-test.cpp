@@ -1,7 +1,7 @@
 // Normalisation layers: rows worked by hand, the definition of each kernel on every vector target,
 // and what the layers leave behind.
 
-#include "nnet/normalisation.h"
+#include "nnet/dense/normalisation.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "nnet/normalisation-kernels.h"
+#include "nnet/dense/normalisation-kernels.h"
 #include "tests/support/model-builder.h"
 #include "tests/support/vector-targets.h"
 
@@ -114,13 +114,6 @@ TEST(Normalisation, BlocksThatDoNotFitAreRefused) {
 }
 
 // A header may claim other widths than the layer uses: it reads and writes rows of input_dim.
-TEST(Normalisation, OutputDimensionDoesNotWidenTheWrites) {
-  const Layer narrow = ReadLayer(Component1d(0x404, 4, 1, Bytes().Float(1)));
-  EXPECT_EQ(narrow->Extent(3, 4).writes, 12U);
-  Model model(Network({Component1d(0x404, 2, 4, Bytes().Float(1))}));
-  EXPECT_EQ(model.Call({3, 3}, 1, 2), Floats({1, 1, 0, 0}));
-}
-
 // The scalar meaning of the kernels.
 
 void LayerNormRow(const float* x, size_t n, const Floats& gamma, const Floats& beta, float epsilon,

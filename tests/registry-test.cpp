@@ -9,7 +9,7 @@
 #include <string>
 #include <typeinfo>
 
-#include "nnet/component-registry.h"
+#include "nnet/runtime/component-registry.h"
 #include "tests/support/model-builder.h"
 #include "utils/half-float.h"
 

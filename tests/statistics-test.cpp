@@ -1,6 +1,6 @@
 // Windows over the frame stream and the statistics of windows.
 
-#include "nnet/statistics.h"
+#include "nnet/flow/statistics.h"
 
 #include <gtest/gtest.h>
 

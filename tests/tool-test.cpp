@@ -142,8 +142,10 @@ TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
   } cases[] = {
       {"", "the file holds no network"},
       {network.substr(0, 3), "network 1: the file ends inside the number of layers"},
-      {network.substr(0, 20), "network 1: layer 0: read component failed!"},
-      {network.substr(0, network.size() - 1), "network 1: layer 1: read component failed!"},
+      {network.substr(0, 20),
+       "network 1: layer 0: read component failed! (bias [1 x 3]: 12 bytes wanted, 4 left)"},
+      {network.substr(0, network.size() - 1),
+       "network 1: layer 1: read component failed! (<Alpha>: 4 bytes wanted, 3 left)"},
       {network + "\n", "network 2: the file ends inside the number of layers"},
       {network + Network({kHalf, Component1d(0x102, 1, 1)}).str(),
        "network 2: layer 1: unknown or unimplemented nnet layer! [0102]"},

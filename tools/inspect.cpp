@@ -14,8 +14,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "nnet/nnet-nnet.h"
-#include "nnet/nnet-util.h"
+#include "nnet/base/element-kernels.h"
+#include "nnet/base/products.h"
+#include "nnet/runtime/nnet-nnet.h"
 #include "tools/commands.h"
 #include "tools/model-file.h"
 

@@ -13,15 +13,11 @@ namespace handwriting::tools {
 namespace {
 
 using tarev::nnet::handwriting_CTC::Component;
+using tarev::nnet::handwriting_CTC::ComponentRefused;
 using tarev::nnet::handwriting_CTC::Nnet;
 
 // A network of no layers is four zero bytes; this bounds what a file of zeros can ask for.
 constexpr size_t kMaxNetworks = 1000;
-
-constexpr int kFlatten = 0x704;
-constexpr int kFixedFlatten = 0xd04;
-constexpr int kDeflatten = 0x705;
-constexpr int kFixedDeflatten = 0xd05;
 
 [[noreturn]] void FailWithErrno() { throw std::runtime_error(std::strerror(errno)); }
 
@@ -39,14 +35,20 @@ bool AtEnd(FILE* fp, bool is_text) {
   return c == EOF || std::ungetc(c, fp) == EOF;
 }
 
+std::string Place(const Nnet& network) {
+  return "layer " + std::to_string(network.layers.size()) + ": ";
+}
+
 // What goes wrong in a reader goes wrong in the layer behind those read so far.
 template <class Reader>
 auto ReadLayers(const Nnet& network, Reader reader) {
   try {
     return reader();
+  } catch (const ComponentRefused& refused) {
+    const std::string reason = refused.reason().empty() ? "" : " (" + refused.reason() + ")";
+    throw std::runtime_error(Place(network) + refused.what() + reason);
   } catch (const std::exception& error) {
-    throw std::runtime_error("layer " + std::to_string(network.layers.size()) + ": " +
-                             error.what());
+    throw std::runtime_error(Place(network) + error.what());
   }
 }
 
@@ -89,10 +91,6 @@ ModelFile ReadNetworks(FILE* fp) {
   return model;
 }
 
-bool HasType(const Component& layer, int code, int fixed_code) {
-  return layer.GetType() == code || layer.GetType() == fixed_code;
-}
-
 }  // namespace
 
 FilePointer OpenForReading(const std::string& path) {
@@ -130,15 +128,11 @@ Nnet ReadNetworkOfFile(const std::string& path, size_t number) {
 }
 
 bool TakesPlanes(const Nnet& network) {
-  if (network.layers.empty()) return false;
-  const Component& first = *network.layers.front();
-  return first.is_2d || HasType(first, kFlatten, kFixedFlatten);
+  return !network.layers.empty() && network.layers.front()->TakesPlanes();
 }
 
 bool GivesPlanes(const Nnet& network) {
-  if (network.layers.empty()) return false;
-  const Component& last = *network.layers.back();
-  return last.is_2d || HasType(last, kDeflatten, kFixedDeflatten);
+  return !network.layers.empty() && network.layers.back()->GivesPlanes();
 }
 
 }  // namespace handwriting::tools

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "nnet/nnet-nnet.h"
+#include "nnet/runtime/nnet-nnet.h"
 
 namespace handwriting::tools {
 

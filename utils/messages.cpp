@@ -1,7 +1,6 @@
 #include "utils/messages.h"
 
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <stdexcept>
 #include <string_view>
@@ -14,18 +13,18 @@ namespace {
 constexpr size_t kMaxText = 4096;
 constexpr loguru::Verbosity kWarning = -1;
 
-std::string Format(const char* format, va_list arguments) {
-  std::array<char, kMaxText + 1> text{};
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  return text.data();
-}
-
 void Log(std::source_location where, const std::string& text) {
   const std::string file = FileStem(where.file_name());
   loguru::log(kWarning, file.c_str(), where.line(), "%s", text.c_str());
 }
 
 }  // namespace
+
+std::string FormatText(const char* format, va_list arguments) {
+  std::array<char, kMaxText + 1> text{};
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  return text.data();
+}
 
 std::string FileStem(const char* path) {
   std::string_view name(path);
@@ -38,7 +37,7 @@ std::string FileStem(const char* path) {
 void LogWarning(std::source_location where, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = Format(format, arguments);
+  const std::string text = FormatText(format, arguments);
   va_end(arguments);
   Log(where, text);
 }
@@ -46,7 +45,7 @@ void LogWarning(std::source_location where, const char* format, ...) {
 void ThrowError(std::source_location where, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = Format(format, arguments);
+  const std::string text = FormatText(format, arguments);
   va_end(arguments);
   Log(where, text);
   throw std::runtime_error(text);

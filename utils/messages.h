@@ -5,6 +5,7 @@
 // one text; an argument check prints one line to standard error. Readers and writers of parameter
 // blocks answer with a bool and say nothing.
 
+#include <cstdarg>
 #include <source_location>
 #include <string>
 
@@ -19,7 +20,10 @@ constexpr std::source_location Here(
 /// The name of a source file without folders and extension, as messages carry it.
 std::string FileStem(const char* path);
 
-/// Logs the formatted text at warning verbosity with file and line. The text is cut at 4096 bytes.
+/// The formatted text, cut at 4096 bytes.
+std::string FormatText(const char* format, va_list arguments);
+
+/// Logs the formatted text at warning verbosity with file and line.
 [[gnu::format(printf, 2, 3)]] void LogWarning(std::source_location where, const char* format, ...);
 
 /// Logs the formatted text as LogWarning does and throws std::runtime_error with the same text.

@@ -191,6 +191,22 @@ void AddProperty(PropertyTable& table, const char* name, const char* type, void*
   }
 }
 
+void AddProperty(PropertyTable& table, const char* name, int32_t* destination, bool required) {
+  AddProperty(table, name, required ? "i:" : "i", static_cast<void*>(destination));
+}
+
+void AddProperty(PropertyTable& table, const char* name, float* destination, bool required) {
+  AddProperty(table, name, required ? "f:" : "f", static_cast<void*>(destination));
+}
+
+void AddProperty(PropertyTable& table, const char* name, bool* destination, bool required) {
+  AddProperty(table, name, required ? "b:" : "b", static_cast<void*>(destination));
+}
+
+void AddProperty(PropertyTable& table, const char* name, std::string* destination, bool required) {
+  AddProperty(table, name, required ? "s:" : "s", static_cast<void*>(destination));
+}
+
 void ReadProperties(FILE* fp, PropertyTable& table) {
   Token token;
   const int separator = get_next_token(fp, token);
@@ -200,8 +216,8 @@ void ReadProperties(FILE* fp, PropertyTable& table) {
     CheckRequired(table);
     return;
   }
-  if (separator == '\n') ThrowError(Here(), "wrong property format!");
-  std::string text = ReadRestOfLine(fp);  // the first name of the list came before it
+  // The rest of the line of the first name, unless the name ended the line.
+  std::string text = separator == '\n' ? std::string() : ReadRestOfLine(fp);
   char* line = text.data();
   for (;;) {
     const auto entry = table.find(token);

@@ -51,6 +51,11 @@ struct Property {
 using PropertyTable = std::map<std::string, Property>;
 
 void AddProperty(PropertyTable& table, const char* name, const char* type, void* destination);
+/// The same with the type taken from the destination.
+void AddProperty(PropertyTable& table, const char* name, int32_t* destination, bool required);
+void AddProperty(PropertyTable& table, const char* name, float* destination, bool required);
+void AddProperty(PropertyTable& table, const char* name, bool* destination, bool required);
+void AddProperty(PropertyTable& table, const char* name, std::string* destination, bool required);
 
 /// Reads one line of "<Name> value" pairs; a next token that is no name is put back, an empty list.
 void ReadProperties(FILE* fp, PropertyTable& table);

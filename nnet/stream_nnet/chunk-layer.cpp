@@ -6,19 +6,12 @@
 #include "utils/messages.h"
 
 namespace tarev::nnet::handwriting_CTC {
-namespace {
-
-// 16 MiB. Kernels that reach further than this many floats, which a file of a few bytes can claim,
-// get their memory as the rows arrive.
-constexpr uint64_t kMostReserved = uint64_t{1} << 22;
-
-}  // namespace
 
 // Twice the held rows: they are moved to the front of the array once it is full, which is then as
 // rare as it takes as many new rows to come.
 void RowQueue::Reserve(int64_t held, int64_t rows, uint64_t& memory_bytes) {
   const uint64_t floats = BlockFloats(1, static_cast<int64_t>(width_), 2 * held + rows);
-  if (floats <= kMostReserved) values_.Grow(floats, memory_bytes);
+  if (floats <= kMaxFloatsAhead) values_.Grow(floats, memory_bytes);
 }
 
 void RowQueue::Append(const float* rows, int64_t count, uint64_t& memory_bytes) {

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "nnet/nnet-component.h"
+#include "nnet/contract/nnet-component.h"
 
 namespace tarev::nnet::handwriting_CTC {
 
@@ -46,11 +46,9 @@ struct ChunkEnds {
 };
 
 /// A layer whose output depends on the ends of the input.
-template <int kCode>
-class ChunkLayerOf : public LayerOf<kCode>, public ChunkEnds {
+class ChunkLayer : public Component, public ChunkEnds {
  public:
-  using LayerOf<kCode>::LayerOf;
-
+  bool MapsFrameForFrame() const override { return false; }
   void Reset() override {
     first_chunk = true;
     last_chunk = false;
@@ -58,8 +56,11 @@ class ChunkLayerOf : public LayerOf<kCode>, public ChunkEnds {
   void PropagateChunk(const float* in, int64_t frames, int in_dim, float* out,
                       int call_id) override {
     if (call_id < 0) last_chunk = true;
-    this->PropagateFnc(in, frames, in_dim, out, call_id);
+    PropagateFnc(in, frames, in_dim, out, call_id);
   }
+
+ protected:
+  using Component::Component;
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -51,14 +51,8 @@ void StreamWindow::MoveOn(const WindowParameters& window, const View& view) {
 
 // Convolution.
 
-bool StreamConv1d::ReadData(FILE* fp) { return ReadBlock(fp, *this, memory_bytes); }
-
-bool StreamConv1d::ReadTextData(FILE* fp, bool binary) {
-  return binary ? ReadData(fp) : ReadTextBlock(fp, *this, memory_bytes);
-}
-
 void StreamConv1d::Reset() {
-  ChunkLayerOf::Reset();
+  ChunkLayer::Reset();
   window.Reset();
 }
 
@@ -67,9 +61,9 @@ int64_t StreamConv1d::CalcStreamOutputFrames(int64_t in_frames) const {
 }
 
 // The call may turn out to be the last one.
-CallExtent StreamConv1d::Extent(int64_t frames, int /*in_dim*/) const {
+CallPlan StreamConv1d::Plan(int64_t frames, int /*in_dim*/) const {
   const ChunkEnds ends = {.first_chunk = first_chunk, .last_chunk = true};
-  return {BlockFloats(1, input_dim, frames),
+  return {CalcStreamOutputFrames(frames), BlockFloats(1, input_dim, frames),
           BlockFloats(1, output_dim, window.CompleteFrames(*this, frames, ends))};
 }
 
@@ -85,7 +79,7 @@ void StreamConv1d::PropagateFnc(const float* in, int64_t frames, int in_dim, flo
 // Pooling.
 
 void StreamMaxPool1d::Reset() {
-  ChunkLayerOf::Reset();
+  ChunkLayer::Reset();
   window.Reset();
 }
 
@@ -93,15 +87,16 @@ int64_t StreamMaxPool1d::CalcStreamOutputFrames(int64_t in_frames) const {
   return in_frames < 1 ? 0 : StreamWindow::MostFrames(*this, in_frames);
 }
 
-CallExtent StreamMaxPool1d::Extent(int64_t frames, int /*in_dim*/) const {
+CallPlan StreamMaxPool1d::Plan(int64_t frames, int /*in_dim*/) const {
   const ChunkEnds ends = {.first_chunk = first_chunk, .last_chunk = true};
-  return {BlockFloats(1, input_dim, frames),
+  return {CalcStreamOutputFrames(frames), BlockFloats(1, input_dim, frames),
           BlockFloats(1, input_dim, window.CompleteFrames(*this, frames, ends))};
 }
 
 void StreamMaxPool1d::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                    int /*call_id*/) {
   RequireWidth(input_dim, in_dim);
+  AdoptSameWidth(in_dim);
   const StreamWindow::View view = window.Take(*this, in, frames, *this, memory_bytes);
   Pool(view.rows, view.count, view.padding, ToSize(in_dim), view.out_frames, out);
   window.MoveOn(*this, view);
@@ -113,29 +108,18 @@ void StreamMaxPool1d::PropagateFnc(const float* in, int64_t frames, int in_dim, 
 // Positions count output frames from the one that the first tap of the oldest held row feeds. Row r
 // feeds the positions from r * stride on, over the span of the taps.
 
-void StreamConvTranspose1d::SetCacheLength() {
+bool StreamConvTranspose1d::Validate(Refusal& why) {
+  if (!ValidateShape(*this, why)) return false;
   const auto rows_of = [this](int64_t positions) {
     return positions < 1 ? 0 : (positions - 1) / stride + 1;
   };
   const int64_t cut_off = int64_t{padding_right} - output_padding;
   cache_len = std::max({rows_of(effective_kernel) - 1, rows_of(cut_off), int64_t{0}});
-}
-
-bool StreamConvTranspose1d::ReadData(FILE* fp) {
-  if (!ReadBlock(fp, *this, memory_bytes)) return false;
-  SetCacheLength();
-  return true;
-}
-
-bool StreamConvTranspose1d::ReadTextData(FILE* fp, bool binary) {
-  if (binary) return ReadData(fp);
-  if (!ReadTextBlock(fp, *this, memory_bytes)) return false;
-  SetCacheLength();
   return true;
 }
 
 void StreamConvTranspose1d::Reset() {
-  ChunkLayerOf::Reset();
+  ChunkLayer::Reset();
   cache.Clear();
 }
 
@@ -161,10 +145,10 @@ int64_t StreamConvTranspose1d::EndFrame(int64_t rows) const {
 
 // The most that any call emits is what a last one emits: no fewer frames are held back than the end
 // cuts off. It emits all that its rows feed when earlier rows were only held.
-CallExtent StreamConvTranspose1d::Extent(int64_t frames, int /*in_dim*/) const {
+CallPlan StreamConvTranspose1d::Plan(int64_t frames, int /*in_dim*/) const {
   const int64_t rows = std::max<int64_t>(frames, 0) + cache_len;
   const int64_t most = std::max(rows * stride, SpreadFrames(rows));
-  return {BlockFloats(1, input_dim, frames),
+  return {CalcStreamOutputFrames(frames), BlockFloats(1, input_dim, frames),
           BlockFloats(1, output_dim, most - padding_right + output_padding)};
 }
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "nnet/conv1d.h"
+#include "nnet/convolution/conv1d.h"
 #include "nnet/stream_nnet/chunk-layer.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -53,39 +53,37 @@ class StreamWindow {
 };
 
 /// As Conv1d, with the terms of each sum in another order: input channels, then taps.
-class StreamConv1d final : public ChunkLayerOf<0x1000>, public Conv1dParameters {
+class StreamConv1d final : public LayerOf<0x1000, ChunkLayer>, public Conv1dParameters {
  public:
   StreamConv1d(int input_dim_arg, int output_dim_arg)
-      : ChunkLayerOf(input_dim_arg, output_dim_arg),
+      : LayerOf(input_dim_arg, output_dim_arg),
         Conv1dParameters(TermOrder::kChannelsFirst),
         window(input_dim_arg) {}
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
-  CallExtent Extent(int64_t frames, int in_dim) const override;
+  CallPlan Plan(int64_t frames, int in_dim) const override;
   void Reserve(int64_t frames) override { window.Reserve(*this, frames, memory_bytes); }
   void Reset() override;
-  bool ReadData(FILE* fp) override;
-  bool ReadTextData(FILE* fp, bool binary) override;
-  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
-  ParameterList MutableParameters() override { return List(); }
+  FieldList Fields() override { return ConvolutionFields(); }
+  bool Validate(Refusal& why) override { return ValidateShape(*this, why); }
+  ParameterList MutableParameters() override { return Arrays(); }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   StreamWindow window;
 };
 
 /// As MaxPool1d; its rows have the width of the header.
-class StreamMaxPool1d final : public ChunkLayerOf<0x1002>, public MaxPool1dParameters {
+class StreamMaxPool1d final : public LayerOf<0x1002, ChunkLayer>, public MaxPool1dParameters {
  public:
   StreamMaxPool1d(int input_dim_arg, int output_dim_arg)
-      : ChunkLayerOf(input_dim_arg, output_dim_arg), window(input_dim_arg) {}
+      : LayerOf(input_dim_arg, output_dim_arg), window(input_dim_arg) {}
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
-  CallExtent Extent(int64_t frames, int in_dim) const override;
+  CallPlan Plan(int64_t frames, int in_dim) const override;
   void Reserve(int64_t frames) override { window.Reserve(*this, frames, memory_bytes); }
   void Reset() override;
-  bool ReadData(FILE* fp) override { return ReadBlock(fp); }
-  bool ReadTextData(FILE* fp, bool binary) override {
-    return binary ? ReadBlock(fp) : ReadTextBlock(fp);
+  FieldList Fields() override { return WindowFields(); }
+  bool Validate(Refusal& why) override {
+    return ValidateWindow(why) && why.SameWidth(input_dim, output_dim);
   }
-  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   StreamWindow window;
@@ -93,20 +91,20 @@ class StreamMaxPool1d final : public ChunkLayerOf<0x1002>, public MaxPool1dParam
 
 /// As ConvTranspose1d, with the same bits. A call emits the frames that no later input reaches;
 /// those that the padding may still cut off at the end are held back too.
-class StreamConvTranspose1d final : public ChunkLayerOf<0x1001>, public ConvTranspose1dParameters {
+class StreamConvTranspose1d final : public LayerOf<0x1001, ChunkLayer>,
+                                    public ConvTranspose1dParameters {
  public:
   StreamConvTranspose1d(int input_dim_arg, int output_dim_arg)
-      : ChunkLayerOf(input_dim_arg, output_dim_arg), cache(input_dim_arg) {}
+      : LayerOf(input_dim_arg, output_dim_arg), cache(input_dim_arg) {}
   /// The untrimmed length for so many rows.
   int64_t CalcOutputFrames(int64_t in_frames) const override;
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
-  CallExtent Extent(int64_t frames, int in_dim) const override;
+  CallPlan Plan(int64_t frames, int in_dim) const override;
   void Reserve(int64_t frames) override { cache.Reserve(cache_len, frames, memory_bytes); }
   void Reset() override;
-  bool ReadData(FILE* fp) override;
-  bool ReadTextData(FILE* fp, bool binary) override;
-  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
-  ParameterList MutableParameters() override { return List(); }
+  FieldList Fields() override { return ConvolutionFields(); }
+  bool Validate(Refusal& why) override;
+  ParameterList MutableParameters() override { return Arrays(); }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   /// The rows that frames still to be emitted depend on.
@@ -115,7 +113,6 @@ class StreamConvTranspose1d final : public ChunkLayerOf<0x1001>, public ConvTran
   RowQueue cache;
 
  private:
-  void SetCacheLength();
   int64_t HeldBack() const { return cache_len * stride; }
   int64_t NextFrame() const;
   int64_t EndFrame(int64_t rows) const;

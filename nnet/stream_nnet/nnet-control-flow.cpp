@@ -5,27 +5,14 @@
 #include <limits>
 #include <string_view>
 
-#include "utils/file-io.h"
+#include "nnet/flow/frame-copy.h"
 #include "utils/messages.h"
-#include "utils/utils.h"
 
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-float* CopyRows(const float* rows, int64_t count, int32_t width, float* out) {
-  return std::copy_n(rows, BlockFloats(1, width, count), out);
-}
-
 float* FillRows(float value, int64_t count, int32_t width, float* out) {
   return std::fill_n(out, BlockFloats(1, width, count), value);
-}
-
-// Rows side by side with those of other parts; returns the place of the next row.
-float* CopyToColumn(const float* rows, int64_t count, size_t width, float* column, size_t step) {
-  for (int64_t r = 0; r < count; ++r, rows += width, column += step) {
-    std::copy_n(rows, width, column);
-  }
-  return column;
 }
 
 // Digits and a minus sign make a number wherever they stand; other characters are skipped.
@@ -42,27 +29,25 @@ int32_t ParseNumber(std::string_view text) {
 
 // The register.
 
-bool StreamRegisterComponent::ReadData(FILE* fp) {
-  return fread_string(fp, register_name) && !register_name.empty();
+bool StreamRegisterComponent::Validate(Refusal& why) {
+  return why.Require(!register_name.empty(), "<RegisterName> is empty") &&
+         why.SameWidth(input_dim, output_dim);
 }
 
-bool StreamRegisterComponent::ReadTextData(FILE* fp, bool binary) {
-  if (binary) return ReadData(fp);
-  PropertyTable properties;
-  AddProperty(properties, "<RegisterName>", "s:", &register_name);
-  ReadProperties(fp, properties);
-  return true;
+void StreamRegisterComponent::Announce(NetworkLinks& links) {
+  AnnounceRegister(links, *this);
+  reserved_frames.reset();
 }
-
-bool StreamRegisterComponent::WriteData(FILE* fp) const { return fwrite_string(fp, register_name); }
 
 void StreamRegisterComponent::Reserve(int64_t frames) {
   register_buffer.Reserve(0, frames, memory_bytes);
+  reserved_frames = frames;
 }
 
-void StreamRegisterComponent::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/,
-                                           float* out, int /*call_id*/) {
-  RequireEqualDims(*this);
+void StreamRegisterComponent::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
+                                           int /*call_id*/) {
+  RequireWidth(input_dim, in_dim);
+  AdoptSameWidth(in_dim);
   stored_frames = 0;
   register_buffer.Clear();
   register_buffer.Append(in, frames, memory_bytes);
@@ -72,15 +57,16 @@ void StreamRegisterComponent::PropagateFnc(const float* in, int64_t frames, int 
 
 // The concatenation.
 
-bool StreamConcatenateComponent::MakeQueues() {
+bool StreamConcatenateComponent::Validate(Refusal& why) {
+  if (!ValidateParts(why)) return false;
   for (int32_t part = 0; part < part_count; ++part) pending.emplace_back(input_dim);
   return true;
 }
 
-bool StreamConcatenateComponent::ReadData(FILE* fp) { return ReadBlock(fp) && MakeQueues(); }
-
-bool StreamConcatenateComponent::ReadTextData(FILE* fp, bool binary) {
-  return binary ? ReadData(fp) : ReadTextBlock(fp) && MakeQueues();
+void StreamConcatenateComponent::Link(NetworkLinks& links) {
+  place_ = links.place();
+  FindRegisters(links, *this, &Component::input_dim, &Component::output_dim);
+  CheckParts();
 }
 
 void StreamConcatenateComponent::Reset() {
@@ -88,15 +74,29 @@ void StreamConcatenateComponent::Reset() {
 }
 
 void StreamConcatenateComponent::CheckParts() const {
-  RequireLinked(registers.size());
-  for (const Register* part : registers) {
+  for (const StreamRegisterComponent* part : registers) {
     if (part->input_dim == input_dim && part->output_dim == input_dim) continue;
     ThrowError(Here(), "mismatched concentrate dimension! [%d != %d]", part->output_dim, input_dim);
   }
-  const int64_t width = int64_t{part_count} * input_dim;
-  if (width != output_dim) {
-    ThrowError(Here(), "mismatched concentrate dimension! [%" PRId64 " != %d]", width, output_dim);
+  CheckSizes(Here(), *this, &Component::input_dim, &Component::output_dim);
+}
+
+// What has waited in the queues and what the call brings.
+int64_t StreamConcatenateComponent::MostFrames(int64_t in_frames) const {
+  int64_t most = std::numeric_limits<int64_t>::max();
+  auto next = registers.begin();
+  for (int32_t part = 0; part < part_count; ++part) {
+    int64_t arriving = in_frames;
+    if (!IsInput(part)) {
+      const StreamRegisterComponent& source = **next++;
+      if (!source.reserved_frames) {
+        ThrowError(place_, "cannot find register with name [%s]", source.register_name.c_str());
+      }
+      arriving = *source.reserved_frames;
+    }
+    most = std::min(most, arriving + pending[ToSize(part)].rows());
   }
+  return part_count == 0 ? 0 : most;
 }
 
 // Calls visit(part, its rows of this call, how many).
@@ -107,7 +107,7 @@ void StreamConcatenateComponent::ForEachPart(const float* in, int64_t frames, Vi
     if (IsInput(part)) {
       visit(ToSize(part), in, std::max<int64_t>(frames, 0));
     } else {
-      const Register& source = **next++;
+      const StreamRegisterComponent& source = **next++;
       visit(ToSize(part), source.register_buffer.Row(0), source.stored_frames);
     }
   }
@@ -123,9 +123,10 @@ int64_t StreamConcatenateComponent::CompleteFrames(int64_t frames) const {
   return complete;
 }
 
-CallExtent StreamConcatenateComponent::Extent(int64_t frames, int /*in_dim*/) const {
-  return {UsesInput() ? BlockFloats(1, input_dim, frames) : 0,
-          BlockFloats(1, output_dim, CompleteFrames(frames))};
+CallPlan StreamConcatenateComponent::Plan(int64_t frames, int /*in_dim*/) const {
+  const int64_t complete = CompleteFrames(frames);
+  return {complete, UsesInput() ? BlockFloats(1, input_dim, frames) : 0,
+          BlockFloats(1, output_dim, complete)};
 }
 
 void StreamConcatenateComponent::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/,
@@ -139,8 +140,8 @@ void StreamConcatenateComponent::PropagateFnc(const float* in, int64_t frames, i
     const int64_t taken = complete - waited;
     if (complete > 0) {
       float* column = out + part * width;
-      column = CopyToColumn(queue.Row(0), waited, width, column, ToSize(output_dim));
-      CopyToColumn(rows, taken, width, column, ToSize(output_dim));
+      column = CopyRows(queue.Row(0), waited, input_dim, input_dim, column, output_dim);
+      CopyRows(rows, taken, input_dim, input_dim, column, output_dim);
     }
     queue.DropFront(waited);
     queue.Append(rows + ToSize(taken) * width, arrived - taken, memory_bytes);
@@ -150,16 +151,8 @@ void StreamConcatenateComponent::PropagateFnc(const float* in, int64_t frames, i
 
 // Reflection.
 
-bool StreamReflectionPad::ReadTextData(FILE* fp, bool binary) {
-  if (binary) return ReadData(fp);
-  PropertyTable properties;
-  AddPaddingProperties(properties);
-  ReadProperties(fp, properties);
-  return PaddingIsSound();
-}
-
 void StreamReflectionPad::Reset() {
-  ChunkLayerOf::Reset();
+  ChunkLayer::Reset();
   head.Clear();
   tail.Clear();
 }
@@ -173,10 +166,10 @@ int64_t StreamReflectionPad::CalcStreamOutputFrames(int64_t in_frames) const {
   return std::max<int64_t>(0, in_frames + 2 * int64_t{padding_left} + padding_right);
 }
 
-CallExtent StreamReflectionPad::Extent(int64_t frames, int /*in_dim*/) const {
+CallPlan StreamReflectionPad::Plan(int64_t frames, int /*in_dim*/) const {
   const int64_t n = std::max<int64_t>(frames, 0);
   const int64_t start = first_chunk ? head.rows() + padding_left : 0;
-  return {BlockFloats(1, input_dim, n),
+  return {CalcStreamOutputFrames(frames), BlockFloats(1, input_dim, n),
           BlockFloats(1, input_dim, Waits(n) ? 0 : start + n + padding_right)};
 }
 
@@ -204,8 +197,8 @@ void StreamReflectionPad::ThrowTooShort(int64_t frames) const {
 
 void StreamReflectionPad::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                        int /*call_id*/) {
-  RequireEqualDims(*this);
   RequireWidth(input_dim, in_dim);
+  AdoptSameWidth(in_dim);
   const int64_t n = std::max<int64_t>(frames, 0);
   output_frames = 0;
   KeepTail(in, n);
@@ -230,18 +223,14 @@ void StreamReflectionPad::PropagateFnc(const float* in, int64_t frames, int in_d
 
 // Padding with one value.
 
-bool StreamConstantPad::ReadTextData(FILE* fp, bool binary) {
-  return binary ? ReadBlock(fp) : ReadTextBlock(fp);
-}
-
 int64_t StreamConstantPad::CalcStreamOutputFrames(int64_t in_frames) const {
   return PaddedFrames(std::max<int64_t>(in_frames, 0));
 }
 
 void StreamConstantPad::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                      int /*call_id*/) {
-  RequireEqualDims(*this);
   RequireWidth(input_dim, in_dim);
+  AdoptSameWidth(in_dim);
   const int64_t n = std::max<int64_t>(frames, 0);
   const int64_t before = first_chunk ? padding_left : 0;
   const int64_t after = last_chunk ? padding_right : 0;
@@ -255,7 +244,8 @@ void StreamConstantPad::PropagateFnc(const float* in, int64_t frames, int in_dim
 
 // The slice.
 
-void StreamSliceComponent::SetStarts() {
+bool StreamSliceComponent::Validate(Refusal& why) {
+  starts.clear();
   std::string_view rest = index_text;
   for (bool more = true; more;) {
     const size_t comma = rest.find(',');
@@ -264,29 +254,13 @@ void StreamSliceComponent::SetStarts() {
     more = comma != rest.npos;
     if (more) rest.remove_prefix(comma + 1);
   }
+  return why.SameWidth(input_dim, output_dim);
 }
-
-bool StreamSliceComponent::ReadData(FILE* fp) {
-  if (!fread_string(fp, index_text)) return false;
-  SetStarts();
-  return true;
-}
-
-bool StreamSliceComponent::ReadTextData(FILE* fp, bool binary) {
-  if (binary) return ReadData(fp);
-  PropertyTable properties;
-  AddProperty(properties, "<Index>", "s:", &index_text);
-  ReadProperties(fp, properties);
-  SetStarts();
-  return true;
-}
-
-bool StreamSliceComponent::WriteData(FILE* fp) const { return fwrite_string(fp, index_text); }
 
 void StreamSliceComponent::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                         int /*call_id*/) {
-  RequireEqualDims(*this);
   RequireWidth(input_dim, in_dim);
+  AdoptSameWidth(in_dim);
   const int64_t n = std::max<int64_t>(frames, 0);
   const int64_t dropped = std::clamp<int64_t>(starts.front() - frames_seen, 0, n);
   CopyRows(in + ToSize(dropped) * ToSize(input_dim), n - dropped, input_dim, out);

@@ -5,11 +5,13 @@
 // also the width of what comes out of all but the concatenation.
 
 #include <cstdint>
-#include <cstdio>
+#include <optional>
+#include <source_location>
 #include <string>
 #include <vector>
 
-#include "nnet/nnet-control-flow.h"
+#include "nnet/flow/frame-shape.h"
+#include "nnet/flow/nnet-control-flow.h"
 #include "nnet/stream_nnet/chunk-layer.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -22,65 +24,65 @@ class StreamRegisterComponent final : public LayerOf<0x1100> {
   using LayerOf::LayerOf;
   void Reserve(int64_t frames) override;
   void Reset() override { stored_frames = 0; }
-  bool ReadData(FILE* fp) override;
-  bool ReadTextData(FILE* fp, bool binary) override;
-  bool WriteData(FILE* fp) const override;
+  FieldList Fields() override { return {{"<RegisterName>", &register_name, FieldUse::kRequired}}; }
+  bool Validate(Refusal& why) override;
+  void Announce(NetworkLinks& links) override;
+  bool MapsFrameForFrame() const override { return false; }
   std::string Links() const override { return "register " + register_name; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   std::string register_name;
   RowQueue register_buffer{input_dim};
   int64_t stored_frames = 0;
+  /// Frames that the call brings for which room was made last; none before that.
+  std::optional<int64_t> reserved_frames;
 };
 
 /// Joins rows of registers and of its own input, each D wide, frame by frame of the stream. Parts
 /// whose frames come earlier than those of others wait in its queues.
-class StreamConcatenateComponent final : public LayerOf<0x1101>, public ConcatenationParts {
+class StreamConcatenateComponent final : public LayerOf<0x1101>,
+                                         public LinkedParts<StreamRegisterComponent> {
  public:
-  using Register = StreamRegisterComponent;
-
   using LayerOf::LayerOf;
   bool CheckInputDim() const override { return UsesInput(); }
   void Reset() override;
-  bool ReadData(FILE* fp) override;
-  bool ReadTextData(FILE* fp, bool binary) override;
-  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
+  FieldList Fields() override { return PartFields(); }
+  bool Validate(Refusal& why) override;
+  void Link(NetworkLinks& links) override;
+  bool MapsFrameForFrame() const override { return false; }
   std::string Links() const override { return Describe(); }
+  int64_t MostFrames(int64_t in_frames) const override;
+  CallPlan Plan(int64_t frames, int in_dim) const override;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
-  CallExtent Extent(int64_t frames, int in_dim) const override;
-
-  // What the executor adds up when it links: the parts must fill the output.
-  int64_t InputUnits() const { return input_dim; }
-  static int64_t RegisterUnits(const Register& part) { return part.output_dim; }
-  int64_t OutputUnits() const { return output_dim; }
 
   /// Throws unless the registers are linked, all parts are D wide and together fill the output.
   void CheckParts() const;
 
-  std::vector<const Register*> registers;
   /// Rows held over, a queue for each part.
   std::vector<RowQueue> pending;
 
  private:
-  bool MakeQueues();
   int64_t CompleteFrames(int64_t frames) const;
   template <class Visit>
   void ForEachPart(const float* in, int64_t frames, Visit visit) const;
+
+  std::source_location place_;  // of the executor, for what it has always said
 };
 
 /// Mirrors the frames next to each end of the stream, not the end itself. Nothing comes out before
 /// the frames that are mirrored at the start have arrived.
-class StreamReflectionPad final : public ChunkLayerOf<0x1102>, public FramePadding {
+class StreamReflectionPad final : public LayerOf<0x1102, ChunkLayer>, public FramePadding {
  public:
-  using ChunkLayerOf::ChunkLayerOf;
+  using LayerOf::LayerOf;
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
   void Reserve(int64_t frames) override;
   void Reset() override;
-  bool ReadData(FILE* fp) override { return ReadPadding(fp); }
-  bool ReadTextData(FILE* fp, bool binary) override;
-  bool WriteData(FILE* fp) const override { return WritePadding(fp); }
+  FieldList Fields() override { return PaddingFields(); }
+  bool Validate(Refusal& why) override {
+    return ValidatePadding(why) && why.SameWidth(input_dim, output_dim);
+  }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
-  CallExtent Extent(int64_t frames, int in_dim) const override;
+  CallPlan Plan(int64_t frames, int in_dim) const override;
 
   /// The first frames of the stream while they wait, at most padding_left.
   RowQueue head{input_dim};
@@ -94,13 +96,14 @@ class StreamReflectionPad final : public ChunkLayerOf<0x1102>, public FramePaddi
   [[noreturn]] void ThrowTooShort(int64_t frames) const;
 };
 
-class StreamConstantPad final : public ChunkLayerOf<0x1103>, public ConstantPadParameters {
+class StreamConstantPad final : public LayerOf<0x1103, ChunkLayer>, public ConstantPadParameters {
  public:
-  using ChunkLayerOf::ChunkLayerOf;
+  using LayerOf::LayerOf;
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
-  bool ReadData(FILE* fp) override { return ReadBlock(fp); }
-  bool ReadTextData(FILE* fp, bool binary) override;
-  bool WriteData(FILE* fp) const override { return WriteBlock(fp); }
+  FieldList Fields() override { return ConstantPadFields(); }
+  bool Validate(Refusal& why) override {
+    return ValidatePadding(why) && why.SameWidth(input_dim, output_dim);
+  }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
@@ -110,18 +113,15 @@ class StreamSliceComponent final : public LayerOf<0x1104> {
  public:
   using LayerOf::LayerOf;
   void Reset() override { frames_seen = 0; }
-  bool ReadData(FILE* fp) override;
-  bool ReadTextData(FILE* fp, bool binary) override;
-  bool WriteData(FILE* fp) const override;
+  FieldList Fields() override { return {{"<Index>", &index_text, FieldUse::kRequired}}; }
+  bool Validate(Refusal& why) override;
+  bool MapsFrameForFrame() const override { return false; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   std::string index_text;
   /// The first numbers of its items; the first of them counts the frames to drop.
   std::vector<int32_t> starts;
   int64_t frames_seen = 0;
-
- private:
-  void SetStarts();
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -11,7 +11,7 @@
 
 #include <loguru.hpp>
 
-#include "nnet/nnet-nnet.h"
+#include "nnet/runtime/nnet-nnet.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "nnet/nnet-component.h"
-#include "nnet/nnet-nnet.h"
+#include "nnet/contract/nnet-component.h"
+#include "nnet/runtime/nnet-nnet.h"
 
 namespace handwriting::tests {
 
@@ -162,7 +162,7 @@ inline std::string TextMatrix(const std::vector<float>& values) {
 /// One call of a layer that is run without executor; `in` is changed by layers that work in place.
 inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>& in,
                                    int64_t frames, int in_dim, int call_id = 1) {
-  const runtime::CallExtent extent = layer.Extent(frames, in_dim);
+  const runtime::CallPlan extent = layer.Plan(frames, in_dim);
   std::vector<float> out(extent.writes);
   int width = in_dim;
   layer.Propagate(in.data(), frames, in_dim, out.data(), &width, call_id);

@@ -1,0 +1,160 @@
+#include "nnet/attention/attention.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cmath>
+#include <limits>
+
+#include "nnet/base/element-kernels.h"
+#include "nnet/base/products.h"
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+// Query rows whose scores are formed at a time: they stay in the cache until the context is formed.
+constexpr int64_t kQueryTile = 128;
+
+void RunFrameForFrame(Component& layer, std::span<const float> in, int64_t frames, int in_dim,
+                      std::span<float> out, int call_id) {
+  layer.PropagateWithin(in, frames, in_dim, out, call_id);
+  if (layer.OutputFrames() != frames) {
+    ThrowError(Here(), "nested layer[%s] does not map frame to frame! [%" PRId64 " -> %" PRId64 "]",
+               layer.TypeMarker().c_str(), frames, layer.OutputFrames());
+  }
+}
+
+}  // namespace
+
+void AddGroup(NestedList& nested, const char* name, std::span<NestedLayer> layers) {
+  for (NestedLayer& layer : layers) nested.push_back({name, &layer});
+}
+
+void AttentionLayer::GrowBlock(FloatArray& buffer, uint64_t floats) {
+  if (floats > kMaxBlockFloats) {
+    ThrowError(Here(),
+               "attention buffer too large! layer[%s] position[%zu] [%" PRIu64 " > %" PRIu64
+               " floats]",
+               TypeMarker().c_str(), position_, floats, kMaxBlockFloats);
+  }
+  buffer.Grow(floats, memory_bytes);
+}
+
+void AttentionLayer::ReserveScores(int64_t queries, int64_t keys) {
+  GrowBlock(scores_, BlockFloats(1, std::min(queries, kQueryTile), keys));
+}
+
+void AttentionLayer::Attend(const float* query, int64_t queries, const float* key,
+                            const float* value, int64_t keys, float* context) {
+  const size_t d = ToSize(model_dim);
+  const size_t n = ToSize(keys);
+  const size_t width = ToSize(head_dim);
+  const float scale = 1.0F / std::sqrt(static_cast<float>(head_dim));
+  if (n == 0) return zero_vec(context, ToSize(queries) * d);
+  for (int64_t first = 0; first < queries; first += kQueryTile) {
+    const size_t rows = ToSize(std::min(kQueryTile, queries - first));
+    for (size_t column = 0; column < d; column += width) {
+      const size_t at = ToSize(first) * d + column;
+      matmul_trans_b({query + at, d}, {key + column, d}, {scores_.data(), n}, rows, n, width, scale,
+                     0.0F);
+      fast_softmax(scores_.data(), rows, n, scores_.data());
+      matmul({scores_.data(), n}, {value + column, d}, {context + at, d}, rows, width, n, 1.0F,
+             0.0F);
+    }
+  }
+}
+
+bool AttentionLayer::Validate(Refusal& why) {
+  model_dim = input_dim;
+  if (model_dim < 1 || output_dim != model_dim) {
+    return why.LogBecause(Place(), "mismatched dimensions! layer[%s] [%d -> %d]",
+                          TypeMarker().c_str(), model_dim, output_dim);
+  }
+  if (head_num < 1 || model_dim % head_num != 0) {
+    return why.LogBecause(Place(), "wrong head number! [%d] for dimension [%d]", head_num,
+                          model_dim);
+  }
+  head_dim = model_dim / head_num;
+  return true;
+}
+
+bool AttentionLayer::AcceptNested(size_t index, Refusal& why) {
+  const NestedRef nested = Nested()[index];
+  if (*nested.layer == nullptr) return why.LogBecause(Place(), "%s layer is NULL", nested.name);
+  const Component& layer = **nested.layer;
+  const std::string& marker = layer.TypeMarker();
+  if (!layer.MapsFrameForFrame()) {
+    return why.LogBecause(Place(), "%s layer does not map frame to frame! layer[%s]", nested.name,
+                          marker.c_str());
+  }
+  const bool widens = nested.layer == &ff_layers[0];
+  const bool narrows = nested.layer == &ff_layers[1];
+  const int wanted_in = narrows ? ff_layers[0]->OutputDim() : model_dim;
+  const int wanted_out = widens ? layer.OutputDim() : model_dim;
+  if (layer.InputDim() != wanted_in || layer.OutputDim() != wanted_out) {
+    return why.LogBecause(
+        Place(), "mismatched dimensions! %s layer[%s] [%d -> %d], wanted [%d -> %d]", nested.name,
+        marker.c_str(), layer.InputDim(), layer.OutputDim(), wanted_in, wanted_out);
+  }
+  return !widens || layer.OutputDim() >= model_dim ||
+         why.LogBecause(Place(), "hidden dimension is too small! layer[%s] [%d < %d]",
+                        marker.c_str(), layer.OutputDim(), model_dim);
+}
+
+std::vector<const Component*> AttentionLayer::ReadComponents() const {
+  std::vector<const Component*> components;
+  for (const NestedRef& nested : const_cast<AttentionLayer*>(this)->Nested()) {
+    if (*nested.layer != nullptr) components.push_back(nested.layer->get());
+  }
+  return components;
+}
+
+bool AttentionLayer::HasFixedForm() const {
+  return std::ranges::all_of(ReadComponents(),
+                             [](const Component* layer) { return layer->HasFixedForm(); });
+}
+
+// A width that a header claims and no parameters stand behind gets its room only when a call brings
+// rows of it.
+void AttentionLayer::Reserve(int64_t frames) {
+  if (frames <= frame_capacity || model_dim < 1) return;
+  if (ParameterCount() >= ToSize(model_dim)) GrowBuffers(frames);
+}
+
+void AttentionLayer::Reset() {
+  propagate_count = 0;
+  for (const NestedRef& nested : Nested()) {
+    if (*nested.layer != nullptr) (*nested.layer)->Reset();
+  }
+}
+
+uint64_t AttentionLayer::HiddenFloats(int64_t frames) const {
+  return ff_layers[0]->Plan(frames, model_dim).writes;
+}
+
+void AttentionLayer::RunNested(Component& layer, const float* in, int64_t frames, float* out) {
+  const size_t floats = RowFloats(frames);
+  RunFrameForFrame(layer, {in, floats}, frames, model_dim, {out, floats}, propagate_count);
+}
+
+void AttentionLayer::FeedForward(const float* in, int64_t frames, float* hidden, float* out) {
+  const size_t floats = RowFloats(frames);
+  const size_t hidden_floats = HiddenFloats(frames);
+  Component& widen = *ff_layers[0];
+  Component& narrow = *ff_layers[1];
+  RunFrameForFrame(widen, {in, floats}, frames, model_dim, {hidden, hidden_floats},
+                   propagate_count);
+  relu(hidden, 1, hidden_floats, hidden);
+  RunFrameForFrame(narrow, {hidden, hidden_floats}, frames, widen.OutputDim(), {out, floats},
+                   propagate_count);
+}
+
+void AttentionLayer::AddRows(float* rows, int64_t frames, const float* other) const {
+  add_vec_to_rows(rows, 1, RowFloats(frames), other, 1.0F);
+}
+
+void AttentionLayer::CountCall() {
+  if (propagate_count < std::numeric_limits<int32_t>::max()) ++propagate_count;
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

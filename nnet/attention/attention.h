@@ -1,0 +1,85 @@
+#ifndef NNET_ATTENTION_ATTENTION_H_
+#define NNET_ATTENTION_ATTENTION_H_
+
+// What the transformer blocks share: the arithmetic of attention heads, and the nested layers that
+// project, feed forward and normalise.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <source_location>
+#include <span>
+#include <vector>
+
+#include "nnet/contract/nnet-component.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// A transformer block: a head count and complete nested layers, all of which map frames one to
+/// one, rows of model_dim to rows of model_dim but for the two feed-forward layers, which pass
+/// through a hidden width that is no smaller. Head h of a row is its columns h * head_dim up to
+/// (h + 1) * head_dim.
+class AttentionLayer : public Component {
+ public:
+  FieldList Fields() override { return {{"<HeadNum>", &head_num}}; }
+  bool Validate(Refusal& why) override;
+  bool AcceptNested(size_t index, Refusal& why) override;
+  bool HasFixedForm() const override;
+  void Link(NetworkLinks& links) override { position_ = links.position(); }
+  void Reserve(int64_t frames) override;
+  void Reset() override;
+
+  int32_t head_num = 0;
+  int32_t model_dim = 0;
+  int32_t head_dim = 0;
+  std::array<NestedLayer, 4> self_atten_layers;  // query, key, value and output projection
+  std::array<NestedLayer, 2> ff_layers;
+  /// Rows that the buffers hold.
+  int64_t frame_capacity = 0;
+  /// Calls since the last reset, the call_id of the nested layers.
+  int32_t propagate_count = 0;
+
+ protected:
+  using Component::Component;
+
+  /// The place in the source under which refusals are logged.
+  virtual std::source_location Place() const = 0;
+  virtual void GrowBuffers(int64_t frames) = 0;
+
+  /// Grows a buffer to so many floats; throws when that is more than a block may hold.
+  void GrowBlock(FloatArray& buffer, uint64_t floats);
+  /// Makes room for the scores of one tile of query rows against so many keys.
+  void ReserveScores(int64_t queries, int64_t keys);
+  /// For each head, context = softmax(query key' / sqrt(head_dim)) value. Rows are model_dim wide,
+  /// `queries` of query and context, `keys` of key and value. Without keys the context is 0.
+  void Attend(const float* query, int64_t queries, const float* key, const float* value,
+              int64_t keys, float* context);
+  /// Floats that the first feed-forward layer writes for so many frames.
+  uint64_t HiddenFloats(int64_t frames) const;
+  /// Runs a nested layer on `frames` rows of model_dim floats, giving rows of model_dim floats.
+  void RunNested(Component& layer, const float* in, int64_t frames, float* out);
+  /// Runs both feed-forward layers with a rectifier between them. `hidden` holds HiddenFloats; `in`
+  /// and `out` may be the same.
+  void FeedForward(const float* in, int64_t frames, float* hidden, float* out);
+  /// Floats of so many rows of model_dim.
+  uint64_t RowFloats(int64_t frames) const { return BlockFloats(1, model_dim, frames); }
+  /// rows += other, over `frames` rows of model_dim floats.
+  void AddRows(float* rows, int64_t frames, const float* other) const;
+  void CountCall();
+
+ private:
+  std::vector<const Component*> ReadComponents() const;
+
+  /// The scores of some query rows of one head against all keys.
+  FloatArray scores_;
+  size_t position_ = 0;
+};
+
+/// Adds the layers of one group to a list of nested ones.
+void AddGroup(NestedList& nested, const char* name, std::span<NestedLayer> layers);
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_ATTENTION_ATTENTION_H_

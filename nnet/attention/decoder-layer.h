@@ -1,0 +1,55 @@
+#ifndef NNET_ATTENTION_DECODER_LAYER_H_
+#define NNET_ATTENTION_DECODER_LAYER_H_
+
+#include "nnet/attention/attention.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// A pre-normalised transformer decoder block that advances frame by frame through a sequence. A
+/// step attends over itself and the steps before it, then over a memory that the application may
+/// set, then feeds forward:
+///   X' = X + SelfAttention(Norm0(X)), X'' = X' + MemoryAttention(Norm1(X')),
+///   output = X'' + FeedForward(Norm2(X'')).
+/// X'' replaces the input rows. A call of several frames is as many steps; a sequence lasts from
+/// reset to reset and may have any number of them.
+class Decoder final : public LayerOf<0x10a, AttentionLayer> {
+ public:
+  using LayerOf::LayerOf;
+  NestedList Nested() override;
+  void Reset() override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  /// Makes the steps up to the next reset attend over `frames` rows of model_dim floats. They are
+  /// not copied: they must stay until the next step, which projects them, and projections that work
+  /// in place change them. Without a memory that attention sees zeros.
+  void SetMemory(float* rows, int64_t frames);
+
+  std::array<NestedLayer, 4> cross_atten_layers;  // query, key, value and output projection
+  std::array<NestedLayer, 3> sub_layers;          // the normalisations
+  FloatArray query;                               // of the newest step, one row
+  FloatArray key_cache;                           // a row for each step of the sequence
+  FloatArray value_cache;
+  FloatArray cross_query;  // of the newest step, one row
+  /// One row: the attention context, then the hidden row of the feed-forward layers.
+  FloatArray context_buffer;
+  int64_t step_count = 0;
+  float* memory = nullptr;
+  int64_t memory_frames = 0;
+  FloatArray memory_keys;
+  FloatArray memory_values;
+  bool memory_ready = false;
+
+ protected:
+  std::source_location Place() const override;
+  void GrowBuffers(int64_t steps) override;
+
+ private:
+  void Step(float* row, float* out);
+  void AttendToSteps(float* row, float* out);
+  void AttendToMemory(float* row, float* out);
+  void ProjectMemory();
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_ATTENTION_DECODER_LAYER_H_

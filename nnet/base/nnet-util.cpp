@@ -1,0 +1,97 @@
+#include "nnet/base/nnet-util.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+constexpr size_t kAlignment = 64;
+// Four gigabytes: far above any real array, and below what would take a machine down.
+constexpr size_t kMaxFloats = size_t{1} << 30;
+
+// Zero-filled floats, or null when the count overflows or the memory cannot be had.
+float* NewFloats(size_t rows, size_t cols) {
+  if (cols != 0 && rows > kMaxFloats / cols) return nullptr;
+  const size_t bytes = rows * cols * sizeof(float);
+  const size_t whole = (bytes + kAlignment - 1) / kAlignment * kAlignment;
+  void* memory = std::aligned_alloc(kAlignment, whole);
+  if (memory != nullptr) std::memset(memory, 0, whole);
+  return static_cast<float*>(memory);
+}
+
+}  // namespace
+
+void alloc_floats(float** p, size_t rows, size_t cols) {
+  if (rows == 0 || cols == 0) {
+    *p = nullptr;
+    return;
+  }
+  float* fresh = NewFloats(rows, cols);
+  if (fresh == nullptr) ThrowError(Here(), "alloc memory failed!");
+  *p = fresh;
+}
+
+void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit) {
+  if (new_count == old_count) return;
+  float* fresh = nullptr;
+  if (new_count != 0 && unit != 0) {
+    fresh = NewFloats(new_count, unit);
+    if (fresh == nullptr) ThrowError(Here(), "realloc memory failed!");
+    const size_t kept = std::min(new_count, old_count) * unit;
+    if (kept != 0) std::memcpy(fresh, *p, kept * sizeof(float));
+  }
+  free_floats(*p);
+  *p = fresh;
+}
+
+void free_floats(float* p) noexcept { std::free(p); }
+
+FloatArray::FloatArray(FloatArray&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      owned_(std::exchange(other.owned_, true)) {}
+
+FloatArray& FloatArray::operator=(FloatArray&& other) noexcept {
+  std::swap(data_, other.data_);
+  std::swap(size_, other.size_);
+  std::swap(owned_, other.owned_);
+  return *this;
+}
+
+FloatArray::~FloatArray() { Release(); }
+
+void FloatArray::Release() noexcept {
+  if (owned_) free_floats(data_);
+  data_ = nullptr;
+  size_ = 0;
+  owned_ = true;
+}
+
+void FloatArray::Allocate(size_t rows, size_t cols, uint64_t& memory_bytes) {
+  float* fresh = nullptr;
+  alloc_floats(&fresh, rows, cols);
+  Release();
+  data_ = fresh;
+  size_ = rows * cols;
+  memory_bytes += size_ * sizeof(float);
+}
+
+void FloatArray::GrowTo(size_t count, uint64_t& memory_bytes) {
+  grow_floats(&data_, count, size_, 1);
+  memory_bytes += (count - size_) * sizeof(float);
+  size_ = count;
+}
+
+void FloatArray::Map(const float* values, size_t count) noexcept {
+  Release();
+  data_ = const_cast<float*>(values);  // parameters are only read once they are in place
+  size_ = count;
+  owned_ = false;
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

@@ -1,0 +1,39 @@
+#ifndef NNET_BASE_PRODUCTS_H_
+#define NNET_BASE_PRODUCTS_H_
+
+// Dense products through CBLAS. Matrices are row-major; shapes are the caller's promise. Products
+// round as the BLAS library does. With beta 0 the previous contents of the result do not matter.
+
+#include <cstddef>
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// C (M x N) = alpha A (M x K) B' + beta C, with B stored N x K.
+void matmul_trans_b(const float* A, const float* B, float* C, size_t M, size_t N, size_t K,
+                    float alpha, float beta);
+/// Rows `stride` floats apart, such as a band of columns of a wider matrix.
+template <class T>
+struct StridedRows {
+  T* data;
+  size_t stride;
+};
+/// The same product of bands.
+void matmul_trans_b(StridedRows<const float> A, StridedRows<const float> B, StridedRows<float> C,
+                    size_t M, size_t N, size_t K, float alpha, float beta);
+/// C (M x N) = alpha A (M x K) B (K x N) + beta C, on bands.
+void matmul(StridedRows<const float> A, StridedRows<const float> B, StridedRows<float> C, size_t M,
+            size_t N, size_t K, float alpha, float beta);
+/// y (M) = alpha A (M x N) x + beta y.
+void mat_vec(const float* A, const float* x, float* y, size_t M, size_t N, float alpha, float beta);
+/// y[i] = alpha a[i] x[i] + beta y[i].
+void vec_mul_vec(const float* a, const float* x, float* y, size_t n, float alpha, float beta);
+/// x = alpha x. A factor of 0 gives zeros, whatever x holds.
+void scale_vec(float* x, size_t n, float alpha);
+
+/// Whether the BLAS library's core has the kernels that few-row products are cut for.
+bool has_small_matrix_kernels();
+/// The name of the kernel set that the BLAS library chose for this processor.
+const char* blas_core_name();
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_BASE_PRODUCTS_H_

@@ -1,0 +1,141 @@
+#include "nnet/contract/fixed-block.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "utils/file-io.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+std::span<const float> Values(const ParameterRef& parameter) {
+  return std::as_const(*parameter.array).values().first(parameter.count());
+}
+
+bool HasRowSums(const ParameterRef& parameter, CodeForm form) {
+  return form == CodeForm::kAsymmetric && parameter.is_matrix;
+}
+
+// Truncates toward zero into [low, high]; NaN gives 0.
+int32_t ToIntIn(float value, int32_t low, int32_t high) {
+  if (std::isnan(value)) return 0;
+  if (value <= static_cast<float>(low)) return low;
+  if (value >= static_cast<float>(high)) return high;
+  return static_cast<int32_t>(value);
+}
+
+// Both directions of one block's code.
+struct Coding {
+  CodeForm form;
+  float scale;
+  int32_t zero_point;
+
+  // Rounds halves away from zero.
+  uint8_t Encode(float value) const {
+    const float scaled = value * scale;
+    if (form == CodeForm::kSymmetric) {
+      const float rounded = value < 0.0F ? scaled - 0.5F : scaled + 0.5F;
+      return static_cast<uint8_t>(ToIntIn(rounded, -127, 127));
+    }
+    return static_cast<uint8_t>(
+        ToIntIn(std::round(scaled) - static_cast<float>(zero_point), 0, 255));
+  }
+  float Decode(uint8_t code) const {
+    if (form == CodeForm::kSymmetric) {
+      return static_cast<float>(static_cast<int8_t>(code)) / scale;
+    }
+    return static_cast<float>(int64_t{code} + zero_point) / scale;
+  }
+};
+
+// The scale and zero point that spread the values over all codes.
+FixedBlock FitAsymmetric(std::span<const float> values) {
+  FixedBlock block;
+  block.codes.resize(values.size());
+  if (values.empty()) return block;
+  float lo = values[0];
+  float hi = values[0];
+  for (const float value : values) {  // passes over NaNs
+    if (value < lo) lo = value;
+    if (value > hi) hi = value;
+  }
+  if (lo != hi) {
+    block.scale = static_cast<float>(255.0 / static_cast<double>(hi - lo));
+    block.zero_point = ToIntIn(std::round(lo * block.scale), std::numeric_limits<int32_t>::min(),
+                               std::numeric_limits<int32_t>::max());
+    const Coding coding{CodeForm::kAsymmetric, block.scale, block.zero_point};
+    std::ranges::transform(values, block.codes.begin(),
+                           [&](float value) { return coding.Encode(value); });
+  } else if (lo != 0.0F) {  // one value: code 0 at a zero point of 127 stands for it
+    block.scale = 127.0F / std::fabs(lo);
+    block.zero_point = lo > 0.0F ? 127 : -127;
+  }
+  return block;
+}
+
+std::vector<float> SumRows(const std::vector<uint8_t>& codes, size_t rows, size_t cols) {
+  std::vector<float> sums(rows, 0.0F);
+  for (size_t i = 0; i < codes.size(); ++i) sums[i / cols] += static_cast<float>(codes[i]);
+  return sums;
+}
+
+}  // namespace
+
+size_t CodeBlockBytes(const ParameterRef& parameter, CodeForm form) {
+  const size_t head =
+      form == CodeForm::kSymmetric ? sizeof(float) : sizeof(float) + sizeof(int32_t);
+  const size_t sums = HasRowSums(parameter, form) ? parameter.rows * sizeof(float) : 0;
+  return head + sums + parameter.count();
+}
+
+bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, FixedBlock& block,
+                   uint64_t& memory_bytes) {
+  if (!ReadValues(fp, block.scale)) return false;
+  if (form == CodeForm::kAsymmetric && !ReadValues(fp, block.zero_point)) return false;
+  if (HasRowSums(parameter, form)) {
+    block.row_sums.resize(parameter.rows);
+    if (!ReadArray(fp, std::span<float>(block.row_sums))) return false;
+  }
+  std::vector<uint8_t> codes(parameter.count());
+  if (!ReadArray(fp, std::span<uint8_t>(codes))) return false;
+  parameter.array->Allocate(parameter.rows + parameter.spare_rows, parameter.cols, memory_bytes);
+  const Coding coding{form, block.scale, block.zero_point};
+  bool same = true;
+  for (size_t i = 0; i < codes.size(); ++i) {
+    const float value = coding.Decode(codes[i]);
+    (*parameter.array)[i] = value;
+    same = same && coding.Encode(value) == codes[i];
+  }
+  if (!same) block.codes = std::move(codes);
+  return true;
+}
+
+bool WriteCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form,
+                    const FixedBlock& block) {
+  if (!WriteValues(fp, block.scale)) return false;
+  if (form == CodeForm::kAsymmetric && !WriteValues(fp, block.zero_point)) return false;
+  if (!WriteArray(fp, std::span<const float>(block.row_sums))) return false;
+  if (!block.codes.empty()) return WriteArray(fp, std::span<const uint8_t>(block.codes));
+  const Coding coding{form, block.scale, block.zero_point};
+  std::vector<uint8_t> codes(parameter.count());
+  std::ranges::transform(Values(parameter), codes.begin(),
+                         [&](float value) { return coding.Encode(value); });
+  return WriteArray(fp, std::span<const uint8_t>(codes));
+}
+
+bool WriteCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form) {
+  FixedBlock block;
+  if (form == CodeForm::kSymmetric) {
+    block.scale = SymmetricScale(parameter.array->data(), parameter.count());
+  } else {
+    block = FitAsymmetric(Values(parameter));
+  }
+  if (HasRowSums(parameter, form)) {
+    block.row_sums = SumRows(block.codes, parameter.rows, parameter.cols);
+  }
+  return WriteCodeBlock(fp, parameter, form, block);
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

@@ -1,0 +1,294 @@
+#include "nnet/contract/parameter-block.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "nnet/contract/nnet-component.h"
+#include "utils/file-io.h"
+#include "utils/half-float.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+bool InBinary(const Field& field) { return field.use != FieldUse::kTextOnly; }
+bool InText(const Field& field) { return field.use != FieldUse::kBinaryOnly; }
+
+std::span<const float> Values(const ParameterRef& parameter) {
+  return std::as_const(*parameter.array).values().first(parameter.count());
+}
+
+// ---- Fields ---------------------------------------------------------------------------------------
+
+template <class T>
+bool ReadValue(FILE* fp, const char* name, T& value, Refusal& why) {
+  const size_t got = std::fread(&value, 1, sizeof(T), fp);
+  return got == sizeof(T) || why.Because("%s: %zu bytes wanted, %zu left", name, sizeof(T), got);
+}
+
+// A bool is a byte in the file; only 0 is false.
+bool ReadValue(FILE* fp, const char* name, bool& value, Refusal& why) {
+  uint8_t byte = 0;
+  if (!ReadValue(fp, name, byte, why)) return false;
+  value = byte != 0;
+  return true;
+}
+
+bool ReadValue(FILE* fp, const char* name, std::string& value, Refusal& why) {
+  return fread_string(fp, value) || why.Because("%s: no complete string", name);
+}
+
+bool ReadValue(FILE* fp, const char* /*name*/, CustomPart& part, Refusal& why) {
+  return part.ReadPart(fp, why);
+}
+
+bool ReadFields(FILE* fp, const FieldList& fields, Refusal& why) {
+  return std::ranges::all_of(fields, [&](const Field& field) {
+    return !InBinary(field) ||
+           std::visit([&](auto* value) { return ReadValue(fp, field.name, *value, why); },
+                      field.value);
+  });
+}
+
+bool ReadTextFields(FILE* fp, const FieldList& fields, Refusal& why) {
+  PropertyTable properties;
+  std::vector<CustomPart*> parts;
+  for (const Field& field : fields) {
+    if (!InText(field)) continue;
+    std::visit(
+        [&](auto* value) {
+          if constexpr (std::is_same_v<decltype(value), CustomPart*>) {
+            parts.push_back(value);
+          } else {
+            AddProperty(properties, field.name, value, field.use == FieldUse::kRequired);
+          }
+        },
+        field.value);
+  }
+  if (!properties.empty()) ReadProperties(fp, properties);
+  return std::ranges::all_of(parts, [&](CustomPart* part) { return part->ReadTextPart(fp, why); });
+}
+
+template <class T>
+bool WriteValue(FILE* fp, const T& value) {
+  return WriteValues(fp, value);
+}
+bool WriteValue(FILE* fp, bool value) { return WriteValues(fp, static_cast<uint8_t>(value)); }
+bool WriteValue(FILE* fp, const std::string& value) { return fwrite_string(fp, value); }
+bool WriteValue(FILE* fp, const CustomPart& part) { return part.WritePart(fp); }
+
+bool WriteFields(FILE* fp, const FieldList& fields) {
+  return std::ranges::all_of(fields, [fp](const Field& field) {
+    return !InBinary(field) ||
+           std::visit([fp](auto* value) { return WriteValue(fp, *value); }, field.value);
+  });
+}
+
+// ---- Arrays ---------------------------------------------------------------------------------------
+
+// How the arrays of a layer are stored in its own binary form.
+struct ArrayReader {
+  BlockForm form;
+  std::vector<FixedBlock>* codes;
+  uint64_t& memory_bytes;
+  Refusal& why;
+
+  size_t StoredBytes(const ParameterRef& parameter) const {
+    if (codes != nullptr) return CodeBlockBytes(parameter, form.codes);
+    return parameter.count() * (form.floats == FloatForm::kHalf ? sizeof(uint16_t) : sizeof(float));
+  }
+
+  // A shape from a model file: its bytes must not wrap, and must still be in the file.
+  bool Holds(FILE* fp, const ParameterRef& parameter) const {
+    constexpr size_t kMostValues = SIZE_MAX / 16;
+    const size_t rows = std::max<size_t>(parameter.rows, 1);
+    if (parameter.cols > kMostValues / rows) {
+      return why.Because("%s [%zu x %zu]: too large", parameter.name, parameter.rows,
+                         parameter.cols);
+    }
+    const size_t wanted = StoredBytes(parameter);
+    if (FileHolds(fp, wanted, 1)) return true;
+    return why.Because("%s [%zu x %zu]: %zu bytes wanted, %zu left", parameter.name, parameter.rows,
+                       parameter.cols, wanted, RemainingBytes(fp));
+  }
+
+  std::span<float> Allocate(const ParameterRef& parameter) const {
+    uint64_t not_counted = 0;
+    parameter.array->Allocate(parameter.rows + parameter.spare_rows, parameter.cols,
+                              parameter.counted ? memory_bytes : not_counted);
+    return parameter.array->values().first(parameter.count());
+  }
+
+  bool ReadValues(FILE* fp, const ParameterRef& parameter, size_t index) const {
+    if (codes != nullptr) {
+      return ReadCodeBlock(fp, parameter, form.codes, (*codes)[index], memory_bytes);
+    }
+    if (form.floats == FloatForm::kSingle) return ReadArray(fp, Allocate(parameter));
+    std::vector<uint16_t> halves(parameter.count());
+    if (!ReadArray(fp, std::span<uint16_t>(halves))) return false;
+    std::ranges::transform(halves, Allocate(parameter).begin(), HalfToFloat);
+    return true;
+  }
+
+  bool Read(FILE* fp, const ParameterRef& parameter, size_t index) const {
+    if (!Holds(fp, parameter)) return false;
+    if (!ReadValues(fp, parameter, index)) return why.Because("%s: cut short", parameter.name);
+    Arrange(parameter);
+    return true;
+  }
+
+  // Values stay as they are read; of 8-bit blocks only the scales are derived.
+  void ReadText(FILE* fp, const ParameterRef& parameter, size_t index) const {
+    std::vector<float> values;
+    if (parameter.text_by_row) {
+      for (size_t row = 0; row < parameter.rows; ++row) {
+        const std::vector<float> matrix =
+            ReadTextValues(fp, parameter.text_row.rows, parameter.text_row.cols, form.opening);
+        values.insert(values.end(), matrix.begin(), matrix.end());
+      }
+    } else {
+      values = ReadTextValues(fp, static_cast<int>(parameter.rows),
+                              static_cast<int>(parameter.cols), form.opening);
+    }
+    std::ranges::copy(values, Allocate(parameter).begin());
+    if (codes != nullptr) (*codes)[index].scale = SymmetricScale(values.data(), values.size());
+    Arrange(parameter);
+  }
+
+  static void Arrange(const ParameterRef& parameter) {
+    if (parameter.order != nullptr) *parameter.array = parameter.order->Held(*parameter.array);
+  }
+};
+
+template <class Visit>
+void VisitArrays(Component& layer, Refusal& why, Visit visit) {
+  const ParameterList arrays = layer.MutableParameters();
+  std::vector<FixedBlock>* codes = layer.StoredCodes();
+  if (codes != nullptr) codes->assign(arrays.size(), {});
+  visit(arrays, ArrayReader{layer.Form(), codes, layer.memory_bytes, why});
+}
+
+bool ReadArrays(FILE* fp, Component& layer, Refusal& why) {
+  bool read = true;
+  VisitArrays(layer, why, [&](const ParameterList& arrays, const ArrayReader& reader) {
+    for (size_t i = 0; i < arrays.size() && read; ++i) read = reader.Read(fp, arrays[i], i);
+  });
+  return read;
+}
+
+void ReadTextArrays(FILE* fp, Component& layer, Refusal& why) {
+  VisitArrays(layer, why, [&](const ParameterList& arrays, const ArrayReader& reader) {
+    for (const bool first : {true, false}) {
+      for (size_t i = 0; i < arrays.size(); ++i) {
+        if (arrays[i].text_first == first) reader.ReadText(fp, arrays[i], i);
+      }
+    }
+  });
+}
+
+bool WriteFloats(FILE* fp, const ParameterRef& parameter, FloatForm form) {
+  if (parameter.order != nullptr) {
+    const std::vector<float> stored = parameter.order->Stored(*parameter.array);
+    return WriteArray(fp, std::span<const float>(stored));
+  }
+  if (form == FloatForm::kSingle) return WriteArray(fp, Values(parameter));
+  std::vector<uint16_t> halves(parameter.count());
+  std::ranges::transform(Values(parameter), halves.begin(), FloatToHalf);
+  return WriteArray(fp, std::span<const uint16_t>(halves));
+}
+
+bool WriteArrays(FILE* fp, const Component& layer, bool fixed) {
+  const ParameterList arrays = layer.Parameters();
+  const BlockForm form = layer.Form();
+  const std::vector<FixedBlock>* codes = const_cast<Component&>(layer).StoredCodes();
+  if (codes != nullptr && codes->size() != arrays.size()) return false;
+  for (size_t i = 0; i < arrays.size(); ++i) {
+    const bool written = codes != nullptr ? WriteCodeBlock(fp, arrays[i], form.codes, (*codes)[i])
+                         : fixed && form.codes != CodeForm::kNone
+                             ? WriteCodeBlock(fp, arrays[i], form.codes)
+                             : WriteFloats(fp, arrays[i], form.floats);
+    if (!written) return false;
+  }
+  return true;
+}
+
+// ---- Nested components ----------------------------------------------------------------------------
+
+bool ReadNested(FILE* fp, Component& layer, bool binary, Refusal& why) {
+  const NestedList nested = layer.Nested();
+  for (size_t i = 0; i < nested.size(); ++i) {
+    try {
+      nested[i].layer->reset(Component::Read(fp, binary));
+    } catch (ComponentRefused& refused) {
+      refused.AddPlace(layer.TypeMarker() + " component " + std::to_string(i));
+      throw;
+    }
+    if (!layer.AcceptNested(i, why)) return false;
+    layer.memory_bytes += (*nested[i].layer)->MemoryBytes();
+  }
+  return true;
+}
+
+bool WriteNested(FILE* fp, const Component& layer, bool fixed) {
+  return std::ranges::all_of(const_cast<Component&>(layer).Nested(), [&](const NestedRef& nested) {
+    if (*nested.layer == nullptr) return true;
+    const Component& component = **nested.layer;
+    return fixed ? component.WriteFixed(fp) : component.Write(fp);
+  });
+}
+
+bool WriteWhole(FILE* fp, const Component& layer, bool fixed) {
+  return WriteFields(fp, const_cast<Component&>(layer).Fields()) && WriteArrays(fp, layer, fixed) &&
+         WriteNested(fp, layer, fixed);
+}
+
+}  // namespace
+
+ParameterList Join(ParameterList first, const ParameterList& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+bool ReadBlock(FILE* fp, Component& layer, Refusal& why) {
+  why.Clear();
+  return ReadFields(fp, layer.Fields(), why) && layer.Validate(why) && ReadArrays(fp, layer, why) &&
+         ReadNested(fp, layer, true, why);
+}
+
+bool ReadTextBlock(FILE* fp, Component& layer, Refusal& why) {
+  why.Clear();
+  if (layer.StoredCodes() != nullptr && layer.Form().codes == CodeForm::kAsymmetric) {
+    return why.Because("%s has no text form", layer.TypeMarker().c_str());
+  }
+  if (!ReadTextFields(fp, layer.Fields(), why) || !layer.Validate(why)) return false;
+  ReadTextArrays(fp, layer, why);
+  return ReadNested(fp, layer, false, why);
+}
+
+bool WriteBlock(FILE* fp, const Component& layer) { return WriteWhole(fp, layer, false); }
+
+bool WriteFixedBlock(FILE* fp, const Component& layer) { return WriteWhole(fp, layer, true); }
+
+bool MapBlock(const char** cursor, Component& layer) {
+  Refusal why;
+  const char* at = *cursor;
+  for (const Field& field : layer.Fields()) {
+    if (!InBinary(field)) continue;
+    auto* const value = std::get<int32_t*>(field.value);
+    std::memcpy(value, at, sizeof(*value));
+    at += sizeof(*value);
+  }
+  if (!layer.Validate(why) || reinterpret_cast<uintptr_t>(at) % alignof(float) != 0) return false;
+  for (const ParameterRef& parameter : layer.MutableParameters()) {
+    parameter.array->Map(reinterpret_cast<const float*>(at), parameter.count());
+    const size_t bytes = parameter.count() * sizeof(float);
+    at += bytes;
+    layer.memory_bytes += bytes;
+  }
+  *cursor = at;
+  return true;
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

@@ -1,0 +1,163 @@
+#ifndef NNET_CONTRACT_PARAMETER_BLOCK_H_
+#define NNET_CONTRACT_PARAMETER_BLOCK_H_
+
+// The description of a parameter block. A layer says its block once: the fields in front, the
+// arrays, the nested components and how its arrays are stored. Binary and text reading, writing,
+// fixed-point writing and mapping are walks of that description, declared at the end.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "nnet/base/nnet-util.h"
+#include "nnet/contract/refusal.h"
+#include "utils/utils.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+class Component;
+
+/// A dimension as a size; a negative one counts as none.
+constexpr size_t ToSize(int64_t n) { return n > 0 ? static_cast<size_t>(n) : 0; }
+
+/// A part of a block with a format of its own.
+class CustomPart {
+ public:
+  CustomPart() = default;
+  CustomPart(const CustomPart&) = default;
+  CustomPart& operator=(const CustomPart&) = default;
+  virtual ~CustomPart() = default;
+
+  virtual bool ReadPart(FILE* fp, Refusal& why) = 0;
+  virtual bool ReadTextPart(FILE* /*fp*/, Refusal& /*why*/) { return true; }
+  virtual bool WritePart(FILE* fp) const = 0;
+};
+
+enum class FieldUse {
+  kOptional,    // in both forms; the text form may leave it out
+  kRequired,    // in both forms
+  kTextOnly,    // optional in the text form, absent from the binary one
+  kBinaryOnly,  // absent from the text form
+};
+
+/// A value in front of the arrays. Its type in the file follows from the member's: int32, float,
+/// one byte for a bool, a byte count and the bytes for a string. `name` is the text property's;
+/// where there is none it serves reasons only. A null int32 is read from the text form and dropped.
+struct Field {
+  const char* name;
+  std::variant<int32_t*, float*, bool*, std::string*, CustomPart*> value;
+  FieldUse use = FieldUse::kOptional;
+};
+using FieldList = std::vector<Field>;
+
+/// A property that exporters write into the text form and that has no meaning here.
+inline Field IgnoredField(const char* name) {
+  return {name, static_cast<int32_t*>(nullptr), FieldUse::kTextOnly};
+}
+
+/// The order in which an array is held, where it is not that of the file.
+class ArrayOrder {
+ public:
+  ArrayOrder() = default;
+  ArrayOrder(const ArrayOrder&) = default;
+  ArrayOrder& operator=(const ArrayOrder&) = default;
+  virtual ~ArrayOrder() = default;
+
+  virtual FloatArray Held(const FloatArray& stored) const = 0;
+  virtual std::vector<float> Stored(const FloatArray& held) const = 0;
+};
+
+/// The shape of one bracketed matrix of the text form.
+struct TextShape {
+  int rows;
+  int cols;
+};
+
+/// One array of a block: where its values live and the shape that the file gives them. After the
+/// values the array may hold further rows of zeros.
+struct ParameterRef {
+  const char* name;
+  FloatArray* array;
+  size_t rows;
+  size_t cols;
+  /// Vectors have one row, and no row sums in asymmetric 8-bit form.
+  bool is_matrix;
+  size_t spare_rows = 0;
+  /// Whether it stands in front of the other arrays in the text form.
+  bool text_first = false;
+  /// With one row of the shape for each row of the array: how each is cut into a text matrix.
+  bool text_by_row = false;
+  TextShape text_row = {1, 0};
+  const ArrayOrder* order = nullptr;
+  /// Whether it counts in memory_bytes.
+  bool counted = true;
+
+  size_t count() const { return rows * cols; }
+};
+using ParameterList = std::vector<ParameterRef>;
+
+inline ParameterRef Matrix(const char* name, FloatArray& array, int64_t rows, int64_t cols) {
+  return {
+      .name = name, .array = &array, .rows = ToSize(rows), .cols = ToSize(cols), .is_matrix = true};
+}
+inline ParameterRef Vector(const char* name, FloatArray& array, int64_t size) {
+  return {.name = name, .array = &array, .rows = 1, .cols = ToSize(size), .is_matrix = false};
+}
+/// `count` matrices of the shape, each of them bracketed in the text form.
+inline ParameterRef Matrices(const char* name, FloatArray& array, int64_t count, TextShape shape,
+                             const ArrayOrder* order = nullptr) {
+  ParameterRef matrices = Matrix(name, array, count, int64_t{shape.rows} * shape.cols);
+  matrices.text_by_row = true;
+  matrices.text_row = shape;
+  matrices.order = order;
+  return matrices;
+}
+inline ParameterRef Uncounted(ParameterRef parameter) {
+  parameter.counted = false;
+  return parameter;
+}
+/// The arrays of two directions, one after the other.
+ParameterList Join(ParameterList first, const ParameterList& second);
+
+using NestedLayer = std::unique_ptr<Component>;
+
+/// A complete component inside a block, under the name that messages give it.
+struct NestedRef {
+  const char* name;
+  NestedLayer* layer;
+};
+using NestedList = std::vector<NestedRef>;
+
+/// How a float array is stored in the binary form.
+enum class FloatForm { kSingle, kHalf };
+/// What the fixed-point write makes of an array; see fixed-block.h.
+enum class CodeForm { kNone, kSymmetric, kAsymmetric };
+
+/// What holds for all arrays of a block.
+struct BlockForm {
+  FloatForm floats = FloatForm::kSingle;
+  CodeForm codes = CodeForm::kNone;
+  MatrixOpening opening = MatrixOpening::kStrict;
+};
+
+// The walks. Readers compare an array with the rest of the file before they allocate it, check the
+// fields before the arrays (Component::Validate) and say why they failed. The text reader throws as
+// the readers of properties and matrices do.
+
+bool ReadBlock(FILE* fp, Component& layer, Refusal& why);
+bool ReadTextBlock(FILE* fp, Component& layer, Refusal& why);
+bool WriteBlock(FILE* fp, const Component& layer);
+/// Writes 8-bit blocks where the layer's form has them, and nested components in their fixed-point
+/// form.
+bool WriteFixedBlock(FILE* fp, const Component& layer);
+/// Points the arrays into an image of the binary block with 32-bit floats and advances the cursor;
+/// false when the floats are not aligned.
+bool MapBlock(const char** cursor, Component& layer);
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_CONTRACT_PARAMETER_BLOCK_H_

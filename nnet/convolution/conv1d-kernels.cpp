@@ -1,0 +1,246 @@
+#include "nnet/convolution/conv1d-kernels.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <utility>
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "nnet/convolution/conv1d-kernels.cpp"
+#include <hwy/foreach_target.h>  // IWYU pragma: keep
+// After foreach_target.h, which includes this file again for every target.
+#include <hwy/highway.h>
+
+HWY_BEFORE_NAMESPACE();
+namespace tarev::nnet::handwriting_CTC {
+namespace HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+// Sums that are formed side by side in registers. With the weights and an input value beside them
+// they fill the sixteen registers of AVX2, and twelve chains hide the latency of the additions.
+constexpr size_t kChains = 12;
+// A depthwise sum is short and every product loads an input of its own: fewer chains do.
+constexpr size_t kDepthwiseChains = 6;
+// Blocks that are computed side by side where a run has a single frame.
+constexpr size_t kBlocksOfOneFrame = 4;
+
+// Where a tile starts: its first frame in a block, or in blocks that lie block_stride apart in the
+// weights.
+struct TilePlace {
+  const float* in;
+  const float* weights;
+  const float* bias;
+  float* out;
+  size_t block_stride;
+};
+
+template <size_t kWidth>
+using BlockTag = hn::CappedTag<float, kWidth>;
+
+template <size_t kWidth>
+constexpr size_t VectorsOf() {
+  return kWidth / hn::MaxLanes(BlockTag<kWidth>());
+}
+
+// kFrames frames x kBlocks blocks. In a depthwise convolution every channel reads an input value of
+// its own, otherwise all channels share one. The loops over frames and vectors must be unrolled for
+// the sums to stay in registers.
+template <size_t kWidth, size_t kBlocks, bool kDepthwise, size_t kFrames>
+void Tile(const ConvolutionRun& run, const TilePlace& at) {
+  const BlockTag<kWidth> d;
+  using V = hn::Vec<BlockTag<kWidth>>;
+  constexpr size_t kLanes = hn::MaxLanes(d);
+  constexpr size_t kPerBlock = VectorsOf<kWidth>();
+  constexpr size_t kVectors = kBlocks * kPerBlock;
+  constexpr ptrdiff_t kRow = kWidth;
+  // Copies, since the stores below could otherwise change what the references show.
+  const TermLoop loop_outer = run.outer;
+  const TermLoop loop_inner = run.inner;
+  const ptrdiff_t in_frame_step = run.in_frame_step;
+  const ptrdiff_t out_frame_step = run.out_frame_step;
+  const float* bias = at.bias;
+  float* out = at.out;
+
+  V sums[kFrames][kVectors];
+#pragma GCC unroll 12
+  for (size_t f = 0; f < kFrames; ++f) {
+#pragma GCC unroll 16
+    for (size_t v = 0; v < kVectors; ++v) sums[f][v] = hn::Zero(d);
+  }
+  const float* outer_in = at.in;
+  const float* outer_weights = at.weights;
+  for (size_t outer = loop_outer.count; outer != 0; --outer) {
+    const float* x = outer_in;
+    const float* w = outer_weights;
+    for (size_t inner = loop_inner.count; inner != 0; --inner) {
+      V weights[kVectors];
+#pragma GCC unroll 16
+      for (size_t v = 0; v < kVectors; ++v) {
+        weights[v] = hn::LoadU(d, w + v / kPerBlock * at.block_stride + v % kPerBlock * kLanes);
+      }
+#pragma GCC unroll 12
+      for (size_t f = 0; f < kFrames; ++f) {
+        const float* value = x + static_cast<ptrdiff_t>(f) * in_frame_step;
+#pragma GCC unroll 16
+        for (size_t v = 0; v < kVectors; ++v) {
+          const V input = kDepthwise ? hn::LoadU(d, value + v * kLanes) : hn::Set(d, *value);
+          sums[f][v] = hn::Add(sums[f][v], hn::Mul(input, weights[v]));
+        }
+      }
+      x += loop_inner.in_step;
+      w += loop_inner.weight_step * kRow;
+    }
+    outer_in += loop_outer.in_step;
+    outer_weights += loop_outer.weight_step * kRow;
+  }
+#pragma GCC unroll 12
+  for (size_t f = 0; f < kFrames; ++f, out += out_frame_step) {
+#pragma GCC unroll 16
+    for (size_t v = 0; v < kVectors; ++v) {
+      hn::StoreU(hn::Add(sums[f][v], hn::LoadU(d, bias + v * kLanes)), d, out + v * kLanes);
+    }
+  }
+}
+
+using TileFunction = void (*)(const ConvolutionRun&, const TilePlace&);
+
+// Tiles of one block by their number of frames, from 1 on.
+template <size_t kWidth, bool kDepthwise, size_t... kLess>
+constexpr std::array<TileFunction, sizeof...(kLess)> TilesOf(std::index_sequence<kLess...>) {
+  return {&Tile<kWidth, 1, kDepthwise, kLess + 1>...};
+}
+
+// The frames of a run in tiles of about the same size, so that no small one is left over.
+template <size_t kWidth, bool kDepthwise>
+void RunBlock(const ConvolutionRun& run, TilePlace at) {
+  constexpr size_t kMost =
+      std::max<size_t>(1, (kDepthwise ? kDepthwiseChains : kChains) / VectorsOf<kWidth>());
+  static constexpr auto kTiles = TilesOf<kWidth, kDepthwise>(std::make_index_sequence<kMost>());
+  size_t left = run.frames;
+  for (size_t tiles = (run.frames + kMost - 1) / kMost; tiles != 0; --tiles) {
+    const size_t frames = (left + tiles - 1) / tiles;
+    kTiles[frames - 1](run, at);
+    at.in += static_cast<ptrdiff_t>(frames) * run.in_frame_step;
+    at.out += static_cast<ptrdiff_t>(frames) * run.out_frame_step;
+    left -= frames;
+  }
+}
+
+// A block of which not all channels exist, at the end of a row: goes through a buffer, a few frames
+// at a time.
+void RunPartialBlock(const ConvolutionRun& run, TilePlace at, size_t channels) {
+  constexpr size_t kFrames = 4 * kChains;
+  HWY_ALIGN float rows[kFrames * kNarrowBlock];
+  HWY_ALIGN float bias[kNarrowBlock] = {};
+  std::copy_n(at.bias, channels, bias);
+  ConvolutionRun part = run;
+  part.out_frame_step = kNarrowBlock;
+  float* out = at.out;
+  at.bias = bias;
+  at.out = rows;
+  for (size_t left = run.frames; left != 0; left -= part.frames) {
+    part.frames = std::min(left, kFrames);
+    RunBlock<kNarrowBlock, false>(part, at);
+    for (size_t f = 0; f < part.frames; ++f, out += run.out_frame_step) {
+      std::copy_n(rows + f * kNarrowBlock, channels, out);
+    }
+    at.in += static_cast<ptrdiff_t>(part.frames) * run.in_frame_step;
+  }
+}
+
+// A sum that starts from 0 is never -0, so that adding 0 changes no bit of it.
+constexpr float kNoBias[kBlocksOfOneFrame * kWideBlock] = {};
+
+// One group, behind whose first channel an output row has `room` channels. A block of which not all
+// channels exist may write into the groups behind it, which are computed later.
+template <bool kDepthwise>
+void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const TilePlace& group,
+              size_t room) {
+  const size_t channels = shape.out_per_group;
+  const float* weights = group.weights;
+  for (size_t next = 0; next < channels;) {
+    const ChannelBlock block = BlockFrom(next, channels);
+    const TilePlace at = {group.in + (kDepthwise ? block.offset : 0),
+                          weights + run.first_row * block.width,
+                          group.bias != nullptr ? group.bias + block.offset : kNoBias,
+                          group.out + block.offset, shape.terms * kWideBlock};
+    size_t width = block.width;
+    if (run.frames == 1 && channels - next >= kBlocksOfOneFrame * kWideBlock) {
+      width = kBlocksOfOneFrame * kWideBlock;
+      Tile<kWideBlock, kBlocksOfOneFrame, kDepthwise, 1>(run, at);
+    } else if (block.width == kWideBlock) {
+      RunBlock<kWideBlock, kDepthwise>(run, at);
+    } else if (block.offset + kNarrowBlock <= room) {
+      RunBlock<kNarrowBlock, kDepthwise>(run, at);
+    } else {
+      RunPartialBlock(run, at, block.channels);
+    }
+    weights += width * shape.terms;
+    next = block.offset + width;
+  }
+}
+
+void Convolve(const ConvolutionShape& shape, const float* weights, const float* bias,
+              const ConvolutionRun& run) {
+  TilePlace group = {run.in, weights, bias, run.out, 0};
+  if (shape.depthwise) return RunGroup<true>(shape, run, group, shape.out_per_group);
+  const size_t group_weights = shape.GroupWeights();
+  for (size_t g = 0; g < shape.groups; ++g) {
+    RunGroup<false>(shape, run, group, (shape.groups - g) * shape.out_per_group);
+    group.in += shape.in_per_group;
+    group.weights += group_weights;
+    group.out += shape.out_per_group;
+    if (bias != nullptr) group.bias += shape.out_per_group;
+  }
+}
+
+// Columns [begin, end) of one output frame in steps of the tag's lanes.
+template <class D>
+void PoolColumns(D d, size_t begin, size_t end, const PoolRun& run, const float* in, float* out) {
+  const auto zero = hn::Zero(d);
+  for (size_t c = begin; c < end; c += hn::Lanes(d)) {
+    auto best = hn::Set(d, std::numeric_limits<float>::lowest());
+    if (run.padding_before) best = hn::IfThenElse(hn::Gt(zero, best), zero, best);
+    const float* value = in + c;
+    for (size_t tap = 0; tap < run.taps; ++tap, value += run.tap_step) {
+      const auto x = hn::LoadU(d, value);
+      best = hn::IfThenElse(hn::Gt(x, best), x, best);
+    }
+    if (run.padding_after) best = hn::IfThenElse(hn::Gt(zero, best), zero, best);
+    hn::StoreU(best, d, out + c);
+  }
+}
+
+void MaxPool(const PoolRun& run, size_t columns) {
+  const hn::ScalableTag<float> d;
+  const size_t whole = columns / hn::Lanes(d) * hn::Lanes(d);
+  const float* in = run.in;
+  float* out = run.out;
+  for (size_t f = 0; f < run.frames; ++f, in += run.in_frame_step, out += columns) {
+    PoolColumns(d, 0, whole, run, in, out);
+    PoolColumns(hn::CappedTag<float, 1>(), whole, columns, run, in, out);
+  }
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace tarev::nnet::handwriting_CTC
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace tarev::nnet::handwriting_CTC {
+
+HWY_EXPORT(Convolve);
+HWY_EXPORT(MaxPool);
+
+void convolve_run(const ConvolutionShape& shape, const float* weights, const float* bias,
+                  const ConvolutionRun& run) {
+  HWY_DYNAMIC_DISPATCH(Convolve)(shape, weights, bias, run);
+}
+
+void max_pool_run(const PoolRun& run, size_t columns) {
+  HWY_DYNAMIC_DISPATCH(MaxPool)(run, columns);
+}
+
+}  // namespace tarev::nnet::handwriting_CTC
+#endif  // HWY_ONCE

@@ -1,0 +1,346 @@
+#include "nnet/convolution/conv1d.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <limits>
+#include <numeric>
+#include <vector>
+
+#include "nnet/base/element-kernels.h"
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+// Toward infinity; the divisor is positive.
+int64_t CeilDiv(int64_t a, int64_t b) { return a / b + (a % b > 0 ? 1 : 0); }
+
+// Taps that step over `frames` frames: tap j of output frame t looks at t * stride + first + j *
+// step.
+struct TapWalk {
+  int64_t stride;
+  int64_t first;
+  int64_t step;
+  int64_t taps;
+  int64_t frames;
+};
+
+// The taps [begin, end) of an output frame that lie inside the input, and the next output frame for
+// which these are others.
+struct TapRange {
+  int64_t begin;
+  int64_t end;
+  int64_t next_frame;
+};
+
+// As t grows, taps leave at the end of the range and enter at its beginning. A walk therefore has
+// at most 2 taps + 1 ranges, however many frames there are.
+TapRange TapsOf(const TapWalk& walk, int64_t t) {
+  const int64_t position = t * walk.stride + walk.first;
+  const int64_t begin = std::clamp<int64_t>(CeilDiv(-position, walk.step), 0, walk.taps);
+  const int64_t end = std::clamp<int64_t>(CeilDiv(walk.frames - position, walk.step), 0, walk.taps);
+  int64_t next = std::numeric_limits<int64_t>::max();
+  if (begin > 0) {
+    next = CeilDiv(-walk.first - (begin - 1) * walk.step, walk.stride);
+  }
+  if (end > 0) {
+    const int64_t leaves = walk.frames - walk.first - (end - 1) * walk.step;
+    next = std::min(next, CeilDiv(leaves, walk.stride));
+  }
+  return {begin, std::max(begin, end), next};
+}
+
+}  // namespace
+
+// The window.
+
+int64_t WindowParameters::WindowFrames(int64_t frames) const {
+  const int64_t positions = WindowPositions(frames);
+  return positions < 1 ? 0 : CeilDiv(positions, stride);
+}
+
+FieldList WindowParameters::WindowFields() {
+  return {{"<KernelSize>", &kernel_size, FieldUse::kRequired},
+          {"<Stride>", &stride},
+          {"<Left>", &padding_left},
+          {"<Right>", &padding_right},
+          {"<Dilation>", &dilation}};
+}
+
+bool WindowParameters::ValidateWindow(Refusal& why) {
+  effective_kernel = (int64_t{kernel_size} - 1) * dilation + 1;
+  return why.AtLeast("<KernelSize>", kernel_size, 0) && why.AtLeast("<Stride>", stride, 1) &&
+         why.AtLeast("<Left>", padding_left, 0) && why.AtLeast("<Right>", padding_right, 0) &&
+         why.AtLeast("<Dilation>", dilation, 1);
+}
+
+// What both convolutions store.
+
+ParameterList ConvolutionParameters::Arrays() {
+  ParameterList list = {Matrices("kernel", kernel, kernel_rows, {1, kernel_size}, this)};
+  if (has_bias != 0) list.push_back(Vector("bias_vector", bias_vector, OutDim()));
+  return list;
+}
+
+bool ConvolutionParameters::ValidateShape(const Component& layer, Refusal& why) {
+  const int32_t in_dim = layer.input_dim;
+  const int32_t out_dim = layer.output_dim;
+  if (!ValidateWindow(why) || !why.AtLeast("<Groups>", groups, 1) ||
+      !why.AtLeast("input dimension", in_dim, 0) || !why.AtLeast("output dimension", out_dim, 0) ||
+      !why.Equal("input dimension modulo <Groups>", in_dim % groups, "wanted", 0) ||
+      !why.Equal("output dimension modulo <Groups>", out_dim % groups, "wanted", 0)) {
+    return false;
+  }
+  in_per_group = in_dim / groups;
+  out_per_group = out_dim / groups;
+  kernel_rows = int64_t{in_dim} * out_per_group;
+  const size_t k = ToSize(kernel_size);
+  const bool depthwise = in_per_group == 1 && out_per_group == 1 && groups >= int{kNarrowBlock};
+  shape = depthwise ? ConvolutionShape{1, 1, ToSize(groups), k, true}
+                    : ConvolutionShape{ToSize(groups), ToSize(in_per_group), ToSize(out_per_group),
+                                       k * ToSize(in_per_group), false};
+  return true;
+}
+
+// Visits the index in compute order and the index in the file of every weight.
+template <class Visit>
+void ConvolutionParameters::ForEachWeight(Visit visit) const {
+  if (shape.Weights() == 0) return;
+  const size_t k = ToSize(kernel_size);
+  const size_t in = ToSize(in_per_group);
+  const size_t out = ToSize(out_per_group);
+  const auto stored = [&](size_t group, size_t p, size_t c, size_t tap) {
+    const size_t row =
+        row_order == RowOrder::kByOutput ? (group * out + p) * in + c : (group * in + c) * out + p;
+    return row * k + tap;
+  };
+  const bool taps_first = term_order == TermOrder::kTapsFirst;
+  size_t computed = 0;
+  for (size_t g = 0; g < shape.groups; ++g) {
+    for (size_t next = 0; next < shape.out_per_group;) {
+      const ChannelBlock block = BlockFrom(next, shape.out_per_group);
+      for (size_t term = 0; term < shape.terms; ++term, computed += block.width) {
+        const size_t tap = taps_first ? term / in : term % k;
+        const size_t c = taps_first ? term % in : term / k;
+        for (size_t lane = 0; lane < block.channels; ++lane) {
+          const size_t p = block.offset + lane;
+          visit(computed + lane, shape.depthwise ? stored(p, 0, c, tap) : stored(g, p, c, tap));
+        }
+      }
+      next = block.offset + block.width;
+    }
+  }
+}
+
+FloatArray ConvolutionParameters::Held(const FloatArray& stored) const {
+  FloatArray held;
+  held.Grow(shape.Weights());
+  ForEachWeight([&](size_t computed, size_t read) { held[computed] = stored[read]; });
+  return held;
+}
+
+std::vector<float> ConvolutionParameters::Stored(const FloatArray& held) const {
+  std::vector<float> stored(ToSize(kernel_rows) * ToSize(kernel_size));
+  ForEachWeight([&](size_t computed, size_t read) { stored[read] = held[computed]; });
+  return stored;
+}
+
+void ConvolutionParameters::Run(ConvolutionRun run, const Taps& taps) const {
+  if (taps.count > 0 && in_per_group > 0) {
+    const bool taps_first = term_order == TermOrder::kTapsFirst;
+    const ptrdiff_t tap_rows = taps_first ? in_per_group : 1;
+    const ptrdiff_t channel_rows = taps_first ? 1 : kernel_size;
+    const TermLoop tap_loop = {ToSize(taps.count), taps.in_step * InDim(), taps.spacing * tap_rows};
+    const TermLoop channel_loop = {ToSize(in_per_group), 1, channel_rows};
+    // With one input channel both orders are the same, and the longer loop goes inside.
+    const bool taps_outside = taps_first && in_per_group > 1;
+    run.outer = taps_outside ? tap_loop : channel_loop;
+    run.inner = taps_outside ? channel_loop : tap_loop;
+    run.first_row = ToSize(taps.first * tap_rows);
+    run.in += taps.in_frame * InDim();
+  } else {
+    run.in_frame_step = 0;
+  }
+  convolve_run(shape, kernel.data(), has_bias != 0 ? bias_vector.data() : nullptr, run);
+}
+
+// Convolution.
+
+FieldList Conv1dParameters::ConvolutionFields() {
+  FieldList fields = WindowFields();
+  fields.insert(fields.end(), {{"<Groups>", &groups}, {"<Bias>", &has_bias}});
+  return fields;
+}
+
+void Conv1dParameters::Convolve(const float* in, int64_t frames, int64_t padding,
+                                int64_t out_frames, float* out) const {
+  if (OutDim() == 0) return;
+  const TapWalk walk = {stride, -padding, dilation, kernel_size, std::max<int64_t>(frames, 0)};
+  for (int64_t t = 0; t < out_frames;) {
+    const TapRange taps = TapsOf(walk, t);
+    const int64_t end = std::min(taps.next_frame, out_frames);
+    const int64_t frame = t * stride - padding + taps.begin * dilation;
+    ConvolutionRun run = {};
+    run.in = in;
+    run.in_frame_step = stride * InDim();
+    run.out = out + t * OutDim();
+    run.out_frame_step = OutDim();
+    run.frames = ToSize(end - t);
+    Run(run, {taps.begin, taps.end - taps.begin, 1, frame, dilation});
+    t = end;
+  }
+}
+
+int64_t Conv1d::CalcOutputFrames(int64_t in_frames) const {
+  return in_frames < 1 ? 0 : WindowFrames(in_frames);
+}
+
+// A call without frames still makes those whose windows lie in the padding.
+CallPlan Conv1d::Plan(int64_t frames, int /*in_dim*/) const {
+  return {CalcOutputFrames(frames), BlockFloats(1, InDim(), frames),
+          BlockFloats(1, OutDim(), WindowFrames(frames))};
+}
+
+void Conv1d::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/, float* out,
+                          int /*call_id*/) {
+  const int64_t out_frames = WindowFrames(frames);
+  if (out_frames < 1) {
+    ThrowError(Here(),
+               "too few input frames! [frames:%" PRId64
+               ", padding:%d,%d, kernel_size:%d, dilation:%d]",
+               frames, padding_left, padding_right, kernel_size, dilation);
+  }
+  Convolve(in, frames, padding_left, out_frames, out);
+  output_frames = out_frames;
+}
+
+// Transposed convolution.
+
+FieldList ConvTranspose1dParameters::ConvolutionFields() {
+  FieldList fields = WindowFields();
+  fields.insert(fields.end() - 1, {"<OutputPadding>", &output_padding});
+  fields.insert(fields.end(), {{"<Groups>", &groups}, {"<Bias>", &has_bias}});
+  return fields;
+}
+
+bool ConvTranspose1dParameters::ValidateShape(const Component& layer, Refusal& why) {
+  return why.AtLeast("<OutputPadding>", output_padding, 0) &&
+         ConvolutionParameters::ValidateShape(layer, why);
+}
+
+void ConvTranspose1dParameters::FillWithBias(int64_t out_frames, float* out) const {
+  const size_t width = ToSize(OutDim());
+  for (int64_t t = 0; t < out_frames; ++t, out += width) {
+    zero_vec(out, width);
+    if (has_bias != 0) add_vec_to_rows(out, 1, width, bias_vector.data(), 1.0F);
+  }
+}
+
+// Output frames that lie a stride apart see the same taps, every few of the kernel, and from one of
+// them to the next the input moves on by one frame. Such a phase is an ordinary convolution of
+// stride 1 with taps that step backwards.
+void ConvTranspose1dParameters::Convolve(const float* in, int64_t frames, int64_t padding,
+                                         int64_t out_frames, float* out) const {
+  const int64_t spacing = stride / std::gcd(stride, dilation);
+  const int64_t phases = in_per_group == 0 ? 0 : std::min<int64_t>(spacing, kernel_size);
+  if (OutDim() == 0) return;
+  if (phases < stride) FillWithBias(out_frames, out);
+  for (int64_t tap = 0; tap < phases; ++tap) {
+    const int64_t position = int64_t{tap} * dilation - padding;
+    const int64_t input = CeilDiv(-position, stride);
+    ConvolvePhase({tap, position + input * stride, input}, in, frames, out_frames, out);
+  }
+}
+
+void ConvTranspose1dParameters::ConvolvePhase(const Phase& phase, const float* in, int64_t frames,
+                                              int64_t out_frames, float* out) const {
+  const int64_t common = std::gcd(stride, dilation);
+  const int64_t spacing = stride / common;
+  const int64_t step = dilation / common;
+  const int64_t taps = CeilDiv(kernel_size - phase.tap, spacing);
+  const int64_t count = CeilDiv(out_frames - phase.frame, stride);
+  // The walk counts the taps from the last one on, so that they step forwards.
+  const TapWalk walk = {1, phase.input - (taps - 1) * step, step, taps,
+                        std::max<int64_t>(frames, 0)};
+  for (int64_t m = 0; m < count;) {
+    const TapRange range = TapsOf(walk, m);
+    const int64_t end = std::min(range.next_frame, count);
+    const int64_t skipped = taps - range.end;
+    ConvolutionRun run = {};
+    run.in = in;
+    run.in_frame_step = InDim();
+    run.out = out + (phase.frame + m * stride) * OutDim();
+    run.out_frame_step = stride * OutDim();
+    run.frames = ToSize(end - m);
+    Run(run, {phase.tap + skipped * spacing, range.end - range.begin, spacing,
+              m + phase.input - skipped * step, -step});
+    m = end;
+  }
+}
+
+int64_t ConvTranspose1d::CalcOutputFrames(int64_t in_frames) const {
+  return std::max<int64_t>(0,
+                           SpreadFrames(in_frames) - padding_left - padding_right + output_padding);
+}
+
+CallPlan ConvTranspose1d::Plan(int64_t frames, int /*in_dim*/) const {
+  const int64_t out_frames = CalcOutputFrames(frames);
+  return {out_frames, BlockFloats(1, InDim(), frames), BlockFloats(1, OutDim(), out_frames)};
+}
+
+void ConvTranspose1d::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/, float* out,
+                                   int /*call_id*/) {
+  const int64_t out_frames = CalcOutputFrames(frames);
+  if (out_frames < 1) {
+    ThrowError(Here(),
+               "too few input frames! [frames:%" PRId64
+               ", padding:%d,%d, output_padding:%d, kernel_size:%d, dilation:%d]",
+               frames, padding_left, padding_right, output_padding, kernel_size, dilation);
+  }
+  Convolve(in, frames, padding_left, out_frames, out);
+  output_frames = out_frames;
+}
+
+// Pooling.
+
+void MaxPool1dParameters::Pool(const float* in, int64_t frames, int64_t padding, size_t columns,
+                               int64_t out_frames, float* out) const {
+  if (columns == 0) return;
+  const auto width = static_cast<ptrdiff_t>(columns);
+  const TapWalk walk = {stride, -padding, dilation, kernel_size, frames};
+  for (int64_t t = 0; t < out_frames;) {
+    const TapRange taps = TapsOf(walk, t);
+    const int64_t end = std::min(taps.next_frame, out_frames);
+    const int64_t frame = t * stride - padding + taps.begin * dilation;
+    const bool any = taps.begin < taps.end;
+    max_pool_run(
+        {any ? in + frame * width : in, any ? stride * width : 0, out + t * width, ToSize(end - t),
+         ToSize(taps.end - taps.begin), dilation * width, taps.begin > 0, taps.end < kernel_size},
+        columns);
+    t = end;
+  }
+}
+
+int64_t MaxPool1d::CalcOutputFrames(int64_t in_frames) const {
+  return in_frames < 1 ? 0 : WindowFrames(in_frames);
+}
+
+bool MaxPool1d::Validate(Refusal& why) {
+  return ValidateWindow(why) && why.SameWidth(input_dim, output_dim);
+}
+
+CallPlan MaxPool1d::Plan(int64_t frames, int in_dim) const {
+  const int64_t out_frames = CalcOutputFrames(frames);
+  return {out_frames, BlockFloats(1, in_dim, frames), BlockFloats(1, in_dim, out_frames)};
+}
+
+void MaxPool1d::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
+                             int /*call_id*/) {
+  const int64_t out_frames = CalcOutputFrames(frames);
+  if (out_frames < 1) ThrowError(Here(), "too few input frames in MaxPool1d");
+  AdoptSameWidth(in_dim);
+  Pool(in, frames, padding_left, ToSize(in_dim), out_frames, out);
+  output_frames = out_frames;
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

@@ -1,0 +1,188 @@
+#ifndef NNET_CONVOLUTION_CONV1D_H_
+#define NNET_CONVOLUTION_CONV1D_H_
+
+// Convolution, transposed convolution and pooling along the frame axis of a call. D is the input
+// dimension (input channels), O the output dimension (output channels), k the number of taps. The
+// parameter blocks know nothing of calls: streaming layers own them too and say themselves which
+// frames a call sees.
+
+#include <cstdint>
+#include <vector>
+
+#include "nnet/contract/nnet-component.h"
+#include "nnet/convolution/conv1d-kernels.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// A window of taps that slides over the frames, and the frames of padding around them.
+struct WindowParameters {
+  int32_t kernel_size = 0;
+  int32_t stride = 1;
+  int32_t padding_left = 0;
+  int32_t padding_right = 0;
+  int32_t dilation = 1;
+  /// Frames that the taps span, (k - 1) dilation + 1.
+  int64_t effective_kernel = 0;
+
+  /// Frames at which the window finds all its taps in `frames` frames and their padding.
+  int64_t WindowPositions(int64_t frames) const {
+    return frames + padding_left + padding_right - effective_kernel + 1;
+  }
+  /// Every stride-th of them; 0 when there is none.
+  int64_t WindowFrames(int64_t frames) const;
+  /// Whether there are as many as frames, however many these are.
+  bool KeepsFrames() const {
+    return stride == 1 && int64_t{padding_left} + padding_right == effective_kernel - 1;
+  }
+
+ protected:
+  FieldList WindowFields();
+  /// Checks the fields and derives the span.
+  bool ValidateWindow(Refusal& why);
+};
+
+/// In which order a sum runs over taps and input channels.
+enum class TermOrder { kTapsFirst, kChannelsFirst };
+
+/// What both convolutions store beside the window. After reading, the kernel is held in compute
+/// order alone; a write restores the order of the file.
+struct ConvolutionParameters : WindowParameters, ArrayOrder {
+  int64_t kernel_rows = 0;  // D x O / groups rows of k values
+  int32_t groups = 1;
+  int32_t in_per_group = 0;
+  int32_t out_per_group = 0;
+  int32_t has_bias = 0;
+  FloatArray kernel;
+  FloatArray bias_vector;  // O
+  bool kernel_transposed = false;
+
+  /// The arrays in file order with the shapes that they have in the file.
+  ParameterList Arrays();
+
+ protected:
+  /// What a row of the stored kernel belongs to: output channel by output channel, or input channel
+  /// by input channel.
+  enum class RowOrder { kByOutput, kByInput };
+  ConvolutionParameters(RowOrder rows, TermOrder terms) : row_order(rows), term_order(terms) {}
+
+  /// Checks the fields against the layer's dimensions and derives the rest.
+  bool ValidateShape(const Component& layer, Refusal& why);
+
+  ptrdiff_t InDim() const { return ptrdiff_t{groups} * in_per_group; }
+  ptrdiff_t OutDim() const { return ptrdiff_t{groups} * out_per_group; }
+  /// Taps `first`, `first` + spacing, … of the kernel. For the first output frame of a run they
+  /// look at the input frames in_frame, in_frame + in_step, …
+  struct Taps {
+    int64_t first;
+    int64_t count;
+    int64_t spacing;
+    int64_t in_frame;
+    int64_t in_step;
+  };
+  /// Computes a run of which everything but the terms is filled in; run.in is the call's input.
+  void Run(ConvolutionRun run, const Taps& taps) const;
+
+ private:
+  template <class Visit>
+  void ForEachWeight(Visit visit) const;
+  FloatArray Held(const FloatArray& stored) const override;
+  std::vector<float> Stored(const FloatArray& held) const override;
+
+  RowOrder row_order;
+  TermOrder term_order;
+  ConvolutionShape shape;
+};
+
+/// Output frame t, channel o: bias[o] + the sum over taps j and channels c of o's group of
+///   kernel[o][c][j] in[t stride - padding + j dilation][c].
+struct Conv1dParameters : ConvolutionParameters {
+  explicit Conv1dParameters(TermOrder terms = TermOrder::kTapsFirst)
+      : ConvolutionParameters(RowOrder::kByOutput, terms) {}
+
+  /// The fields in front of the kernel, in file order.
+  FieldList ConvolutionFields();
+  /// Computes `out_frames` frames from `frames` frames that `padding` frames stand before. Taps
+  /// outside the input add nothing.
+  void Convolve(const float* in, int64_t frames, int64_t padding, int64_t out_frames,
+                float* out) const;
+};
+
+/// The transpose: input frame t, channel i adds in[t][i] kernel[i][p][j] to output frame
+///   t stride - padding + j dilation, channel p of i's group; then the bias is added everywhere.
+/// The sum of an output value runs over input channels, then taps.
+struct ConvTranspose1dParameters : ConvolutionParameters {
+  ConvTranspose1dParameters()
+      : ConvolutionParameters(RowOrder::kByInput, TermOrder::kChannelsFirst) {}
+
+  int32_t output_padding = 0;
+
+  /// The fields in front of the kernel, in file order.
+  FieldList ConvolutionFields();
+  bool ValidateShape(const Component& layer, Refusal& why);
+  /// Output frames without any trimming, for at least one input frame.
+  int64_t SpreadFrames(int64_t frames) const {
+    return (frames - 1) * stride + (int64_t{kernel_size} - 1) * dilation + 1;
+  }
+  /// Computes frames [padding, padding + out_frames) of those.
+  void Convolve(const float* in, int64_t frames, int64_t padding, int64_t out_frames,
+                float* out) const;
+
+ private:
+  /// Output frames `frame`, `frame` + stride, …: tap `tap`, the first one that reaches them, brings
+  /// input frame `input` to the first of them.
+  struct Phase {
+    int64_t tap;
+    int64_t frame;
+    int64_t input;
+  };
+  void ConvolvePhase(const Phase& phase, const float* in, int64_t frames, int64_t out_frames,
+                     float* out) const;
+  void FillWithBias(int64_t out_frames, float* out) const;
+};
+
+/// Output frame t, every column: the largest in[t stride - padding + j dilation] over the taps j;
+/// a tap in the padding counts as 0.
+struct MaxPool1dParameters : WindowParameters {
+  void Pool(const float* in, int64_t frames, int64_t padding, size_t columns, int64_t out_frames,
+            float* out) const;
+};
+
+class Conv1d final : public LayerOf<0x307>, public Conv1dParameters {
+ public:
+  using LayerOf::LayerOf;
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  FieldList Fields() override { return ConvolutionFields(); }
+  bool Validate(Refusal& why) override { return ValidateShape(*this, why); }
+  ParameterList MutableParameters() override { return Arrays(); }
+  bool MapsFrameForFrame() const override { return KeepsFrames(); }
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+};
+
+class ConvTranspose1d : public LayerOf<0x308>, public ConvTranspose1dParameters {
+ public:
+  using LayerOf::LayerOf;
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  FieldList Fields() override { return ConvolutionFields(); }
+  bool Validate(Refusal& why) override { return ValidateShape(*this, why); }
+  ParameterList MutableParameters() override { return Arrays(); }
+  bool MapsFrameForFrame() const override { return stride == 1 && CalcOutputFrames(1) == 1; }
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+};
+
+/// Keeps the caller's width. Its fixed-point code is its float code.
+class MaxPool1d : public LayerOf<0x309, Component, 0x309>, public MaxPool1dParameters {
+ public:
+  using LayerOf::LayerOf;
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  FieldList Fields() override { return WindowFields(); }
+  bool Validate(Refusal& why) override;
+  bool MapsFrameForFrame() const override { return KeepsFrames(); }
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_CONVOLUTION_CONV1D_H_

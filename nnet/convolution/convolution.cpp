@@ -1,0 +1,188 @@
+#include "nnet/convolution/convolution.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <limits>
+
+#include "nnet/contract/parameter-block.h"
+#include "nnet/convolution/convolution-kernels.h"
+#include "utils/file-io.h"
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+void Tensor3::Reshape(size_t width_arg, size_t height_arg, size_t channels_arg,
+                      uint64_t& memory_bytes) {
+  width = width_arg;
+  height = height_arg;
+  channels = channels_arg;
+  room = PlaneRoom(PlaneSize());
+  owned_.Grow(channels * room, memory_bytes);
+}
+
+// What is stored only.
+
+void StoredLayer::PropagateFnc(const float* /*in*/, int64_t /*frames*/, int /*in_dim*/,
+                               float* /*out*/, int /*call_id*/) {
+  ThrowError(Here(), "propagate function of [%s] is not implemented!", TypeMarker().c_str());
+}
+
+FieldList Conv2d::Fields() {
+  return {{"<KernelHeight>", &kernel_height, FieldUse::kRequired},
+          {"<KernelWidth>", &kernel_width, FieldUse::kRequired},
+          {"<StrideHeight>", &stride_height},
+          {"<StrideWidth>", &stride_width},
+          {"<Top>", &padding_top},
+          {"<Bottom>", &padding_bottom},
+          {"<Left>", &padding_left},
+          {"<Right>", &padding_right},
+          {"<DilationHeight>", &dilation_height},
+          {"<DilationWidth>", &dilation_width},
+          {"<Groups>", &groups},
+          {"<Bias>", &has_bias}};
+}
+
+bool Conv2d::Validate(Refusal& why) {
+  if (!why.AtLeast("<KernelHeight>", kernel_height, 0) ||
+      !why.AtLeast("<KernelWidth>", kernel_width, 0) || !why.AtLeast("<Groups>", groups, 1) ||
+      !why.AtLeast("input channels", input_channel, 0) ||
+      !why.AtLeast("output channels", output_channel, 0)) {
+    return false;
+  }
+  const int64_t pairs = int64_t{input_channel} * output_channel;
+  blocks_ = pairs / groups;
+  return why.Equal("pairs of channels modulo <Groups>", pairs % groups, "wanted", 0) &&
+         why.Require(
+             !__builtin_mul_overflow(blocks_, int64_t{kernel_height} * kernel_width, &kernel_count),
+             "kernel too large");
+}
+
+ParameterList Conv2d::MutableParameters() {
+  ParameterList list = {Matrices("kernel", kernel, blocks_, {kernel_height, kernel_width})};
+  if (has_bias != 0) {
+    list.push_back(Uncounted(Vector("bias_vector", bias_vector, output_channel)));
+  }
+  return list;
+}
+
+NestedList CompositeLayer::Nested() {
+  components.resize(Names().size());
+  NestedList nested;
+  for (size_t i = 0; i < components.size(); ++i) nested.push_back({Names()[i], &components[i]});
+  return nested;
+}
+
+bool CompositeLayer::AcceptNested(size_t index, Refusal& why) {
+  return components[index] != nullptr ||
+         why.LogBecause(Here(), "Failed to read %s layer!", Names()[index]);
+}
+
+// What both simple convolutions have in common.
+
+bool SimpleLayer::Validate(Refusal& why) {
+  return why.AtLeast("input channels", input_channel, 0) &&
+         why.AtLeast("output channels", output_channel, 0);
+}
+
+ParameterList SimpleLayer::MutableParameters() {
+  const int64_t pairs = int64_t{output_channel} * input_channel;
+  return {Matrices("kernel", kernel, pairs, {1, 3}),
+          Vector("bias_vector", bias_vector, output_channel)};
+}
+
+CallPlan SimpleLayer::Plan(int64_t frames, int in_dim) const {
+  return {CalcOutputFrames(frames), BlockFloats(input_channel, CallInputDim(in_dim), frames),
+          BlockFloats(output_channel, OutWidth(in_dim), frames)};
+}
+
+bool SimpleLayer::AdoptWidths(int64_t frames, int in_dim) {
+  const int64_t out_width = OutWidth(in_dim);
+  if (out_width > std::numeric_limits<int32_t>::max()) ThrowWidths(out_width);
+  if (!input_dim_set) input_dim = in_dim;
+  output_dim = static_cast<int32_t>(out_width);
+  return frames > 0 && input_dim > 0 && out_width > 0 && output_channel > 0;
+}
+
+void SimpleLayer::ThrowWidths(int64_t out_width) const {
+  ThrowError(Here(), "mismatched widths! layer[%s] input [%d] output [%" PRId64 "]",
+             TypeMarker().c_str(), input_dim, out_width);
+}
+
+// Halving.
+
+void SimpleConv2d1x3s2::Reserve(int64_t frames) {
+  if (BlockFloats(input_channel, output_dim, frames) > kMaxFloatsAhead) return;
+  for (Tensor3& tap : taps_) {
+    tap.Reshape(ToSize(output_dim), ToSize(frames), ToSize(input_channel), memory_bytes);
+  }
+}
+
+void SimpleConv2d1x3s2::Gather(const Tensor3& in, size_t out_width) {
+  for (Tensor3& tap : taps_) tap.Reshape(out_width, in.height, in.channels, memory_bytes);
+  // Positions whose last value lies inside the row; at most one is left, which sees the zero
+  // behind.
+  const size_t whole = std::min(out_width, in.width / 2);
+  for (size_t c = 0; c < in.channels; ++c) {
+    for (size_t t = 0; t < in.height; ++t) {
+      const float* row = in.Plane(c) + t * in.width;
+      float* before = taps_[0].Plane(c) + t * out_width;
+      float* at = taps_[1].Plane(c) + t * out_width;
+      float* behind = taps_[2].Plane(c) + t * out_width;
+      for (size_t x = 0; x < out_width; ++x) at[x] = row[2 * x];
+      for (size_t x = 0; x < whole; ++x) behind[x] = row[2 * x + 1];
+      std::fill(behind + whole, behind + out_width, 0.0F);
+      before[0] = 0.0F;
+      std::copy_n(behind, out_width - 1, before + 1);
+    }
+  }
+}
+
+void SimpleConv2d1x3s2::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
+                                     int /*call_id*/) {
+  const bool any = AdoptWidths(frames, in_dim);
+  if (output_dim > (int64_t{input_dim} + 1) / 2) ThrowWidths(output_dim);
+  if (!any) return;
+  const Tensor3 planes(in, ToSize(input_dim), ToSize(frames), ToSize(input_channel));
+  Gather(planes, ToSize(output_dim));
+  convolve_planes({kernel.data(), bias_vector.data(), planes.channels, ToSize(output_channel),
+                   taps_[0].PlaneSize()},
+                  taps_[0].Plane(0), taps_[1].Plane(0), taps_[2].Plane(0), out);
+}
+
+// Doubling.
+
+void SimpleDeconv2d1x3s2::Reserve(int64_t frames) {
+  if (BlockFloats(input_channel, input_dim, frames) > kMaxFloatsAhead) return;
+  const size_t width = ToSize(input_dim);
+  const size_t height = ToSize(frames);
+  here_.Reshape(width, height, ToSize(input_channel), memory_bytes);
+  next_.Reshape(width, height, ToSize(input_channel), memory_bytes);
+  has_next_.Reshape(width, height, 1, memory_bytes);
+}
+
+void SimpleDeconv2d1x3s2::Gather(const Tensor3& in) {
+  here_.Reshape(in.width, in.height, in.channels, memory_bytes);
+  next_.Reshape(in.width, in.height, in.channels, memory_bytes);
+  has_next_.Reshape(in.width, in.height, 1, memory_bytes);
+  for (size_t c = 0; c < in.channels; ++c) {
+    std::copy_n(in.Plane(c), in.PlaneSize(), here_.Plane(c));
+    // The value that this takes from the row below has no weight.
+    std::copy_n(in.Plane(c) + 1, in.PlaneSize() - 1, next_.Plane(c));
+  }
+  std::fill_n(has_next_.Plane(0), in.PlaneSize(), 1.0F);
+  for (size_t t = 1; t <= in.height; ++t) has_next_.Plane(0)[t * in.width - 1] = 0.0F;
+}
+
+void SimpleDeconv2d1x3s2::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
+                                       int /*call_id*/) {
+  const bool any = AdoptWidths(frames, in_dim);
+  if (output_dim != 2 * int64_t{input_dim}) ThrowWidths(output_dim);
+  if (!any) return;
+  const Tensor3 planes(in, ToSize(input_dim), ToSize(frames), ToSize(input_channel));
+  Gather(planes);
+  deconvolve_planes({kernel.data(), bias_vector.data(), planes.channels, ToSize(output_channel),
+                     planes.PlaneSize()},
+                    here_.Plane(0), next_.Plane(0), has_next_.Plane(0), out);
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

@@ -1,0 +1,81 @@
+#ifndef NNET_DENSE_AFFINE_H_
+#define NNET_DENSE_AFFINE_H_
+
+// Layers that apply one dense weight matrix to every frame, and their fixed-point twins.
+
+#include <cstdint>
+
+#include "nnet/contract/nnet-component.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// y = W x. Row r of `weights` holds the weights of output r; the array has room for `row_capacity`
+/// rows, those beyond `weight_rows` are zeros.
+class LinearLayer : public Component {
+ public:
+  bool Validate(Refusal& why) override;
+  ParameterList MutableParameters() override { return {Weights()}; }
+  BlockForm Form() const override {
+    return {.codes = CodeForm::kSymmetric, .opening = MatrixOpening::kLenient};
+  }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  int32_t weight_rows = 0;
+  int32_t weight_cols = 0;
+  FloatArray weights;
+  bool padded = false;
+  int32_t row_capacity = 0;
+
+ protected:
+  using Component::Component;
+  ParameterRef Weights();
+};
+
+/// y = W x + b. The bias comes first in the binary form, the weights come first in the text form.
+class AffineLayer : public LinearLayer {
+ public:
+  ParameterList MutableParameters() override;
+  BlockForm Form() const override {
+    return {.codes = CodeForm::kAsymmetric, .opening = MatrixOpening::kLenient};
+  }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  FloatArray bias;
+
+ protected:
+  using LinearLayer::LinearLayer;
+};
+
+/// y = scale (W x). A one-hot row picks a column of the weights.
+class EmbeddingLayer : public LinearLayer {
+ public:
+  FieldList Fields() override { return {{"<Scale>", &scale}}; }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  float scale = 0.0F;
+
+ protected:
+  using LinearLayer::LinearLayer;
+};
+
+class AffineTransform final : public LayerOf<0x100, AffineLayer> {
+ public:
+  using LayerOf::LayerOf;
+  bool MapData(const char** cursor) override;
+};
+
+class FixedAffineTransform final : public FixedLayerOf<0x800, AffineLayer> {
+ public:
+  using FixedLayerOf::FixedLayerOf;
+  /// There is no text form, and nobody reads the binary one through here.
+  bool ReadTextData(FILE* /*fp*/, bool /*binary*/) override { return false; }
+};
+
+using LinearTransform = LayerOf<0x101, LinearLayer>;
+using FixedLinearTransform = FixedLayerOf<0x801, LinearLayer>;
+using Embedding = LayerOf<0x10b, EmbeddingLayer>;
+using FixedEmbedding = FixedLayerOf<0x80b, EmbeddingLayer>;
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_DENSE_AFFINE_H_

@@ -1,0 +1,193 @@
+#ifndef NNET_FLOW_NNET_CONTROL_FLOW_H_
+#define NNET_FLOW_NNET_CONTROL_FLOW_H_
+
+// Layers that let a chain of layers branch and rejoin: a register keeps a copy of the frames that
+// pass through it under a name; a concatenation after it joins the rows of registers and its own
+// input. They find each other by name when the network is linked. D is the input dimension, O the
+// output dimension.
+
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "nnet/contract/nnet-component.h"
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// The registers of one kind in a network by their names; the layers belong to the network.
+template <class Register>
+using RegisterMap = std::map<std::string, const Register*>;
+
+/// Enters a register under its name. Throws when the name is taken.
+template <class Register>
+void AnnounceRegister(NetworkLinks& links, const Register& entry) {
+  RegisterMap<Register>& known = links.Shared<RegisterMap<Register>>();
+  if (known.emplace(entry.register_name, &entry).second) return;
+  ThrowError(links.place(), "insert %s failed! maybe %s name is duplicated [%s]", Register::kKind,
+             Register::kKind, entry.register_name.c_str());
+}
+
+/// Keeps all rows of a call, or those of the given frame indexes; negative ones count from the end.
+class RegisterComponent final : public LayerOf<0x700>, public CustomPart {
+ public:
+  /// What messages call this kind of register.
+  static constexpr const char* kKind = "register";
+
+  using LayerOf::LayerOf;
+  void Reserve(int64_t frames) override;
+  FieldList Fields() override;
+  bool Validate(Refusal& why) override;
+  void Announce(NetworkLinks& links) override { AnnounceRegister(links, *this); }
+  bool MapsFrameForFrame() const override { return false; }
+  std::string Links() const override { return "register " + register_name; }
+  CallPlan Plan(int64_t frames, int in_dim) const override { return SameRowsPlan(frames, in_dim); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  /// Rows of O values that the buffer holds for a concatenation.
+  int64_t HeldFrames() const;
+
+  std::string register_name;
+  std::string slice_index;
+  std::vector<int32_t> indexes;
+  FloatArray register_buffer;
+  int64_t stored_frames = 0;
+  int64_t frame_capacity = 0;
+
+ private:
+  // The extension of the binary form that carries the slice index.
+  bool ReadPart(FILE* fp, Refusal& why) override;
+  bool WritePart(FILE* fp) const override;
+};
+
+/// Keeps all planes of a call.
+class Register2dComponent final : public LayerOf<0x701, ChannelComponent> {
+ public:
+  static constexpr const char* kKind = "register2d";
+
+  using LayerOf::LayerOf;
+  void Reserve(int64_t frames) override;
+  FieldList Fields() override { return {{"<RegisterName>", &register_name, FieldUse::kRequired}}; }
+  bool Validate(Refusal& why) override;
+  bool ReadTextData(FILE* fp, bool binary) override;
+  void Announce(NetworkLinks& links) override { AnnounceRegister(links, *this); }
+  std::string Links() const override { return "register " + register_name; }
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  std::string register_name;
+  FloatArray register_buffer;
+  int64_t stored_frames = 0;
+  int64_t frame_capacity = 0;
+};
+
+/// The parameter block of a concatenation: which parts an output row consists of, in order. The text
+/// form is one line of "<RegisterName> name" and "<Input>".
+struct ConcatenationParts : CustomPart {
+  std::vector<std::string> register_names;
+  /// Part numbers at which the layer's own input stands; the others are the registers in order.
+  std::vector<int32_t> input_positions;
+  int32_t part_count = 0;
+
+  bool ReadPart(FILE* fp, Refusal& why) override;
+  bool ReadTextPart(FILE* fp, Refusal& why) override;
+  bool WritePart(FILE* fp) const override;
+
+  bool UsesInput() const { return !input_positions.empty(); }
+  bool IsInput(int32_t part) const { return part_is_input_[ToSize(part)]; }
+  std::string Describe() const;
+
+ protected:
+  FieldList PartFields() { return {{"parts", this}}; }
+  bool ValidateParts(Refusal& why);
+
+ private:
+  std::vector<bool> part_is_input_;
+};
+
+/// The same with the registers that the names stand for. Their sizes and the input's add up to the
+/// output's: dimensions of rows or channels of planes, which the pointers to members tell.
+template <class Register>
+struct LinkedParts : ConcatenationParts {
+  using Size = int32_t Component::*;
+
+  std::vector<const Register*> registers;
+
+ protected:
+  int64_t TotalSize(const Component& layer, Size input, Size output) const {
+    int64_t size = static_cast<int64_t>(input_positions.size()) * (layer.*input);
+    for (const Register* part : registers) size += part->*output;
+    return size;
+  }
+  void FindRegisters(NetworkLinks& links, const Component& layer, Size input, Size output) {
+    registers.clear();
+    const RegisterMap<Register>& known = links.Shared<RegisterMap<Register>>();
+    for (const std::string& name : register_names) {
+      const auto found = known.find(name);
+      if (found == known.end()) {
+        ThrowError(links.place(), "cannot find register with name [%s]", name.c_str());
+      }
+      registers.push_back(found->second);
+    }
+    RequireSize(links.place(), TotalSize(layer, input, output), layer.*output);
+  }
+  /// Throws unless every name is linked and the sizes still add up, right before a call.
+  void CheckSizes(std::source_location where, const Component& layer, Size input,
+                  Size output) const {
+    if (registers.size() != register_names.size()) {
+      ThrowError(where, "registers are not linked! [%zu of %zu]", registers.size(),
+                 register_names.size());
+    }
+    RequireSize(where, TotalSize(layer, input, output), layer.*output);
+  }
+
+ private:
+  static void RequireSize(std::source_location where, int64_t size, int64_t wanted) {
+    if (size == wanted) return;
+    ThrowError(where, "mismatched concentrate dimension! [%" PRId64 " != %" PRId64 "]", size,
+               wanted);
+  }
+};
+
+/// Joins rows, frame by frame. Without its own input it has as many frames as its first register.
+class ConcatenateComponent final : public LayerOf<0x702>, public LinkedParts<RegisterComponent> {
+ public:
+  using LayerOf::LayerOf;
+  bool CheckInputDim() const override { return UsesInput(); }
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  FieldList Fields() override { return PartFields(); }
+  bool Validate(Refusal& why) override;
+  void Link(NetworkLinks& links) override;
+  bool MapsFrameForFrame() const override { return false; }
+  std::string Links() const override { return Describe(); }
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+ private:
+  int64_t RowFrames(int64_t frames) const;
+  void CheckRegisters(int64_t frames) const;
+};
+
+/// Stacks planes along the channel axis.
+class Concatenate2dComponent final : public LayerOf<0x703, ChannelComponent>,
+                                     public LinkedParts<Register2dComponent> {
+ public:
+  using LayerOf::LayerOf;
+  bool CheckInputDim() const override { return UsesInput(); }
+  FieldList Fields() override { return PartFields(); }
+  bool Validate(Refusal& why) override { return ValidateParts(why); }
+  void Link(NetworkLinks& links) override;
+  std::string Links() const override { return Describe(); }
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+ private:
+  void CheckRegisters(int64_t frames) const;
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_FLOW_NNET_CONTROL_FLOW_H_

@@ -1,0 +1,91 @@
+#ifndef NNET_FLOW_STATISTICS_H_
+#define NNET_FLOW_STATISTICS_H_
+
+// Layers that turn a sequence of frames into statistics over windows of frames. Cutting into
+// windows, forming sums and pooling them gives one vector a window.
+
+#include <cstdint>
+#include <optional>
+
+#include "nnet/contract/nnet-component.h"
+#include "utils/rectify_feats.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// Row r becomes [count, sums of x, sums of x^2] over frames r, r + input_period, … of a span of
+/// output_period frames. With variance the input rows are left squared.
+class StatisticsExtraction final : public LayerOf<0x601> {
+ public:
+  using LayerOf::LayerOf;
+  int64_t RightContext() const override { return int64_t{output_period} - input_period; }
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  FieldList Fields() override;
+  bool Validate(Refusal& why) override;
+  bool MapsFrameForFrame() const override { return false; }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  int32_t input_period = 1;
+  int32_t output_period = 1;
+  bool include_variance = true;
+
+ private:
+  int64_t RowWidth() const { return 1 + (include_variance ? 2 : 1) * int64_t{input_dim}; }
+};
+
+/// Pools blocks of `pool_frames` rows of statistics (0: all rows of a call; the last block takes
+/// what remains) into rows of means and, in place of the second half, standard deviations. The sums
+/// are formed in the input rows.
+class StatisticsPooling final : public LayerOf<0x602> {
+ public:
+  using LayerOf::LayerOf;
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  FieldList Fields() override;
+  bool Validate(Refusal& why) override;
+  bool MapsFrameForFrame() const override { return false; }
+  void Announce(NetworkLinks& links) override;
+  std::string Links() const override;
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  int32_t input_period = 1;
+  int32_t left_context = -1;
+  int32_t right_context = -1;
+  /// Leading slots of an output row, which stay 0; with any, no deviations are formed.
+  int32_t num_log_count_features = 0;
+  bool output_stddevs = true;
+  float variance_floor = 1.0e-10F;
+  /// The window of the layer in front, when that cuts windows; set when the network is linked.
+  int32_t pool_frames = 0;
+
+ private:
+  void PoolBlock(float* rows, int64_t count, float* out) const;
+};
+
+/// Cuts the stream into windows of `window_size` frames, `hop_size` apart, and gives their frames
+/// one window after another. Frames of windows that are not complete wait for the next call.
+class SlidingWindow final : public LayerOf<0x603> {
+ public:
+  using LayerOf::LayerOf;
+  /// Always throws: the count depends on what earlier calls left.
+  int64_t CalcOutputFrames(int64_t in_frames) const override;
+  int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
+  CallPlan Plan(int64_t frames, int in_dim) const override;
+  void Reset() override;
+  void Announce(NetworkLinks& links) override;
+  FieldList Fields() override;
+  bool Validate(Refusal& why) override;
+  bool MapsFrameForFrame() const override { return false; }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+  void PropagateChunk(const float* in, int64_t frames, int in_dim, float* out,
+                      int call_id) override;
+
+  int32_t window_size = 0;
+  int32_t hop_size = 0;
+  int32_t sliding_mode = 0;
+  int32_t chunk_count = 0;
+  std::optional<feats_win_generator_t> generator;
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_FLOW_STATISTICS_H_

@@ -1,0 +1,47 @@
+#ifndef NNET_RECURRENT_GRU_H_
+#define NNET_RECURRENT_GRU_H_
+
+// Gated recurrent unit layers, one direction or both, and their fixed-point twins. H is the hidden
+// size (`cell_dim` in the block and in the shared classes), D the input dimension. Gate blocks are r (reset), z (update), n (candidate). Per frame:
+//   r = sigmoid(W_r x + U_r h + ...),  z = sigmoid(W_z x + U_z h + ...),
+//   n = tanh(W_n x + b_n + r (U_n h + c_n)),  h = (1 - z) n + z h.
+
+#include <cstdint>
+
+#include "nnet/contract/nnet-component.h"
+#include "nnet/recurrent/recurrent-layer.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// One direction: parameters and state.
+struct GruParameters {
+  static constexpr int kGates = 3;
+  static constexpr bool kProjects = false;
+  static constexpr bool kClips = false;
+
+  FloatArray input_weights;      // 3H x D
+  FloatArray recurrent_weights;  // 3H x H
+  FloatArray input_bias;         // 3H, added to every gate row before the recurrence
+  FloatArray recurrent_bias;     // 3H; block n lies inside the product with r
+  FloatArray state;              // 2H: h and a vector of scratch
+
+  /// As in LstmParameters.
+  ParameterList List(const RecurrentShape& shape);
+  void ReserveState(const RecurrentShape& shape, uint64_t& memory_bytes);
+  void Propagate(const float* in, size_t frames, const RecurrentShape& shape, Direction direction,
+                 float* gates, OutputRows out);
+};
+
+extern template class ForwardLayer<GruParameters>;
+extern template class BidirectionalLayer<GruParameters>;
+
+/// Output row h; H is the output dimension.
+using Gru = LayerOf<0x10d, ForwardLayer<GruParameters>>;
+using FixedGru = FixedLayerOf<0x80d, ForwardLayer<GruParameters>>;
+/// Output row [h forward, h backward]; 2H is the output dimension.
+using BGru = LayerOf<0x110, BidirectionalLayer<GruParameters>>;
+using FixedBGru = FixedLayerOf<0x810, BidirectionalLayer<GruParameters>>;
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_RECURRENT_GRU_H_

@@ -1,0 +1,132 @@
+#ifndef NNET_RECURRENT_LSTM_H_
+#define NNET_RECURRENT_LSTM_H_
+
+// Long short-term memory layers: one direction or both, with or without peepholes and projection,
+// and their fixed-point twins. c is the cell dimension, P the projection dimension, D the input
+// dimension.
+
+#include <cstdint>
+
+#include "nnet/contract/nnet-component.h"
+#include "nnet/recurrent/recurrent-layer.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// One direction without projection: parameters and state. Gate blocks are i, f, g, o.
+struct LstmParameters {
+  static constexpr int kGates = 4;
+  static constexpr bool kProjects = false;
+  static constexpr bool kClips = true;
+
+  FloatArray input_weights;      // 4c x D
+  FloatArray recurrent_weights;  // 4c x c
+  FloatArray input_bias;         // 4c, added to every gate row before the recurrence
+  FloatArray recurrent_bias;     // 4c, added inside the recurrence
+  FloatArray state;              // 4c: h, cell and two vectors of scratch
+
+  /// The arrays in file order.
+  ParameterList List(const RecurrentShape& shape);
+  void ReserveState(const RecurrentShape& shape, uint64_t& memory_bytes);
+  /// Runs over the frames in the given direction from the state that the last call left. `gates`
+  /// has room for frames x kGates x cells floats.
+  void Propagate(const float* in, size_t frames, const RecurrentShape& shape, Direction direction,
+                 float* gates, OutputRows out);
+};
+
+/// Where a projected LSTM copies its state (the first 4c floats) after one frame of a call.
+struct StateSnapshot {
+  int64_t frame = -1;
+  float* state = nullptr;
+};
+
+/// One direction with peepholes and projection: parameters and state. Gate blocks are g, i, f, o.
+struct ProjectedLstmParameters {
+  static constexpr int kGates = 4;
+  static constexpr bool kProjects = true;
+  static constexpr bool kClips = true;
+
+  FloatArray input_weights;       // 4c x D
+  FloatArray recurrent_weights;   // 4c x P, from the previous projected output
+  FloatArray bias;                // 4c
+  FloatArray peephole_input;      // c
+  FloatArray peephole_forget;     // c
+  FloatArray peephole_output;     // c
+  FloatArray projection_weights;  // P x c
+  FloatArray projection_bias;     // P
+  /// 8c: two halves of cell, tanh of the cell, m and r, c values each. One half is the state that
+  /// enters a frame, the other the state that the frame computes; after each frame they change
+  /// places, and a call ends with its last state in the first half.
+  FloatArray state;
+
+  ParameterList List(const RecurrentShape& shape);
+  void ReserveState(const RecurrentShape& shape, uint64_t& memory_bytes);
+  void Propagate(const float* in, size_t frames, const RecurrentShape& shape, Direction direction,
+                 float* gates, OutputRows out, StateSnapshot snapshot = {});
+};
+
+extern template class ForwardLayer<LstmParameters>;
+extern template class ForwardLayer<ProjectedLstmParameters>;
+extern template class BidirectionalLayer<LstmParameters>;
+extern template class BidirectionalLayer<ProjectedLstmParameters>;
+
+/// Output row h; c is the output dimension and no field of the block.
+class LstmLayer : public ForwardLayer<LstmParameters> {
+ public:
+  FieldList Fields() override { return {}; }
+  bool Validate(Refusal& why) override;
+
+ protected:
+  using ForwardLayer::ForwardLayer;
+};
+
+/// Output row r; P is the output dimension, P <= c. A call continues from the state after the frame
+/// that lies `overlap_frames` before the end of the previous call, since that many frames come again
+/// when splices after this layer consume context.
+class ProjectedLstmLayer : public ForwardLayer<ProjectedLstmParameters> {
+ public:
+  void Reserve(int64_t frames) override;
+  void Reset() override;
+  void Link(NetworkLinks& links) override { overlap_frames = links.ContextAfter(); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+
+  FloatArray saved_state;  // 4c: where the next call begins
+  int64_t overlap_frames = 0;
+
+ protected:
+  using ForwardLayer::ForwardLayer;
+};
+
+/// Output row [h forward, h backward]; 2c is the output dimension. Parameters are binary16 in the
+/// file; the fixed-point write gives asymmetric blocks.
+class BlstmLayer : public BidirectionalLayer<LstmParameters> {
+ public:
+  BlockForm Form() const override {
+    return {.floats = FloatForm::kHalf, .codes = CodeForm::kAsymmetric};
+  }
+
+ protected:
+  using BidirectionalLayer::BidirectionalLayer;
+};
+
+class Blstm final : public LayerOf<0x10e, BlstmLayer> {
+ public:
+  using LayerOf::LayerOf;
+  /// The image holds 32-bit floats.
+  bool MapData(const char** cursor) override { return MapBlock(cursor, *this); }
+  /// All layers of this class in a network share their gate rows.
+  void Link(NetworkLinks& links) override;
+};
+
+using FixedBlstm = FixedLayerOf<0x80e, BlstmLayer>;
+using Lstm = LayerOf<0x103, LstmLayer>;
+using FixedLstm = FixedLayerOf<0x803, LstmLayer>;
+using LstmProjectedNnet3Streams = LayerOf<0x106, ProjectedLstmLayer>;
+using FixedLstmProjectedNnet3Streams = FixedLayerOf<0x806, ProjectedLstmLayer>;
+/// Output row [r forward, r backward]; 2P is the output dimension, P <= c.
+using BlstmProjectedNnet3Streams = LayerOf<0x10c, BidirectionalLayer<ProjectedLstmParameters>>;
+using FixedBlstmProjectedNnet3Streams =
+    FixedLayerOf<0x80c, BidirectionalLayer<ProjectedLstmParameters>>;
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_RECURRENT_LSTM_H_

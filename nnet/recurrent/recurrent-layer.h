@@ -1,0 +1,162 @@
+#ifndef NNET_RECURRENT_RECURRENT_LAYER_H_
+#define NNET_RECURRENT_RECURRENT_LAYER_H_
+
+// The layer classes around a recurrent cell, in one direction and in both. The input product of all
+// frames of a call is one matrix product; per frame there remain the recurrent products and one
+// pass over the gates.
+//
+// A cell is the parameters and the state of one direction. It has
+//   kGates      gate blocks, each of `cells` values, in a gate row
+//   kProjects   whether its output is a projection of its cells
+//   kClips      whether exporters write "<ClipGradient>", which has a meaning for training only
+//   List, ReserveState, ResetState, Propagate   as LstmParameters declares them.
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+
+#include "nnet/contract/nnet-component.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// Sizes of one direction: input values, cells (of a GRU: its hidden size), output values.
+struct RecurrentShape {
+  size_t input;
+  size_t cells;
+  size_t outputs;
+};
+
+/// Sequence index of the k-th step of a direction over `frames` frames.
+enum class Direction { kForward, kBackward };
+constexpr size_t StepIndex(Direction direction, size_t k, size_t frames) {
+  return direction == Direction::kForward ? k : frames - 1 - k;
+}
+
+/// Rows of `outputs` values, `stride` floats apart.
+struct OutputRows {
+  float* data;
+  size_t stride;
+};
+
+/// The gate rows of a call: the layer's own or, once linked, those that all layers of a network
+/// share. They grow and never shrink; contents are not kept.
+struct GateBuffer {
+  FloatArray gate_buffer;
+  int64_t frame_capacity = 0;
+  std::shared_ptr<FloatArray> shared_gates;
+
+  /// Makes room ahead of a call, unless that is more than any block may hold.
+  void ReserveGates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
+  /// Room for the rows of a call.
+  float* Gates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
+};
+
+/// Allocates a state vector, zero-filled, the first time.
+void AllocateState(FloatArray& state, size_t count, uint64_t& memory_bytes);
+/// Zeroes a state; one that is not allocated yet is skipped.
+void ClearState(FloatArray& state);
+
+/// Gate rows of all frames of a call: in * weights' + bias.
+void InputGates(const float* in, size_t frames, size_t input_dim, const FloatArray& weights,
+                const FloatArray& bias, size_t gate_dim, float* gates);
+
+/// What the layers of one and of both directions have in common.
+template <class Cell>
+class RecurrentLayer : public Component, public GateBuffer {
+ public:
+  FieldList Fields() override {
+    FieldList fields = {{"<CellDim>", &cell_dim}};
+    if (Cell::kClips) fields.push_back(IgnoredField("<ClipGradient>"));
+    return fields;
+  }
+  BlockForm Form() const override { return {.codes = CodeForm::kSymmetric}; }
+
+  int32_t cell_dim = 0;  // of a GRU: the hidden size
+  int32_t proj_dim = 0;  // output values of one direction
+  int32_t gate_dim = 0;
+
+ protected:
+  using Component::Component;
+  /// Checks the fields against so many output values of one direction.
+  bool SetShape(int32_t outputs, Refusal& why) {
+    proj_dim = outputs;
+    gate_dim = static_cast<int32_t>(int64_t{Cell::kGates} * cell_dim);
+    return why.AtLeast("<CellDim>", cell_dim, 1) && why.AtLeast("input dimension", input_dim, 0) &&
+           why.AtLeast("output values of a direction", outputs, 1) &&
+           (Cell::kProjects
+                ? why.AtMost("output values of a direction", outputs, cell_dim)
+                : why.Equal("<CellDim>", cell_dim, "output values of a direction", outputs));
+  }
+  RecurrentShape Shape() const { return {ToSize(input_dim), ToSize(cell_dim), ToSize(proj_dim)}; }
+};
+
+/// Forward only. Continues from call to call.
+template <class Cell>
+class ForwardLayer : public RecurrentLayer<Cell>, public Cell {
+ public:
+  bool Validate(Refusal& why) override { return this->SetShape(this->output_dim, why); }
+  ParameterList MutableParameters() override { return Cell::List(this->Shape()); }
+  void Reserve(int64_t frames) override {
+    this->ReserveGates(frames, this->gate_dim, this->memory_bytes);
+    Cell::ReserveState(this->Shape(), this->memory_bytes);
+  }
+  void Reset() override { ClearState(this->state); }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
+                    int /*call_id*/) override {
+    this->RequireWidth(this->input_dim, in_dim);
+    if (frames <= 0) return;
+    const RecurrentShape shape = this->Shape();
+    Cell::ReserveState(shape, this->memory_bytes);
+    Cell::Propagate(in, ToSize(frames), shape, Direction::kForward,
+                    this->Gates(frames, this->gate_dim, this->memory_bytes), {out, shape.outputs});
+  }
+
+ protected:
+  using RecurrentLayer<Cell>::RecurrentLayer;
+};
+
+/// Both directions, output row [forward, backward]. Each direction continues from the last frame
+/// that it processed in the call before.
+template <class Cell>
+class BidirectionalLayer : public RecurrentLayer<Cell> {
+ public:
+  bool Validate(Refusal& why) override {
+    return why.Equal("output dimension modulo 2", this->output_dim % 2, "wanted", 0) &&
+           this->SetShape(this->output_dim / 2, why);
+  }
+  ParameterList MutableParameters() override {
+    return Join(forward.List(this->Shape()), backward.List(this->Shape()));
+  }
+  void Reserve(int64_t frames) override {
+    this->ReserveGates(frames, this->gate_dim, this->memory_bytes);
+    forward.ReserveState(this->Shape(), this->memory_bytes);
+    backward.ReserveState(this->Shape(), this->memory_bytes);
+  }
+  void Reset() override {
+    ClearState(forward.state);
+    ClearState(backward.state);
+  }
+  void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
+                    int /*call_id*/) override {
+    this->RequireWidth(this->input_dim, in_dim);
+    if (frames <= 0) return;
+    const RecurrentShape shape = this->Shape();
+    const size_t n = ToSize(frames);
+    float* gates = this->Gates(frames, this->gate_dim, this->memory_bytes);
+    forward.ReserveState(shape, this->memory_bytes);
+    backward.ReserveState(shape, this->memory_bytes);
+    forward.Propagate(in, n, shape, Direction::kForward, gates, {out, 2 * shape.outputs});
+    backward.Propagate(in, n, shape, Direction::kBackward, gates,
+                       {out + shape.outputs, 2 * shape.outputs});
+  }
+
+  Cell forward;
+  Cell backward;
+
+ protected:
+  using RecurrentLayer<Cell>::RecurrentLayer;
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_RECURRENT_RECURRENT_LAYER_H_

@@ -1,0 +1,13 @@
+#ifndef NNET_RUNTIME_COMPONENT_REGISTRY_H_
+#define NNET_RUNTIME_COMPONENT_REGISTRY_H_
+
+#include "nnet/contract/nnet-component.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// The entries by marker. Throws when two entries have one marker.
+Component::MarkerMap BuildMarkerMap(const Component::ComponentMap& components);
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_RUNTIME_COMPONENT_REGISTRY_H_

@@ -1,0 +1,157 @@
+#include "nnet/runtime/nnet-nnet.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <limits>
+#include <utility>
+
+#include "nnet/base/element-kernels.h"
+#include "utils/file-io.h"
+#include "utils/messages.h"
+
+namespace tarev::nnet::handwriting_CTC {
+namespace {
+
+// Beside the bound on a block, frame counts are bounded: so that they leave room for arithmetic,
+// and so that a few bytes of padding or stride in a model cannot turn a short call into hours of
+// work.
+constexpr int64_t kMaxFrames = int64_t{1} << 26;
+constexpr int64_t kMaxGrowth = 1024;
+constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
+
+// The shortest component is a one-dimensional header without parameters.
+constexpr size_t kMinComponentBytes = 12;
+
+// The most frames that a layer may take or give in a call of so many frames.
+int64_t FrameLimit(int64_t call_frames) {
+  if (call_frames >= kMaxFrames / kMaxGrowth) return kMaxFrames;
+  return std::max(kFramesAlwaysAllowed, call_frames * kMaxGrowth);
+}
+
+}  // namespace
+
+bool ReadNnet(Nnet& nnet, FILE* fp) {
+  if (fp == nullptr) {
+    PrintWrongParameters(Here(), "ReadNnet", "fp == __null");
+    return false;
+  }
+  uint32_t count = 0;
+  if (!ReadValues(fp, count)) {
+    LogWarning(Here(), "fread failed!");
+    return false;
+  }
+  nnet.layers.reserve(std::min<size_t>(count, RemainingBytes(fp) / kMinComponentBytes));
+  while (nnet.layers.size() < count) nnet.layers.emplace_back(Component::Read(fp));
+  if (nnet.layers.size() == count) return true;
+  LogWarning(Here(), "mismatched layer number! [%u/%zu]", count, nnet.layers.size());
+  return false;
+}
+
+NnetForward::NnetForward(Nnet* network) : nnet(network) {
+  if (nnet == nullptr) ThrowWrongParameters(Here(), "NnetForward", "nnet == __null");
+  if (nnet->layers.empty()) ThrowWrongParameters(Here(), "NnetForward", "nnet->layers.empty()");
+  input_dim = nnet->layers.front()->InputDim();
+  output_dim = nnet->layers.back()->OutputDim();
+  LinkLayers();
+}
+
+void NnetForward::LinkLayers() {
+  NetworkLinks links(Here());
+  for (const auto visit : {&Component::Announce, &Component::Link}) {
+    for (size_t position = 0; position < nnet->layers.size(); ++position) {
+      links.MoveTo(position);
+      (*nnet->layers[position].*visit)(links);
+    }
+  }
+}
+
+void NnetForward::ReserveFrames(int64_t frames) {
+  const int64_t limit = FrameLimit(frames);
+  int64_t n = frames;
+  int width = input_dim;
+  uint64_t need = 0;
+  for (const auto& layer : nnet->layers) {
+    const CallPlan plan = layer->Plan(n, width);
+    if (n < 1 || n > limit || plan.writes > kMaxBlockFloats) break;
+    layer->Reserve(n);
+    n = layer->MostFrames(n);
+    const uint64_t given = BlockFloats(layer->OutputChannel(), layer->OutputDim(), n);
+    if (given > kMaxBlockFloats) break;
+    need = std::max({need, plan.writes, given});
+    if (layer->OutputDim() > 0) width = layer->OutputDim();
+  }
+  GrowBuffers(need);
+  reserved_frames = std::max(reserved_frames, frames);
+}
+
+void NnetForward::GrowBuffers(uint64_t floats) {
+  if (floats > kMaxBlockFloats) {
+    ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
+               kMaxBlockFloats);
+  }
+  buffer_b.Grow(floats);
+  if (nnet->layers.size() > 1) buffer_a.Grow(floats);
+}
+
+void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels) {
+  if (forward_count < std::numeric_limits<int32_t>::max()) ++forward_count;
+  Propagate(in, frames, dim, forward_count, channels);
+}
+
+void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
+  if (frames > reserved_frames) ReserveFrames(frames);
+  frame_limit = FrameLimit(frames);
+  BlockShape shape{channels, dim, frames};
+  for (size_t position = 0; position < nnet->layers.size(); ++position) {
+    shape = RunLayer(position, in, shape, call_id);
+    std::swap(buffer_a, buffer_b);
+  }
+  std::swap(buffer_a, buffer_b);
+  output_shape = shape;
+  cur_frames = shape.frames;
+}
+
+// The layer's plan is checked against what the layer before it gave, then the room is made, then the
+// layer runs.
+BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockShape& shape,
+                                 int call_id) {
+  Component& layer = *nnet->layers[position];
+  layer.CheckWidth(shape.dim);
+  if (shape.frames > frame_limit) ThrowTooManyFrames(position, shape.frames, frame_limit);
+  const CallPlan plan = layer.Plan(shape.frames, shape.dim);
+  if (plan.frames > frame_limit) ThrowTooManyFrames(position, plan.frames, frame_limit);
+  if (plan.reads > shape.floats()) ThrowTooLittleInput(position, shape, plan.reads);
+  GrowBuffers(plan.writes);
+  layer.Run(plan, position == 0 ? in : buffer_a.data(), shape.frames, shape.dim, buffer_b.data(),
+            call_id);
+  const BlockShape produced{layer.OutputChannel(), layer.output_dim, layer.OutputFrames()};
+  // A layer whose header claims more than it writes hands on zeros, not what an earlier call left.
+  if (const uint64_t floats = produced.floats(); floats > plan.writes) {
+    GrowBuffers(floats);
+    zero_vec(buffer_b.data() + plan.writes, floats - plan.writes);
+  }
+  return produced;
+}
+
+void NnetForward::ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const {
+  ThrowError(Here(), "too many frames! layer[%s] position[%zu] [%" PRId64 " > %" PRId64 "]",
+             nnet->layers[position]->TypeMarker().c_str(), position, frames, limit);
+}
+
+void NnetForward::ThrowTooLittleInput(size_t position, const BlockShape& shape,
+                                      uint64_t reads) const {
+  ThrowError(Here(),
+             "too little input! layer[%s] position[%zu] reads [%" PRIu64
+             "] floats, given [%d channels x %d x %" PRId64 " frames = %" PRIu64 "]",
+             nnet->layers[position]->TypeMarker().c_str(), position, reads, shape.channels,
+             shape.dim, shape.frames, shape.floats());
+}
+
+void NnetForward::Reset() {
+  cur_frames = 0;
+  output_shape = {};
+  forward_count = 0;
+  for (const auto& layer : nnet->layers) layer->Reset();
+}
+
+}  // namespace tarev::nnet::handwriting_CTC

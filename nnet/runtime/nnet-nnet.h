@@ -1,0 +1,91 @@
+#ifndef NNET_RUNTIME_NNET_NNET_H_
+#define NNET_RUNTIME_NNET_NNET_H_
+
+// The network container, its reader, and the executor that runs a network over blocks of frames.
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "nnet/base/nnet-util.h"
+#include "nnet/contract/nnet-component.h"
+
+namespace tarev::nnet::handwriting_CTC {
+
+/// A network: its layers, owned, in the order in which they run.
+struct Nnet {
+  std::vector<std::unique_ptr<Component>> layers;
+};
+
+/// Appends the components of one binary network. False when the count cannot be read; throws when a
+/// component cannot. What was appended stays in `nnet`, and the stream stands behind what was read.
+bool ReadNnet(Nnet& nnet, FILE* fp);
+
+/// The shape of a frame block: channels x frames x dim floats.
+struct BlockShape {
+  int channels = 1;
+  int dim = 0;
+  int64_t frames = 0;
+
+  uint64_t floats() const { return BlockFloats(channels, dim, frames); }
+};
+
+/// Runs one network. Frames move between layers through two buffers that are exchanged after every
+/// layer and only grow; once they have the size of the largest call, a call allocates nothing.
+///
+/// Right before a layer runs the executor checks, with the width that really reaches it, that the
+/// layer finds all the input it will read and room for all it will write. An executor and its
+/// network are used by one thread at a time.
+class NnetForward {
+ public:
+  /// Builds over a network that has been read completely, has at least one layer and outlives the
+  /// executor; links the layers that refer to each other.
+  explicit NnetForward(Nnet* network);
+  NnetForward(const NnetForward&) = delete;
+  NnetForward& operator=(const NnetForward&) = delete;
+  ~NnetForward() = default;
+
+  /// Makes buffers and layers ready for a call of so many input frames. A hint: nothing is reserved
+  /// for a layer that so many frames would take beyond its bounds, nor for those after it.
+  void ReserveFrames(int64_t frames);
+  /// Counts the call and runs it with that count as call_id. `in` holds `channels` planes (1: rows)
+  /// of `frames` frames of width `dim`; layers that work in place change it.
+  void Forward(const float* in, int64_t frames, int dim, int channels = 1);
+  /// Runs the network once with the caller's call_id; a negative one marks the end of the input.
+  void Propagate(const float* in, int64_t frames, int dim, int call_id, int channels = 1);
+  /// Prepares for a new input: clears the call count and what the layers carry.
+  void Reset();
+
+  /// The result of the last call, valid until the next one.
+  const float* Output() const { return buffer_b.data(); }
+  int64_t OutputFrames() const { return cur_frames; }
+  /// Shape of that result as the last layer reported it.
+  const BlockShape& OutputShape() const { return output_shape; }
+  /// Dimensions of the first and the last layer when the executor was built.
+  int InputDim() const { return input_dim; }
+  int OutputDim() const { return output_dim; }
+
+ private:
+  void LinkLayers();
+  BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id);
+  [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
+  [[noreturn]] void ThrowTooLittleInput(size_t position, const BlockShape& shape,
+                                        uint64_t reads) const;
+  void GrowBuffers(uint64_t floats);
+
+  Nnet* nnet;
+  int64_t cur_frames = 0;
+  int32_t input_dim = 0;
+  int32_t output_dim = 0;
+  int32_t forward_count = 0;
+  int64_t frame_limit = 0;  // of the call at hand
+  int64_t reserved_frames = 0;
+  FloatArray buffer_a;
+  FloatArray buffer_b;
+  BlockShape output_shape;
+};
+
+}  // namespace tarev::nnet::handwriting_CTC
+
+#endif  // NNET_RUNTIME_NNET_NNET_H_
