@@ -84,6 +84,10 @@ bool handwriting_forward_t::ReadFirst(FILE* fp, int max_frame_num) {
 
 bool handwriting_forward_t::ReadSecond(FILE* fp, int nbest) {
   if (!ReadNetwork(fp, kChunkFrames, nnet2, forward2)) return false;
+  if (forward2->OutputDim() < 1) {
+    runtime::ThrowError(Here(), "second network has no output dimension! [%d]",
+                        forward2->OutputDim());
+  }
   decoder =
       std::make_unique<::handwriting_CTC::_beam_search_t>(nbest, nbest, forward2->OutputDim(), fp);
   return true;

@@ -1,18 +1,18 @@
-/* handwriting_forward.h - recognise handwriting from per-frame features.
+/* handwriting_forward.h - recognize handwriting from per-frame features.
  *
  * Conventions
  *
- * 1. A recogniser is an opaque pointer. handwriting_forward_create makes it, the caller owns it,
- * and handwriting_forward_destory (spelled so) releases it.
+ * 1. A recognizer is an opaque pointer. handwriting_forward_create makes it, the caller owns it,
+ *    and handwriting_forward_destory (spelled so) releases it.
  * 2. A model file holds two networks back to back. The stream stays the caller's: it is read while
- * a recogniser is created and may be closed right afterwards.
+ *    a recognizer is created and may be closed right afterwards.
  * 3. Features are a row-major matrix of 32-bit floats, one row per frame. How many values a row
- * holds, and what they mean, is the model's affair.
+ *    holds, and what they mean, is the model's affair.
  * 4. Labels are class indices of the second network's output. Class 0 is the CTC blank and never
  *    appears in a result.
  * 5. A function that fails prints one line to standard error and returns NULL or -1. It never
- * throws, exits or aborts. A recogniser remains usable after a failed call.
- * 6. One recogniser is used by one thread at a time; different recognisers may run on different
+ *    throws, exits or aborts. A recognizer remains usable after a failed call.
+ * 6. One recognizer is used by one thread at a time; different recognizers may run on different
  *    threads. Creating one sets OpenBLAS to one thread for the whole process.
  *
  * Example: the best label sequence of a matrix of 100 frames of 8 features.
@@ -27,13 +27,13 @@
  *      int len[kBest];
  *      int* labels = malloc(sizeof(int) * kBest * kFrames);
  *      FILE* model = fopen("model.bin", "rb");
- *      void* recogniser = model ? handwriting_forward_create(model, kFrames, kBest) : NULL;
+ *      void* recognizer = model ? handwriting_forward_create(model, kFrames, kBest) : NULL;
  *      if (model) fclose(model);
- *      if (recogniser && labels) {
- *        int n = handwriting_forward_process(recogniser, features, kFrames, kDim, labels, len);
+ *      if (recognizer && labels) {
+ *        int n = handwriting_forward_process(recognizer, features, kFrames, kDim, labels, len);
  *        for (int i = 0; n > 0 && i < len[0]; ++i) printf("%d ", labels[i]);
  *      }
- *      handwriting_forward_destory(recogniser);
+ *      handwriting_forward_destory(recognizer);
  *      free(labels);
  *      return 0;
  *    }
@@ -53,28 +53,30 @@
 extern "C" {
 #endif
 
-/* Creates a recogniser from an open model file.
+/* Creates a recognizer from an open model file.
  *
  * fp             a binary model, positioned at its first network; must be seekable. On success it
- *                stands just behind the second network; on failure anywhere.
- * max_frame_num  > 0; the number of frames that memory is prepared for. Longer inputs work too, the
- *                first of them at the price of growing the buffers.
+ *                stands just after the second network; on failure anywhere.
+ * max_frame_num  > 0; the number of frames that memory is prepared for, a hint. Longer inputs work
+ *                too, the first of them at the price of growing the buffers.
  * nbest          > 0; how many label paths the search keeps and how many labels it tries per frame,
- * at most the number of classes. It bounds the number of sequences in a result.
+ *                at most the number of classes. It bounds the number of sequences in a result.
  *
- * Returns the recogniser, or NULL when an argument is out of range, the file does not hold two
+ * Returns the recognizer, or NULL when an argument is out of range, the file does not hold two
  * networks that this library can run, or memory runs out. A damaged or hostile file is refused, not
  * trusted. */
 HANDWRITING_FORWARD_API void* handwriting_forward_create(FILE* fp, int max_frame_num, int nbest);
 
-/* Recognises one input.
+/* Recognizes one input.
  *
+ * instance   a recognizer of handwriting_forward_create.
  * feature    frame_num x input_dim floats, row after row. A model that begins with layers which
- * work in place changes these values; the memory must therefore be writable. frame_num  > 0; number
- * of rows. input_dim  > 0; values per row, what the first network expects. output     receives the
- * label sequences back to back, best first, without separators. Room for nbest x frame_num ints is
- * always enough: no sequence is longer than the input. len        receives the length of each
- * sequence; room for nbest ints.
+ *            work in place changes these values; the memory must therefore be writable.
+ * frame_num  > 0; number of rows.
+ * input_dim  > 0; values per row, what the first network expects.
+ * output     receives the label sequences back to back, best first, without separators. Room for
+ *            nbest x frame_num ints is always enough: no sequence is longer than the input.
+ * len        receives the length of each sequence; room for nbest ints.
  *
  * Returns the number of sequences R, 0 <= R <= nbest, or -1 on failure; output and len then hold
  * nothing of meaning. A sequence may be empty (length 0). No result depends on an earlier input. */
@@ -82,7 +84,7 @@ HANDWRITING_FORWARD_API int handwriting_forward_process(void* instance, const fl
                                                         int frame_num, int input_dim, int* output,
                                                         int* len);
 
-/* Releases a recogniser and everything it owns. NULL is ignored. */
+/* Releases a recognizer and everything it owns. NULL is ignored. */
 HANDWRITING_FORWARD_API void handwriting_forward_destory(void* instance);
 
 #ifdef __cplusplus

@@ -82,7 +82,7 @@ void PlainLayerNorm(const float* x, const float* gamma, const float* beta, float
   }
 }
 
-// One frame of a GRU behind its input product.
+// One frame of a GRU after its input product.
 void PlainGruFrame(const Gru& gru, float* gate, float* hidden, float* scratch) {
   const auto matvec = [hidden](const float* weights, int rows, float beta, float* y) {
     cblas_sgemv(CblasRowMajor, CblasNoTrans, rows, kDim, 1.0F, weights, kDim, hidden, 1, beta, y,

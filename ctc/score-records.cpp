@@ -25,6 +25,7 @@ void get_topn(const float* scores, int n, std::vector<_index_score_node>& out) {
 }
 
 void get_topn(const float* scores, int n, std::vector<_index_score_node>& out, int m) {
+  if (out.empty()) return;
   assert(n >= 0 && out.size() == static_cast<std::size_t>(n) && m >= 0 && m <= n);
   for (int i = 0; i < n; ++i) out[static_cast<std::size_t>(i)] = {i, scores[i]};
   if (m != n) std::nth_element(out.begin(), out.begin() + m, out.end(), index_score_greater);

@@ -62,7 +62,7 @@ int ExitStatus(CLI::App& app, const CLI::ParseError& error) {
 
 int Run(int argc, char** argv) {
   CLI::App app(
-      "Looks at the model files of the handwriting recogniser, converts them and runs them.",
+      "Looks at the model files of the handwriting recognizer, converts them and runs them.",
       "handwriting");
   app.footer(kFooter);
   app.require_subcommand(1);

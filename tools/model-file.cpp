@@ -28,7 +28,7 @@ int SkipBlanks(FILE* fp) {
   return c;
 }
 
-// Blanks behind a text component belong to nothing; in a binary file every byte belongs to a
+// Blanks after a text component belong to nothing; in a binary file every byte belongs to a
 // network.
 bool AtEnd(FILE* fp, bool is_text) {
   const int c = is_text ? SkipBlanks(fp) : std::getc(fp);
@@ -39,7 +39,7 @@ std::string Place(const Nnet& network) {
   return "layer " + std::to_string(network.layers.size()) + ": ";
 }
 
-// What goes wrong in a reader goes wrong in the layer behind those read so far.
+// What goes wrong in a reader goes wrong in the layer after those read so far.
 template <class Reader>
 auto ReadLayers(const Nnet& network, Reader reader) {
   try {

@@ -29,7 +29,7 @@ struct ModelFile {
 };
 
 /// Reads a model file to its end, binary or text. A file without a network, a damaged one and one
-/// that goes on behind its last network are refused with a std::runtime_error that names the file,
+/// that goes on after its last network are refused with a std::runtime_error that names the file,
 /// the network and the layer.
 ModelFile ReadModelFile(const std::string& path);
 

@@ -15,7 +15,7 @@ struct Matrix {
 };
 
 /// Reads a NumPy .npy file of little-endian float32 in C order with two or three dimensions.
-/// Anything else, a file that is cut short and one that goes on behind its values are refused with
+/// Anything else, a file that is cut short and one that goes on after its values are refused with
 /// a std::runtime_error that names the file, what was found and what is wanted. Nothing larger than
 /// the file is allocated.
 Matrix ReadNpy(const std::string& path);

@@ -29,7 +29,7 @@ using Json = nlohmann::ordered_json;
 using Labels = std::vector<std::string>;
 using Sequence = std::vector<int>;
 
-// Frames to prepare for; a longer input makes the recogniser grow, once.
+// Frames to prepare for; a longer input makes the recognizer grow, once.
 constexpr int kPreparedFrames = 256;
 constexpr int kMaxBest = 1000;
 
@@ -67,7 +67,7 @@ class Recognizer {
     const FilePointer file = OpenForReading(model);
     instance_.reset(handwriting_forward_create(file.get(), kPreparedFrames, nbest));
     if (instance_ != nullptr) return;
-    throw std::runtime_error(model + ": " + warning_.TextOr("no recogniser could be created"));
+    throw std::runtime_error(model + ": " + warning_.TextOr("no recognizer could be created"));
   }
 
   /// The label sequences of an input, best first. `features` is changed where the model computes in
@@ -84,7 +84,7 @@ class Recognizer {
     warning_.Clear();
     const int count = handwriting_forward_process(instance_.get(), features.values.data(), frames,
                                                   dim, output.get(), lengths.data());
-    if (count < 0) throw std::runtime_error(warning_.TextOr("the recogniser failed"));
+    if (count < 0) throw std::runtime_error(warning_.TextOr("the recognizer failed"));
     std::vector<Sequence> sequences;
     const int* begin = output.get();
     for (int i = 0; i < count; ++i) {
@@ -160,7 +160,7 @@ std::string IndicesOf(const Sequence& sequence) {
   return text;
 }
 
-// Recognises files one after another and prints what comes out of each at once, so that another
+// Recognizes files one after another and prints what comes out of each at once, so that another
 // program can feed names and wait for results.
 class Session {
  public:
@@ -259,7 +259,7 @@ int Run(const Options& options) {
 }
 
 constexpr char kFooter[] =
-    R"(MODEL holds two networks in binary form. One recogniser is created from it through the exported C
+    R"(MODEL holds two networks in binary form. One recognizer is created from it through the exported C
 functions and processes the files in order.
 
 For each file the name is printed on a line, then the label sequences, best first, one per line behind

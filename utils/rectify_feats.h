@@ -8,7 +8,7 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// What becomes of the frames behind the last complete window when the stream ends: a shorter
+/// What becomes of the frames after the last complete window when the stream ends: a shorter
 /// window at the next hop, or one of full length that reaches back.
 enum class mode_t : int32_t { FIXED_HOP = 0, FIXED_WIN = 1 };
 

@@ -1,4 +1,4 @@
-// Recognises the example's lines of handwritten digits through the public C interface and shows
+// Recognizes the example's lines of handwritten digits through the public C interface and shows
 // what was seen, what was wanted and what was found.
 //
 // Usage: digits_demo MODEL FOLDER, where FOLDER/truth.txt names a line file and its digits in every
@@ -59,7 +59,7 @@ std::vector<Line> ReadLines(const std::string& folder) {
   return lines;
 }
 
-// A recogniser of the library, and the room for its results.
+// A recognizer of the library, and the room for its results.
 class Recognizer {
  public:
   Recognizer(const std::string& model, const std::vector<Line>& lines) {
@@ -72,7 +72,7 @@ class Recognizer {
     if (instance_ == nullptr) throw std::runtime_error(model + ": not a model of the library");
   }
 
-  /// Runs the recogniser over a line and returns the number of sequences found.
+  /// Runs the recognizer over a line and returns the number of sequences found.
   int Process(const Line& line) {
     const std::vector<size_t>& shape = line.frames.shape;
     const int count = handwriting_forward_process(
@@ -168,7 +168,7 @@ size_t ShowLine(Recognizer& recognizer, const Line& line, bool grey) {
   return EditDistance(sequences.empty() ? "" : sequences.front(), line.digits);
 }
 
-// Recognises all lines again and again. Only the calls of the library are timed.
+// Recognizes all lines again and again. Only the calls of the library are timed.
 double FramesPerSecond(Recognizer& recognizer, const std::vector<Line>& lines) {
   using Clock = std::chrono::steady_clock;
   std::chrono::duration<double> time{};

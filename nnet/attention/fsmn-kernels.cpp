@@ -66,7 +66,7 @@ void Rows(const FsmnTaps& shape, const float* in, float* memory, float* out) {
   Columns<kFrames, 1>(hn::CappedTag<float, 1>(), shape, whole, shape.dim, in, memory, out);
 }
 
-// Runs as many tiles of kFrames as there are frames for, from frame i on; returns the frame behind.
+// Runs as many tiles of kFrames as there are frames for, from frame i on; returns the frame after.
 template <size_t kFrames>
 size_t Tiles(const FsmnTaps& shape, const float* in, size_t i, size_t frames, float* memory,
              float* out) {

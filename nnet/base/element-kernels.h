@@ -45,7 +45,7 @@ void pow_in_place(float* x, size_t n, float p);
 void copy_columns(const float* src, size_t rows, size_t src_cols, float* dst, size_t dst_rows,
                   size_t dst_cols, size_t src_col, size_t dst_col, size_t n);
 /// X[r] += X[r + step] + X[r + 2 step] + … for all multiples of step below span, for every row that
-/// has them all.
+/// has them all. `span` is a multiple of `step`.
 void sum_strided_rows(float* X, size_t rows, size_t cols, size_t step, size_t span);
 
 /// dst (cols x rows) = src'.

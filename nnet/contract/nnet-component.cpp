@@ -95,18 +95,19 @@ constexpr int kMaxNesting = 16;
 class NestingGuard {
  public:
   NestingGuard() {
-    if (depth == kMaxNesting) ThrowError(Here(), "components nested too deeply! [%d]", kMaxNesting);
-    ++depth;
+    if (depth_ == kMaxNesting)
+      ThrowError(Here(), "components nested too deeply! [%d]", kMaxNesting);
+    ++depth_;
   }
   NestingGuard(const NestingGuard&) = delete;
   NestingGuard& operator=(const NestingGuard&) = delete;
-  ~NestingGuard() { --depth; }
+  ~NestingGuard() { --depth_; }
 
  private:
-  static thread_local int depth;
+  static thread_local int depth_;
 };
 
-thread_local int NestingGuard::depth = 0;
+thread_local int NestingGuard::depth_ = 0;
 
 void CheckReadable(FILE* fp, std::source_location where) {
   if (fp == nullptr) ThrowWrongParameters(where, "Read", "fp == __null");

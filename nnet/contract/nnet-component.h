@@ -241,7 +241,7 @@ class Component {
 /// Creates a layer of the given code, owned by the caller.
 Component* NewComponentOfType(int code, int first, int second);
 
-/// Reads the dimensions of a text component behind its marker; returns the type code.
+/// Reads the dimensions of a text component after its marker; returns the type code.
 int ReadComponentHeader(FILE* fp, const char* marker, int* first, int* second);
 
 /// channels x dim x frames in 64 bits; negative factors count as none, overflow saturates.

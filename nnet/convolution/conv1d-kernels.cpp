@@ -152,8 +152,8 @@ void RunPartialBlock(const ConvolutionRun& run, TilePlace at, size_t channels) {
 // A sum that starts from 0 is never -0, so that adding 0 changes no bit of it.
 constexpr float kNoBias[kBlocksOfOneFrame * kWideBlock] = {};
 
-// One group, behind whose first channel an output row has `room` channels. A block of which not all
-// channels exist may write into the groups behind it, which are computed later.
+// One group, after whose first channel an output row has `room` channels. A block of which not all
+// channels exist may write into the groups after it, which are computed later.
 template <bool kDepthwise>
 void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const TilePlace& group,
               size_t room) {

@@ -50,6 +50,11 @@ TapRange TapsOf(const TapWalk& walk, int64_t t) {
   return {begin, std::max(begin, end), next};
 }
 
+bool Logged(bool valid, const Refusal& why) {
+  if (!valid) LogWarning(Here(), "wrong window or channels! %s", why.text().c_str());
+  return valid;
+}
+
 }  // namespace
 
 // The window.
@@ -69,9 +74,11 @@ FieldList WindowParameters::WindowFields() {
 
 bool WindowParameters::ValidateWindow(Refusal& why) {
   effective_kernel = (int64_t{kernel_size} - 1) * dilation + 1;
-  return why.AtLeast("<KernelSize>", kernel_size, 0) && why.AtLeast("<Stride>", stride, 1) &&
-         why.AtLeast("<Left>", padding_left, 0) && why.AtLeast("<Right>", padding_right, 0) &&
-         why.AtLeast("<Dilation>", dilation, 1);
+  return Logged(why.AtLeast("kernel size", kernel_size, 0) && why.AtLeast("stride", stride, 1) &&
+                    why.AtLeast("left padding", padding_left, 0) &&
+                    why.AtLeast("right padding", padding_right, 0) &&
+                    why.AtLeast("dilation", dilation, 1),
+                why);
 }
 
 // What both convolutions store.
@@ -85,10 +92,12 @@ ParameterList ConvolutionParameters::Arrays() {
 bool ConvolutionParameters::ValidateShape(const Component& layer, Refusal& why) {
   const int32_t in_dim = layer.input_dim;
   const int32_t out_dim = layer.output_dim;
-  if (!ValidateWindow(why) || !why.AtLeast("<Groups>", groups, 1) ||
-      !why.AtLeast("input dimension", in_dim, 0) || !why.AtLeast("output dimension", out_dim, 0) ||
-      !why.Equal("input dimension modulo <Groups>", in_dim % groups, "wanted", 0) ||
-      !why.Equal("output dimension modulo <Groups>", out_dim % groups, "wanted", 0)) {
+  if (!ValidateWindow(why)) return false;
+  if (!Logged(why.AtLeast("groups", groups, 1) && why.AtLeast("input dimension", in_dim, 0) &&
+                  why.AtLeast("output dimension", out_dim, 0) &&
+                  ((in_dim % groups == 0 && out_dim % groups == 0) ||
+                   why.Because("[%d] groups do not divide [%d] and [%d]", groups, in_dim, out_dim)),
+              why)) {
     return false;
   }
   in_per_group = in_dim / groups;
@@ -96,35 +105,35 @@ bool ConvolutionParameters::ValidateShape(const Component& layer, Refusal& why) 
   kernel_rows = int64_t{in_dim} * out_per_group;
   const size_t k = ToSize(kernel_size);
   const bool depthwise = in_per_group == 1 && out_per_group == 1 && groups >= int{kNarrowBlock};
-  shape = depthwise ? ConvolutionShape{1, 1, ToSize(groups), k, true}
-                    : ConvolutionShape{ToSize(groups), ToSize(in_per_group), ToSize(out_per_group),
-                                       k * ToSize(in_per_group), false};
+  shape_ = depthwise ? ConvolutionShape{1, 1, ToSize(groups), k, true}
+                     : ConvolutionShape{ToSize(groups), ToSize(in_per_group), ToSize(out_per_group),
+                                        k * ToSize(in_per_group), false};
   return true;
 }
 
 // Visits the index in compute order and the index in the file of every weight.
 template <class Visit>
 void ConvolutionParameters::ForEachWeight(Visit visit) const {
-  if (shape.Weights() == 0) return;
+  if (shape_.Weights() == 0) return;
   const size_t k = ToSize(kernel_size);
   const size_t in = ToSize(in_per_group);
   const size_t out = ToSize(out_per_group);
   const auto stored = [&](size_t group, size_t p, size_t c, size_t tap) {
     const size_t row =
-        row_order == RowOrder::kByOutput ? (group * out + p) * in + c : (group * in + c) * out + p;
+        row_order_ == RowOrder::kByOutput ? (group * out + p) * in + c : (group * in + c) * out + p;
     return row * k + tap;
   };
-  const bool taps_first = term_order == TermOrder::kTapsFirst;
+  const bool taps_first = term_order_ == TermOrder::kTapsFirst;
   size_t computed = 0;
-  for (size_t g = 0; g < shape.groups; ++g) {
-    for (size_t next = 0; next < shape.out_per_group;) {
-      const ChannelBlock block = BlockFrom(next, shape.out_per_group);
-      for (size_t term = 0; term < shape.terms; ++term, computed += block.width) {
+  for (size_t g = 0; g < shape_.groups; ++g) {
+    for (size_t next = 0; next < shape_.out_per_group;) {
+      const ChannelBlock block = BlockFrom(next, shape_.out_per_group);
+      for (size_t term = 0; term < shape_.terms; ++term, computed += block.width) {
         const size_t tap = taps_first ? term / in : term % k;
         const size_t c = taps_first ? term % in : term / k;
         for (size_t lane = 0; lane < block.channels; ++lane) {
           const size_t p = block.offset + lane;
-          visit(computed + lane, shape.depthwise ? stored(p, 0, c, tap) : stored(g, p, c, tap));
+          visit(computed + lane, shape_.depthwise ? stored(p, 0, c, tap) : stored(g, p, c, tap));
         }
       }
       next = block.offset + block.width;
@@ -134,7 +143,7 @@ void ConvolutionParameters::ForEachWeight(Visit visit) const {
 
 FloatArray ConvolutionParameters::Held(const FloatArray& stored) const {
   FloatArray held;
-  held.Grow(shape.Weights());
+  held.Grow(shape_.Weights());
   ForEachWeight([&](size_t computed, size_t read) { held[computed] = stored[read]; });
   return held;
 }
@@ -147,7 +156,7 @@ std::vector<float> ConvolutionParameters::Stored(const FloatArray& held) const {
 
 void ConvolutionParameters::Run(ConvolutionRun run, const Taps& taps) const {
   if (taps.count > 0 && in_per_group > 0) {
-    const bool taps_first = term_order == TermOrder::kTapsFirst;
+    const bool taps_first = term_order_ == TermOrder::kTapsFirst;
     const ptrdiff_t tap_rows = taps_first ? in_per_group : 1;
     const ptrdiff_t channel_rows = taps_first ? 1 : kernel_size;
     const TermLoop tap_loop = {ToSize(taps.count), taps.in_step * InDim(), taps.spacing * tap_rows};
@@ -161,7 +170,7 @@ void ConvolutionParameters::Run(ConvolutionRun run, const Taps& taps) const {
   } else {
     run.in_frame_step = 0;
   }
-  convolve_run(shape, kernel.data(), has_bias != 0 ? bias_vector.data() : nullptr, run);
+  convolve_run(shape_, kernel.data(), has_bias != 0 ? bias_vector.data() : nullptr, run);
 }
 
 // Convolution.
@@ -224,7 +233,7 @@ FieldList ConvTranspose1dParameters::ConvolutionFields() {
 }
 
 bool ConvTranspose1dParameters::ValidateShape(const Component& layer, Refusal& why) {
-  return why.AtLeast("<OutputPadding>", output_padding, 0) &&
+  return Logged(why.AtLeast("output padding", output_padding, 0), why) &&
          ConvolutionParameters::ValidateShape(layer, why);
 }
 

@@ -63,7 +63,7 @@ struct ConvolutionParameters : WindowParameters, ArrayOrder {
   /// What a row of the stored kernel belongs to: output channel by output channel, or input channel
   /// by input channel.
   enum class RowOrder { kByOutput, kByInput };
-  ConvolutionParameters(RowOrder rows, TermOrder terms) : row_order(rows), term_order(terms) {}
+  ConvolutionParameters(RowOrder rows, TermOrder terms) : row_order_(rows), term_order_(terms) {}
 
   /// Checks the fields against the layer's dimensions and derives the rest.
   bool ValidateShape(const Component& layer, Refusal& why);
@@ -88,9 +88,9 @@ struct ConvolutionParameters : WindowParameters, ArrayOrder {
   FloatArray Held(const FloatArray& stored) const override;
   std::vector<float> Stored(const FloatArray& held) const override;
 
-  RowOrder row_order;
-  TermOrder term_order;
-  ConvolutionShape shape;
+  RowOrder row_order_;
+  TermOrder term_order_;
+  ConvolutionShape shape_;
 };
 
 /// Output frame t, channel o: bias[o] + the sum over taps j and channels c of o's group of

@@ -120,19 +120,19 @@ void SimpleConv2d1x3s2::Reserve(int64_t frames) {
 void SimpleConv2d1x3s2::Gather(const Tensor3& in, size_t out_width) {
   for (Tensor3& tap : taps_) tap.Reshape(out_width, in.height, in.channels, memory_bytes);
   // Positions whose last value lies inside the row; at most one is left, which sees the zero
-  // behind.
+  // after.
   const size_t whole = std::min(out_width, in.width / 2);
   for (size_t c = 0; c < in.channels; ++c) {
     for (size_t t = 0; t < in.height; ++t) {
       const float* row = in.Plane(c) + t * in.width;
       float* before = taps_[0].Plane(c) + t * out_width;
       float* at = taps_[1].Plane(c) + t * out_width;
-      float* behind = taps_[2].Plane(c) + t * out_width;
+      float* after = taps_[2].Plane(c) + t * out_width;
       for (size_t x = 0; x < out_width; ++x) at[x] = row[2 * x];
-      for (size_t x = 0; x < whole; ++x) behind[x] = row[2 * x + 1];
-      std::fill(behind + whole, behind + out_width, 0.0F);
+      for (size_t x = 0; x < whole; ++x) after[x] = row[2 * x + 1];
+      std::fill(after + whole, after + out_width, 0.0F);
       before[0] = 0.0F;
-      std::copy_n(behind, out_width - 1, before + 1);
+      std::copy_n(after, out_width - 1, before + 1);
     }
   }
 }

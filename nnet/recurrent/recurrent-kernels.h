@@ -1,7 +1,7 @@
 #ifndef NNET_RECURRENT_RECURRENT_KERNELS_H_
 #define NNET_RECURRENT_RECURRENT_KERNELS_H_
 
-// One frame of a recurrence behind its matrix-vector product, in one pass: all gates, the cell and
+// One frame of a recurrence after its matrix-vector product, in one pass: all gates, the cell and
 // the output. Every product is rounded before it is added, so the bits are those of the separate
 // steps.
 

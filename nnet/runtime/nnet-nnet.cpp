@@ -47,20 +47,20 @@ bool ReadNnet(Nnet& nnet, FILE* fp) {
   return false;
 }
 
-NnetForward::NnetForward(Nnet* network) : nnet(network) {
-  if (nnet == nullptr) ThrowWrongParameters(Here(), "NnetForward", "nnet == __null");
-  if (nnet->layers.empty()) ThrowWrongParameters(Here(), "NnetForward", "nnet->layers.empty()");
-  input_dim = nnet->layers.front()->InputDim();
-  output_dim = nnet->layers.back()->OutputDim();
+NnetForward::NnetForward(Nnet* network) : nnet_(network) {
+  if (nnet_ == nullptr) ThrowWrongParameters(Here(), "NnetForward", "nnet == __null");
+  if (nnet_->layers.empty()) ThrowWrongParameters(Here(), "NnetForward", "nnet->layers.empty()");
+  input_dim_ = nnet_->layers.front()->InputDim();
+  output_dim_ = nnet_->layers.back()->OutputDim();
   LinkLayers();
 }
 
 void NnetForward::LinkLayers() {
   NetworkLinks links(Here());
   for (const auto visit : {&Component::Announce, &Component::Link}) {
-    for (size_t position = 0; position < nnet->layers.size(); ++position) {
+    for (size_t position = 0; position < nnet_->layers.size(); ++position) {
       links.MoveTo(position);
-      (*nnet->layers[position].*visit)(links);
+      (*nnet_->layers[position].*visit)(links);
     }
   }
 }
@@ -68,9 +68,9 @@ void NnetForward::LinkLayers() {
 void NnetForward::ReserveFrames(int64_t frames) {
   const int64_t limit = FrameLimit(frames);
   int64_t n = frames;
-  int width = input_dim;
+  int width = input_dim_;
   uint64_t need = 0;
-  for (const auto& layer : nnet->layers) {
+  for (const auto& layer : nnet_->layers) {
     const CallPlan plan = layer->Plan(n, width);
     if (n < 1 || n > limit || plan.writes > kMaxBlockFloats) break;
     layer->Reserve(n);
@@ -81,7 +81,7 @@ void NnetForward::ReserveFrames(int64_t frames) {
     if (layer->OutputDim() > 0) width = layer->OutputDim();
   }
   GrowBuffers(need);
-  reserved_frames = std::max(reserved_frames, frames);
+  reserved_frames_ = std::max(reserved_frames_, frames);
 }
 
 void NnetForward::GrowBuffers(uint64_t floats) {
@@ -89,53 +89,53 @@ void NnetForward::GrowBuffers(uint64_t floats) {
     ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
                kMaxBlockFloats);
   }
-  buffer_b.Grow(floats);
-  if (nnet->layers.size() > 1) buffer_a.Grow(floats);
+  buffer_b_.Grow(floats);
+  if (nnet_->layers.size() > 1) buffer_a_.Grow(floats);
 }
 
 void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels) {
-  if (forward_count < std::numeric_limits<int32_t>::max()) ++forward_count;
-  Propagate(in, frames, dim, forward_count, channels);
+  if (forward_count_ < std::numeric_limits<int32_t>::max()) ++forward_count_;
+  Propagate(in, frames, dim, forward_count_, channels);
 }
 
 void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
-  if (frames > reserved_frames) ReserveFrames(frames);
-  frame_limit = FrameLimit(frames);
+  if (frames > reserved_frames_) ReserveFrames(frames);
+  frame_limit_ = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
-  for (size_t position = 0; position < nnet->layers.size(); ++position) {
+  for (size_t position = 0; position < nnet_->layers.size(); ++position) {
     shape = RunLayer(position, in, shape, call_id);
-    std::swap(buffer_a, buffer_b);
+    std::swap(buffer_a_, buffer_b_);
   }
-  std::swap(buffer_a, buffer_b);
-  output_shape = shape;
-  cur_frames = shape.frames;
+  std::swap(buffer_a_, buffer_b_);
+  output_shape_ = shape;
+  cur_frames_ = shape.frames;
 }
 
 // The layer's plan is checked against what the layer before it gave, then the room is made, then the
 // layer runs.
 BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockShape& shape,
                                  int call_id) {
-  Component& layer = *nnet->layers[position];
+  Component& layer = *nnet_->layers[position];
   layer.CheckWidth(shape.dim);
-  if (shape.frames > frame_limit) ThrowTooManyFrames(position, shape.frames, frame_limit);
+  if (shape.frames > frame_limit_) ThrowTooManyFrames(position, shape.frames, frame_limit_);
   const CallPlan plan = layer.Plan(shape.frames, shape.dim);
-  if (plan.frames > frame_limit) ThrowTooManyFrames(position, plan.frames, frame_limit);
+  if (plan.frames > frame_limit_) ThrowTooManyFrames(position, plan.frames, frame_limit_);
   if (plan.reads > shape.floats()) ThrowTooLittleInput(position, shape, plan.reads);
   GrowBuffers(plan.writes);
-  layer.Run(plan, position == 0 ? in : buffer_a.data(), shape.frames, shape.dim, buffer_b.data(),
+  layer.Run(plan, position == 0 ? in : buffer_a_.data(), shape.frames, shape.dim, buffer_b_.data(),
             call_id);
   const BlockShape produced{layer.OutputChannel(), layer.output_dim, layer.OutputFrames()};
   // A layer whose header claims more than it writes hands on zeros, not what an earlier call left.
   if (const uint64_t floats = produced.floats(); floats > plan.writes) {
     GrowBuffers(floats);
-    zero_vec(buffer_b.data() + plan.writes, floats - plan.writes);
+    zero_vec(buffer_b_.data() + plan.writes, floats - plan.writes);
   }
   return produced;
 }
 
 void NnetForward::ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const {
   ThrowError(Here(), "too many frames! layer[%s] position[%zu] [%" PRId64 " > %" PRId64 "]",
-             nnet->layers[position]->TypeMarker().c_str(), position, frames, limit);
+             nnet_->layers[position]->TypeMarker().c_str(), position, frames, limit);
 }
 
 void NnetForward::ThrowTooLittleInput(size_t position, const BlockShape& shape,
@@ -143,15 +143,15 @@ void NnetForward::ThrowTooLittleInput(size_t position, const BlockShape& shape,
   ThrowError(Here(),
              "too little input! layer[%s] position[%zu] reads [%" PRIu64
              "] floats, given [%d channels x %d x %" PRId64 " frames = %" PRIu64 "]",
-             nnet->layers[position]->TypeMarker().c_str(), position, reads, shape.channels,
+             nnet_->layers[position]->TypeMarker().c_str(), position, reads, shape.channels,
              shape.dim, shape.frames, shape.floats());
 }
 
 void NnetForward::Reset() {
-  cur_frames = 0;
-  output_shape = {};
-  forward_count = 0;
-  for (const auto& layer : nnet->layers) layer->Reset();
+  cur_frames_ = 0;
+  output_shape_ = {};
+  forward_count_ = 0;
+  for (const auto& layer : nnet_->layers) layer->Reset();
 }
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -19,7 +19,7 @@ struct Nnet {
 };
 
 /// Appends the components of one binary network. False when the count cannot be read; throws when a
-/// component cannot. What was appended stays in `nnet`, and the stream stands behind what was read.
+/// component cannot. What was appended stays in `nnet`, and the stream stands after what was read.
 bool ReadNnet(Nnet& nnet, FILE* fp);
 
 /// The shape of a frame block: channels x frames x dim floats.
@@ -58,13 +58,13 @@ class NnetForward {
   void Reset();
 
   /// The result of the last call, valid until the next one.
-  const float* Output() const { return buffer_b.data(); }
-  int64_t OutputFrames() const { return cur_frames; }
+  const float* Output() const { return buffer_b_.data(); }
+  int64_t OutputFrames() const { return cur_frames_; }
   /// Shape of that result as the last layer reported it.
-  const BlockShape& OutputShape() const { return output_shape; }
+  const BlockShape& OutputShape() const { return output_shape_; }
   /// Dimensions of the first and the last layer when the executor was built.
-  int InputDim() const { return input_dim; }
-  int OutputDim() const { return output_dim; }
+  int InputDim() const { return input_dim_; }
+  int OutputDim() const { return output_dim_; }
 
  private:
   void LinkLayers();
@@ -74,16 +74,16 @@ class NnetForward {
                                         uint64_t reads) const;
   void GrowBuffers(uint64_t floats);
 
-  Nnet* nnet;
-  int64_t cur_frames = 0;
-  int32_t input_dim = 0;
-  int32_t output_dim = 0;
-  int32_t forward_count = 0;
-  int64_t frame_limit = 0;  // of the call at hand
-  int64_t reserved_frames = 0;
-  FloatArray buffer_a;
-  FloatArray buffer_b;
-  BlockShape output_shape;
+  Nnet* nnet_;
+  int64_t cur_frames_ = 0;
+  int32_t input_dim_ = 0;
+  int32_t output_dim_ = 0;
+  int32_t forward_count_ = 0;
+  int64_t frame_limit_ = 0;  // of the call at hand
+  int64_t reserved_frames_ = 0;
+  FloatArray buffer_a_;
+  FloatArray buffer_b_;
+  BlockShape output_shape_;
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

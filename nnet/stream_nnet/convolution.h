@@ -29,7 +29,7 @@ class StreamWindow {
   int64_t CompleteFrames(const WindowParameters& window, int64_t frames,
                          const ChunkEnds& ends) const;
 
-  /// What the windows of one call see: `rows` of real input behind `padding` rows of zeros.
+  /// What the windows of one call see: `rows` of real input after `padding` rows of zeros.
   struct View {
     const float* rows;
     int64_t count;
