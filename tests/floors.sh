@@ -7,7 +7,8 @@ set -euo pipefail
 cd "$1"
 
 # ROOM: the rooms it sees. What ends in -kernels stands beside its family and sees base and utils
-# only; the executor and the registry share a room but not a view.
+# only (and the parts of its own family that end in -inl.h); the executor and the registry share a
+# room but not a view.
 layers='contract base utils'
 declare -A sees=(
   [utils]=''
@@ -73,9 +74,11 @@ while IFS=: read -r file line text; do
   # shellcheck disable=SC2154  # set_room assigns them
   if [[ -z ${sees[$from]+known} ]]; then
     complain "$file: lies in no room of the house ($from)"
-  elif [[ $file == *-kernels.* && $target != "${file%.*}".* && $target != *-inl.h ]]; then
-    [[ $to == base || $to == utils ]] ||
-      complain "$file:$line: includes $target, but kernels see base and utils only"
+  elif [[ $file == *-kernels.* && $from == "$to" && $target != "${file%.*}".* &&
+    $target != *-inl.h && $from != base ]]; then
+    complain "$file:$line: includes $target, but kernels see base and utils only"
+  elif [[ $file == *-kernels.* && $to == contract ]]; then
+    complain "$file:$line: includes $target, but kernels see base and utils only"
   elif [[ $from != "$to" && " ${sees[$from]} " != *" $to "* ]]; then
     complain "$file:$line: includes $target, but $from does not see $to"
   fi
