@@ -28,8 +28,7 @@ TEST(Refusal, SaysWhichFieldOrArrayAndWhatWasWanted) {
   const Bytes narrow = Component1d(0x203, 2, 3);
   const std::pair<Bytes, const char*> cases[] = {
       {Component1d(0x10d, 2, 3).Raw<int16_t>(1), "<CellDim>: 4 bytes wanted, 2 left"},
-      {Component1d(0x10d, 2, 3, Bytes().Int(4)),
-       "<CellDim> [4], output values of a direction [3]"},
+      {Component1d(0x10d, 2, 3, Bytes().Int(4)), "<CellDim> [4], output values of a direction [3]"},
       {Component1d(0x103, 2, 1, Bytes().Floats(Floats(8)).Floats({1, 2})),
        "recurrent_weights [4 x 1]: 16 bytes wanted, 8 left"},
       {Component1d(0x801, 2, 3, Bytes().Float(1).Codes({1, 2})),

@@ -114,11 +114,11 @@ bool AttentionLayer::HasFixedForm() const {
                              [](const Component* layer) { return layer->HasFixedForm(); });
 }
 
-// A width that a header claims and no parameters stand behind gets its room only when a call brings
-// rows of it.
+// A width that a header claims without parameters gets its room only when a call brings rows of it,
+// and so does what a call could not have.
 void AttentionLayer::Reserve(int64_t frames) {
-  if (frames <= frame_capacity || model_dim < 1) return;
-  if (ParameterCount() >= ToSize(model_dim)) GrowBuffers(frames);
+  if (frames <= frame_capacity || model_dim < 1 || ParameterCount() < ToSize(model_dim)) return;
+  if (std::max(RowFloats(frames), HiddenFloats(frames)) <= kMaxBlockFloats) GrowBuffers(frames);
 }
 
 void AttentionLayer::Reset() {

@@ -70,18 +70,21 @@ void NnetForward::ReserveFrames(int64_t frames) {
   int64_t n = frames;
   int width = input_dim_;
   uint64_t need = 0;
+  bool whole = true;
   for (const auto& layer : nnet_->layers) {
     const CallPlan plan = layer->Plan(n, width);
-    if (n < 1 || n > limit || plan.writes > kMaxBlockFloats) break;
+    whole = n >= 1 && n <= limit && plan.writes <= kMaxBlockFloats;
+    if (!whole) break;
     layer->Reserve(n);
     n = layer->MostFrames(n);
     const uint64_t given = BlockFloats(layer->OutputChannel(), layer->OutputDim(), n);
-    if (given > kMaxBlockFloats) break;
+    whole = given <= kMaxBlockFloats;
+    if (!whole) break;
     need = std::max({need, plan.writes, given});
     if (layer->OutputDim() > 0) width = layer->OutputDim();
   }
   GrowBuffers(need);
-  reserved_frames_ = std::max(reserved_frames_, frames);
+  if (whole) reserved_frames_ = std::max(reserved_frames_, frames);
 }
 
 void NnetForward::GrowBuffers(uint64_t floats) {
