@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 #include <loguru.hpp>
 
+#include "nnet/nnet-util.h"
 #include "tools/commands.h"
 
 namespace handwriting::tools {
@@ -44,8 +45,16 @@ Files are written beside their target and renamed when they are complete.
 Exit status: 0 done; 1 the work failed, one line on standard error says what and where; 2 the command
 line is wrong.)";
 
+/// Which program this is and what its results hang on: the vector target and the BLAS core.
+std::string VersionText() {
+  using tarev::nnet::handwriting_CTC::blas_core_name;
+  using tarev::nnet::handwriting_CTC::vector_target_name;
+  return std::string("handwriting " HANDWRITING_VERSION ", vector target ") + vector_target_name() +
+         ", BLAS core " + blas_core_name();
+}
+
 int ExitStatus(CLI::App& app, const CLI::ParseError& error) {
-  if (error.get_exit_code() == 0) {  // --help
+  if (error.get_exit_code() == 0) {  // --help, --version
     app.exit(error);
     FlushOutput();
     return kDone;
@@ -64,6 +73,7 @@ int Run(int argc, char** argv) {
   CLI::App app(
       "Looks at the model files of the handwriting recognizer, converts them and runs them.",
       "handwriting");
+  app.set_version_flag("--version", VersionText, "Print version, vector target and BLAS core");
   app.footer(kFooter);
   app.require_subcommand(1);
   const Command commands[] = {AddInspect(app), AddConvert(app), AddForward(app), AddRecognize(app)};
