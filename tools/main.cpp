@@ -50,8 +50,9 @@ line is wrong.)";
 std::string VersionText() {
   using tarev::nnet::handwriting_CTC::blas_core_name;
   using tarev::nnet::handwriting_CTC::vector_target_name;
-  return std::string("handwriting " HANDWRITING_VERSION ", vector target ") + vector_target_name() +
-         ", BLAS core " + blas_core_name();
+  std::string text = "handwriting " HANDWRITING_VERSION;
+  text.append(", vector target ").append(vector_target_name());
+  return text.append(", BLAS core ").append(blas_core_name());
 }
 
 int ExitStatus(CLI::App& app, const CLI::ParseError& error) {
