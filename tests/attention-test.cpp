@@ -1,14 +1,9 @@
 // Positional encoding and the transformer blocks, against their definition in double precision.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <numeric>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "nnet/decoder-layer.h"
 #include "nnet/positional-encoding.h"

@@ -1,9 +1,5 @@
 // The readers and writers of whole components, and the contract's defaults.
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "nnet/activation.h"
 #include "nnet/nnet-component.h"
 #include "tests/support/model-builder.h"

@@ -1,11 +1,6 @@
-#include <gtest/gtest.h>
 
-#include <cstdint>
 #include <limits>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "nnet/nnet-control-flow.h"
 #include "tests/support/model-builder.h"

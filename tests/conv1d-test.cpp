@@ -1,18 +1,11 @@
 #include "nnet/conv1d.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <initializer_list>
 #include <iterator>
 #include <limits>
 #include <numeric>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "tests/support/conv1d-sample.h"
 #include "tests/support/vector-targets.h"

@@ -1,13 +1,7 @@
 #include "nnet/convolution.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdint>
 #include <limits>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/support/model-builder.h"
 #include "tests/support/vector-targets.h"

@@ -248,6 +248,10 @@ TEST(BeamSearch, LongResultsWithNanScoresAreCompleteAndInOrder) {
     for (std::size_t i = 1; i < labels.size(); ++i) {
       ASSERT_FALSE(row[labels[i]] > row[labels[i - 1]]) << i;
     }
+    // Nothing beats the best one, unless a NaN, to which nothing compares, came first.
+    float best = row[0];
+    for (const float score : row) best = score > best ? score : best;
+    ASSERT_TRUE(row[labels[0]] == best || std::isnan(row[0]));
     std::sort(labels.begin(), labels.end());
     for (std::size_t i = 0; i < row.size(); ++i) ASSERT_EQ(labels.at(i), i);
   }

@@ -1,11 +1,8 @@
 // The executor: buffers, links, shapes that only show at run time, and what a hostile file may
 // claim.
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <tuple>
 
 #include "nnet/nnet-nnet.h"
 #include "tests/support/model-builder.h"
@@ -149,14 +146,14 @@ TEST(Executor, SizesBeyondTheLimitsAreRefused) {
       ThrownBy([&] { narrow.forward->ReserveFrames(int64_t{1} << 40); }).find("too many frames!"),
       std::string::npos);
   EXPECT_EQ(narrow.Call({-1, 1}, 2, 1), Floats({0, 1}));  // and remains usable
-  // A transposed convolution whose stride makes millions of frames out of two.
-  Model stretched(Network({Component1d(
-      0x308, 1, 1,
-      Bytes().Int(1).Int(2'000'000).Int(0).Int(0).Int(0).Int(1).Int(1).Int(0).Float(1))}));
-  EXPECT_EQ(ThrownBy([&] {
-              stretched.Call({1, 1}, 2, 1);
-            }),
-            "too many frames! layer[<ConvTranspose1d>] position[0] [2000001 > 1048576]");
+  // Transposed convolutions whose strides make too many frames of a short call, or of a long one.
+  for (const auto& [frames, stride, message] :
+       {std::tuple{2, 2'000'000, "[2000001 > 1048576]"}, {2048, 1025, "[2098176 > 2097152]"}}) {
+    Model stretched(
+        Network({Component1d(0x308, 1, 1, Bytes().Ints({1, stride, 0, 0, 0, 1, 1, 0}).Float(1))}));
+    EXPECT_EQ(ThrownBy([&, n = frames] { stretched.Call(Floats(ToSize(n)), n, 1); }),
+              std::string("too many frames! layer[<ConvTranspose1d>] position[0] ") + message);
+  }
 }
 
 }  // namespace

@@ -1,12 +1,7 @@
 // The sequential memory block, alone and in chains through the executor.
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <limits>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "nnet/fsmn-layer.h"
 #include "tests/support/model-builder.h"

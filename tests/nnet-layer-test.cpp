@@ -2,11 +2,7 @@
 
 #include "nnet/nnet-layer.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <string>
-#include <vector>
 
 #include "tests/support/model-builder.h"
 #include "utils/fast-math.h"
@@ -126,7 +122,7 @@ TEST(NnetLayer, OtherWidthsThanTheStoredVectorThrow) {
 }
 
 TEST(Prior, TextHoldsWeightsBinaryHoldsLogarithms) {
-  const Layer text = ReadTextLayer("<Prior> 2 2 [ 1 3 ]");
+  const Layer text = ReadTextLayer("<Prior> 2 2 [ 0.125 0.375 ]");
   const auto& prior = dynamic_cast<const Prior&>(*text).prior;
   EXPECT_EQ(prior[0], fast_math::FastLog(0.25F));
   EXPECT_EQ(prior[1], fast_math::FastLog(0.75F));

@@ -3,14 +3,10 @@
 
 #include "nnet/normalisation.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "nnet/normalisation-kernels.h"
 #include "tests/support/model-builder.h"

@@ -1,13 +1,9 @@
 // The recurrent layers: their recurrences in double precision over sequences of calls, their 8-bit
 // twins, and what an executor lends them.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <numeric>
-#include <string>
-#include <vector>
 
 #include "nnet/lstm.h"
 #include "tests/support/model-builder.h"
@@ -218,27 +214,6 @@ TEST(Recurrent, SequencesOfCallsAgreeWithDoublePrecision) {
       for (const Floats& array : values) parameters += array.size();
       EXPECT_EQ(layer->ParameterCount(), parameters);
       EXPECT_GE(layer->MemoryBytes(), 4 * (parameters + 6 * family.gates * cell));
-    }
-  }
-}
-
-// Exchanging the directions' parameters and reversing time exchanges the halves of the output.
-TEST(Recurrent, BackwardIsForwardInReversedTime) {
-  const Floats in = Random(36, 14);
-  Floats reversed(in.size());
-  for (size_t i = 0; i < in.size(); ++i) reversed[i] = in[(8 - i / 4) * 4 + i % 4];
-  for (const Family& family : kFamilies) {
-    if (family.directions == 1) continue;
-    SCOPED_TRACE(family.name);
-    const Layout layout{family, 4, 6, 3};
-    Layout::Values values = layout.RandomValues();
-    const Floats out = RunLayer(*ReadLayer(layout.Float(values)), Floats(in), 9, 4);
-    std::ranges::rotate(values, values.begin() + static_cast<long>(values.size() / 2));
-    const Floats other = RunLayer(*ReadLayer(layout.Float(values)), Floats(reversed), 9, 4);
-    const size_t half = layout.Width();
-    for (size_t i = 0; i < out.size(); ++i) {
-      const size_t t = 8 - i / (2 * half);
-      ASSERT_EQ(out[i], other[t * 2 * half + (i + half) % (2 * half)]) << i;
     }
   }
 }

@@ -1,12 +1,8 @@
 // Every layer type of the model format, with its codes, its marker and one sample in binary and
 // text: what holds for all of them.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <initializer_list>
 #include <iterator>
-#include <string>
 #include <typeinfo>
 
 #include "nnet/component-registry.h"

@@ -2,15 +2,10 @@
 
 #include "nnet/statistics.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cmath>
 #include <limits>
 #include <numeric>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/support/model-builder.h"
 

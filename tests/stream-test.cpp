@@ -1,15 +1,8 @@
 // Streaming layers: an input that arrives in chunks gives the frames of the same input in one
 // piece.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdint>
 #include <limits>
-#include <memory>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "nnet/stream_nnet/convolution.h"
 #include "nnet/stream_nnet/nnet-control-flow.h"

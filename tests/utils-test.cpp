@@ -1,10 +1,6 @@
 #include "utils/utils.h"
 
-#include <gtest/gtest.h>
-
-#include <bit>
 #include <cmath>
-#include <string>
 
 #include "tests/support/model-builder.h"
 #include "utils/file-io.h"

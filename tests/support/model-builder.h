@@ -2,7 +2,9 @@
 #define TESTS_SUPPORT_MODEL_BUILDER_H_
 
 // Models and parameter blocks as raw bytes, written from the description of the file format and not
-// through the library's writers, and what tests do with the layers that are read from them.
+// through the library's writers, and what tests do with the layers that are read from them. Brings
+// along what nearly every test includes: GoogleTest, strings, vectors, pairs and fixed-width
+// numbers.
 
 #include <gtest/gtest.h>
 
@@ -14,6 +16,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nnet/nnet-component.h"
@@ -212,6 +215,14 @@ std::string ThrownBy(Function run) {
     return error.what();
   }
   return {};
+}
+
+/// What `run` prints to standard error.
+template <class Function>
+std::string PrintedBy(Function run) {
+  testing::internal::CaptureStderr();
+  run();
+  return testing::internal::GetCapturedStderr();
 }
 
 /// Every proper prefix of a component's file must be refused, whatever it is cut in.
