@@ -7,7 +7,7 @@
 
 #include "nnet/decoder-layer.h"
 #include "nnet/positional-encoding.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {

@@ -2,7 +2,7 @@
 
 #include "nnet/activation.h"
 #include "nnet/nnet-component.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {

@@ -3,7 +3,7 @@
 #include <tuple>
 
 #include "nnet/nnet-control-flow.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {

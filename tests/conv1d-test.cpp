@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "tests/support/conv1d-sample.h"
+#include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {

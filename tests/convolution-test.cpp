@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {

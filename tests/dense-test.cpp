@@ -9,7 +9,7 @@
 #include "nnet/fixed-affine.h"
 #include "nnet/highway-kernels.h"
 #include "nnet/parameter-block.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {

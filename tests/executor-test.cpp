@@ -5,7 +5,7 @@
 #include <tuple>
 
 #include "nnet/nnet-nnet.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {

@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "nnet/fsmn-layer.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {

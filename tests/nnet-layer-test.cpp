@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "utils/fast-math.h"
 
 namespace handwriting::tests {

@@ -9,7 +9,8 @@
 #include <limits>
 
 #include "nnet/normalisation-kernels.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
+#include "tests/support/plain-kernels.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
@@ -119,24 +120,6 @@ TEST(Normalisation, OutputDimensionDoesNotWidenTheWrites) {
 
 // The scalar meaning of the kernels.
 
-void LayerNormRow(const float* x, size_t n, const Floats& gamma, const Floats& beta, float epsilon,
-                  float* y) {
-  double sum = 0;
-  double squares = 0;
-  for (size_t j = 0; j < n; ++j) {
-    sum += x[j];
-    squares += double{x[j]} * x[j];
-  }
-  const auto count = static_cast<double>(n);
-  const double mean = sum / count;
-  const double variance =
-      n == 1 ? 0.0 : squares / (count - 1) - count * (mean * mean) / (count - 1);
-  const double deviation = std::sqrt(variance < 0 ? 0.0 : variance);
-  for (size_t j = 0; j < n; ++j) {
-    y[j] = static_cast<float>((x[j] - mean) * gamma[j] / (double{epsilon} + deviation) + beta[j]);
-  }
-}
-
 void RmsNormRow(const float* x, size_t n, float target, float* y) {
   float s = 0;
   for (size_t j = 0; j < n; ++j) s += x[j] * x[j];
@@ -165,6 +148,7 @@ Floats TestRows(size_t rows, size_t cols) {
 TEST(NormalisationKernels, SameBitsAsTheirDefinitionOnEveryTarget) {
   for (const size_t rows : {1, 3, 4, 5, 7, 8, 15, 16, 17, 31, 37}) {
     for (const size_t cols : {1, 2, 3, 4, 7, 16, 33}) {
+      SCOPED_TRACE(testing::Message() << rows << " x " << cols);
       const Floats in = TestRows(rows, cols);
       const Floats gamma = Random(cols, 61);
       const Floats beta = Random(cols, 62);
@@ -172,21 +156,18 @@ TEST(NormalisationKernels, SameBitsAsTheirDefinitionOnEveryTarget) {
       Floats rms_wanted(in.size());
       Floats plane_wanted(in.size());
       for (size_t at = 0; at < in.size(); at += cols) {
-        LayerNormRow(&in[at], cols, gamma, beta, 1e-5F, &layer_wanted[at]);
+        PlainLayerNorm(&in[at], cols, gamma.data(), beta.data(), 1e-5F, &layer_wanted[at]);
         RmsNormRow(&in[at], cols, 0.7F, &rms_wanted[at]);
       }
       std::ranges::transform(in, plane_wanted.begin(), [](float x) { return x * 0.3F + 0.1F; });
       ForEachVectorTarget([&] {
         Floats out(in.size());
-        const auto same = [&](const Floats& wanted) {
-          return std::ranges::equal(out, wanted, SameFloat);
-        };
         layer_norm(in.data(), rows, cols, gamma.data(), beta.data(), 1e-5F, out.data());
-        EXPECT_TRUE(same(layer_wanted)) << rows << " x " << cols;
+        ExpectSameBits(out, layer_wanted);
         rms_norm(in.data(), rows, cols, 0.7F, out.data());
-        EXPECT_TRUE(same(rms_wanted)) << rows << " x " << cols;
+        ExpectSameBits(out, rms_wanted);
         scale_and_shift(in.data(), in.size(), 0.3F, 0.1F, out.data());
-        EXPECT_TRUE(same(plane_wanted)) << rows << " x " << cols;
+        ExpectSameBits(out, plane_wanted);
       });
     }
   }

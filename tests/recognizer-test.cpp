@@ -6,7 +6,7 @@
 
 #include "api/handwriting_forward.h"
 #include "ctc/beam-search.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {

@@ -6,7 +6,7 @@
 #include <numeric>
 
 #include "nnet/lstm.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "utils/half-float.h"
 
 namespace handwriting::tests {

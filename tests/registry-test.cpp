@@ -6,7 +6,7 @@
 #include <typeinfo>
 
 #include "nnet/component-registry.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "utils/half-float.h"
 
 namespace handwriting::tests {

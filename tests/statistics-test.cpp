@@ -7,7 +7,7 @@
 #include <limits>
 #include <numeric>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {

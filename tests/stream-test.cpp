@@ -7,6 +7,7 @@
 #include "nnet/stream_nnet/convolution.h"
 #include "nnet/stream_nnet/nnet-control-flow.h"
 #include "tests/support/conv1d-sample.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {

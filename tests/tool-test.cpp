@@ -14,7 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "tools/npy.h"
 
 namespace handwriting::tools {

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "utils/file-io.h"
 #include "utils/half-float.h"
 #include "utils/messages.h"

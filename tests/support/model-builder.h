@@ -2,11 +2,7 @@
 #define TESTS_SUPPORT_MODEL_BUILDER_H_
 
 // Models and parameter blocks as raw bytes, written from the description of the file format and not
-// through the library's writers, and what tests do with the layers that are read from them. Brings
-// along what nearly every test includes: GoogleTest, strings, vectors, pairs and fixed-width
-// numbers.
-
-#include <gtest/gtest.h>
+// through the library's writers, and what tests and benchmarks do with what is read from them.
 
 #include <bit>
 #include <cstdint>
@@ -217,14 +213,6 @@ std::string ThrownBy(Function run) {
   return {};
 }
 
-/// What `run` prints to standard error.
-template <class Function>
-std::string PrintedBy(Function run) {
-  testing::internal::CaptureStderr();
-  run();
-  return testing::internal::GetCapturedStderr();
-}
-
 /// Every proper prefix of a component's file must be refused, whatever it is cut in.
 inline bool EveryPrefixIsRefused(const std::string& component) {
   for (size_t size = 0; size < component.size(); ++size) {
@@ -240,18 +228,6 @@ inline uint32_t BitsOf(float value) { return std::bit_cast<uint32_t>(value); }
 
 /// Same bits, or both NaN.
 inline bool SameFloat(float a, float b) { return BitsOf(a) == BitsOf(b) || (a != a && b != b); }
-
-inline void ExpectSameBits(const Floats& got, const Floats& wanted) {
-  ASSERT_EQ(got.size(), wanted.size());
-  for (size_t i = 0; i < got.size(); ++i) {
-    ASSERT_TRUE(SameFloat(got[i], wanted[i])) << i << ": " << got[i] << " for " << wanted[i];
-  }
-}
-
-inline void ExpectNear(const Floats& got, const Floats& wanted, double tolerance) {
-  ASSERT_EQ(got.size(), wanted.size());
-  for (size_t i = 0; i < got.size(); ++i) ASSERT_NEAR(got[i], wanted[i], tolerance) << i;
-}
 
 /// The rows [first, last) of a matrix.
 inline Floats RowsOf(const Floats& values, size_t cols, size_t first, size_t last) {
