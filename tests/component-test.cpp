@@ -1,5 +1,7 @@
 // The readers and writers of whole components, and the contract's defaults.
 
+#include <tuple>
+
 #include "nnet/activation.h"
 #include "nnet/nnet-component.h"
 #include "tests/support/expect.h"
@@ -48,10 +50,7 @@ TEST(BinaryComponent, HeadersOfBothForms) {
 }
 
 TEST(BinaryComponent, Failures) {
-  const struct {
-    std::string bytes;
-    const char* message;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {Component1d(0x102, 1, 1).str(), "unknown or unimplemented nnet layer! [0102]"},
       {Component1d(0x202, 1, 1).str().substr(0, 11), "fread failed!"},
       {Component2d(0x206, 1, 1, 2, 2).str().substr(0, 21), "fread failed!"},
@@ -59,9 +58,9 @@ TEST(BinaryComponent, Failures) {
       {Component1d(0x100, 0x7fffffff, 0x7fffffff).str(), "read component failed!"},
       {Component1d(0x100, -2, 8).str(), "read component failed!"},
   };
-  for (const auto& c : cases) {
-    const File file = FileOf(c.bytes);
-    EXPECT_EQ(ThrownBy([&] { Layer(Component::Read(file.get())); }), c.message);
+  for (const auto& [bytes, message] : cases) {
+    const File file = FileOf(bytes);
+    EXPECT_EQ(ThrownBy([&] { Layer(Component::Read(file.get())); }), message);
   }
   const File empty = FileOf(std::string());
   std::getc(empty.get());
@@ -96,20 +95,16 @@ TEST(TextComponent, ThreeFormsOfTheDimensions) {
 }
 
 TEST(TextComponent, ChannelDimensionsAreOptional) {
-  const struct {
-    const char* dims;
-    int in;
-    int out;
-  } cases[] = {
+  const std::tuple<const char*, int, int> cases[] = {
       {"", 0, 0}, {"<InputDim> 5 <OutputDim> 6", 5, 6}, {"<OutputDim> 6 <InputDim> 5", 5, 6}};
-  for (const auto& c : cases) {
-    const File file = FileOf("<PReLU2d> 3 2 " + std::string(c.dims) + " <Alpha> 0.5\n</Nnet>tail");
+  for (const auto& [dims, in, out] : cases) {
+    const File file = FileOf("<PReLU2d> 3 2 " + std::string(dims) + " <Alpha> 0.5\n</Nnet>tail");
     const Layer layer(Component::Read(file.get(), false));
     EXPECT_EQ(layer->InputChannel(), 2);
     EXPECT_EQ(layer->OutputChannel(), 3);
-    EXPECT_EQ(layer->InputDim(), c.in);
-    EXPECT_EQ(layer->OutputDim(), c.out);
-    EXPECT_EQ(layer->input_dim_set, c.in > 0);
+    EXPECT_EQ(layer->InputDim(), in);
+    EXPECT_EQ(layer->OutputDim(), out);
+    EXPECT_EQ(layer->input_dim_set, in > 0);
     EXPECT_EQ(dynamic_cast<PRelu2d&>(*layer).alpha, 0.5F);
     EXPECT_EQ(Component::Read(file.get(), false), nullptr);
   }
@@ -117,10 +112,7 @@ TEST(TextComponent, ChannelDimensionsAreOptional) {
 
 TEST(TextComponent, Failures) {
   const std::string too_long(64, '1');
-  const struct {
-    std::string text;
-    std::string message;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {" ", "wrong nnet format!"},
       {"<Nnet>", "wrong nnet format!"},
       {"<" + too_long + "> 1 1", "wrong nnet format!"},
@@ -138,8 +130,8 @@ TEST(TextComponent, Failures) {
       {"<AffineTransform> 2000000000 2000000000 [ 1 ]",
        "mismatched matrix dimension! [rows:0/2000000000, cols:1/2000000000]"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(ThrownBy([&] { ReadTextLayer(c.text); }), c.message) << c.text;
+  for (const auto& [text, message] : cases) {
+    EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), message) << text;
   }
 }
 

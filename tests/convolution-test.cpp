@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <tuple>
 
 #include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
@@ -180,25 +181,21 @@ Bytes Composite(int code, std::initializer_list<Bytes> components) {
 }
 
 TEST(StoredConvolutions, DoNotRunAndCountWhatTheyHold) {
-  const struct {
-    Bytes bytes;
-    const char* marker;
-    uint64_t parameters, norms;
-  } files[] = {
+  const std::tuple<Bytes, const char*, uint64_t, uint64_t> files[] = {
       {kConv, "<Conv2d>", 12, 0},
       {Composite(0x302, {kConv, kNorm, kPRelu}), "<ConvBN2d>", 12 + 8 + 1, 1},
       {Composite(0x303, {kConv, kNorm, kPRelu, kConv, kNorm, kPRelu}), "<ConvDW2d>", 42, 2},
       {Composite(0x304, {kConv, kPRelu, kConv}), "<SeperableConv2d>", 25, 0}};
-  for (const auto& file : files) {
-    SCOPED_TRACE(file.marker);
-    const Layer layer = ReadLayer(file.bytes);
-    EXPECT_EQ(layer->ParameterCount(), file.parameters);
-    EXPECT_GE(layer->MemoryBytes(), 12U * 4 + file.norms * ReadLayer(kNorm)->MemoryBytes());
+  for (const auto& [bytes, marker, parameters, norms] : files) {
+    SCOPED_TRACE(marker);
+    const Layer layer = ReadLayer(bytes);
+    EXPECT_EQ(layer->ParameterCount(), parameters);
+    EXPECT_GE(layer->MemoryBytes(), 12U * 4 + norms * ReadLayer(kNorm)->MemoryBytes());
     // The fixed-point code makes the same class, which says the same.
     const Layer again = ReadLayer(FixedWrittenBy(*layer));
     for (runtime::Component* refusing : {layer.get(), again.get()}) {
       EXPECT_EQ(ThrownBy([&] { RunLayer(*refusing, {}, 1, 9); }),
-                "propagate function of [" + std::string(file.marker) + "] is not implemented!");
+                "propagate function of [" + std::string(marker) + "] is not implemented!");
     }
   }
 }

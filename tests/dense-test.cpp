@@ -73,20 +73,17 @@ FloatArray ArrayOf(const Floats& values) {
 }
 
 TEST(FixedBlocks, SymmetricEncoding) {
-  const struct {
-    Floats values;
-    Bytes bytes;
-  } cases[] = {
+  const std::pair<Floats, Bytes> cases[] = {
       {{1.0F, -0.5F, 0.25F}, Bytes().Float(127).Codes({127, -64, 32})},
       {{0.5F, -1.0F}, Bytes().Float(127).Codes({64, -127})},
       {{0.0F, -0.0F}, Bytes().Float(1).Codes({0, 0})},
       {{}, Bytes().Float(1)},
       {{NAN, 2.0F}, Bytes().Float(63.5F).Codes({0, 127})},
   };
-  for (const auto& c : cases) {
-    FloatArray array = ArrayOf(c.values);
-    const ParameterRef ref{&array, 1, c.values.size()};
-    EXPECT_EQ(Written([&](FILE* fp) { return WriteSymmetricBlock(fp, ref); }), c.bytes.str());
+  for (const auto& [values, bytes] : cases) {
+    FloatArray array = ArrayOf(values);
+    const ParameterRef ref{&array, 1, values.size()};
+    EXPECT_EQ(Written([&](FILE* fp) { return WriteSymmetricBlock(fp, ref); }), bytes.str());
   }
 }
 

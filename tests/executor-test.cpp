@@ -15,17 +15,14 @@ using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-name
 TEST(Executor, OneTwoAndManyLayersLeaveTheResultInOnePlace) {
   const Bytes twice = Affine(2, 2, {0, 0}, {2, 0, 0, 2});
   const Bytes swap = Affine(2, 2, {1, 0}, {0, 1, 1, 0});
-  const struct {
-    Bytes network;
-    Floats out;
-  } cases[] = {
+  const std::pair<Bytes, Floats> cases[] = {
       {Network({twice}), {2, 4, -6, 8}},
       {Network({twice, swap}), {5, 2, 9, -6}},
       {Network({swap, twice, Component1d(0x203, 2, 2)}), {6, 2, 10, 0}},
   };
-  for (const auto& c : cases) {
-    Model model(c.network);
-    EXPECT_EQ(model.Call({1, 2, -3, 4}, 2, 2), c.out);
+  for (const auto& [network, out] : cases) {
+    Model model(network);
+    EXPECT_EQ(model.Call({1, 2, -3, 4}, 2, 2), out);
     EXPECT_EQ(model.forward->OutputFrames(), 2);
     EXPECT_EQ(model.forward->InputDim(), 2);
     EXPECT_EQ(model.forward->OutputDim(), 2);
@@ -91,11 +88,7 @@ TEST(Executor, NetworksThatCannotBeBuilt) {
 
 // Headers that do not fit together are refused at the layer that would read too much.
 TEST(Executor, ALayerMustFindAllTheInputThatItReads) {
-  const struct {
-    Bytes network;
-    int dim;
-    const char* message;
-  } cases[] = {
+  const std::tuple<Bytes, int, const char*> cases[] = {
       {Network({Component1d(0x202, 2, 2), Affine(3, 1, {0}, {1, 1, 1})}), 2,
        "mismatched input dimension! layer[<AffineTransform>] [3] vs [2]"},
       {Network({Component1d(0x202, 2, 2)}), 3,
@@ -111,9 +104,9 @@ TEST(Executor, ALayerMustFindAllTheInputThatItReads) {
        "too little input! layer[<ReLU2d>] position[0] reads [40] floats, given [1 channels x 2 x 4 "
        "frames = 8]"},
   };
-  for (const auto& c : cases) {
-    Model model(c.network);
-    EXPECT_EQ(ThrownBy([&] { model.Call(Floats(12), 4, c.dim); }), c.message);
+  for (const auto& [network, dim, message] : cases) {
+    Model model(network);
+    EXPECT_EQ(ThrownBy([&] { model.Call(Floats(12), 4, dim); }), message);
   }
 }
 

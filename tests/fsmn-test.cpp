@@ -2,6 +2,7 @@
 
 #include <array>
 #include <limits>
+#include <tuple>
 
 #include "nnet/fsmn-layer.h"
 #include "tests/support/expect.h"
@@ -50,19 +51,16 @@ Floats Direct(const Taps& taps, int dim, const Floats& in, Floats& memory, const
 }
 
 TEST(Fsmn, HandWorkedSums) {
-  const struct {
-    const char* text;
-    Floats in, out;
-  } cases[] = {
+  const std::tuple<const char*, Floats, Floats> cases[] = {
       {"<Fsmn> 1 1 <LearnRateCoef> 0.5 <LOrder> 1 <ROrder> 1 <Stride> 2\nstray [ 1\n10\n100 ]",
        {1, 2, 3, 4, 5, 6},
        {534, 646}},
       {"<Fsmn> 1 1 <LOrder> 0 <ROrder> 1 <Stride> 3\n[ 0 1 ]", {1, 2, 3, 4}, {5}},
       {"<Fsmn> 1 1 <LOrder> 2 <ROrder> 0 <Stride> 0\n[ 1 2 3 ]", {1, 2}, {7, 14}}};
-  for (const auto& c : cases) {
-    const Layer layer = ReadTextLayer(c.text);
-    const auto frames = static_cast<int64_t>(c.in.size()) / layer->input_dim;
-    EXPECT_EQ(RunLayer(*layer, Floats(c.in), frames, layer->input_dim), c.out) << c.text;
+  for (const auto& [text, in, out] : cases) {
+    const Layer layer = ReadTextLayer(text);
+    const auto frames = static_cast<int64_t>(in.size()) / layer->input_dim;
+    EXPECT_EQ(RunLayer(*layer, Floats(in), frames, layer->input_dim), out) << text;
     EXPECT_TRUE(layer->Links().empty());
   }
 }

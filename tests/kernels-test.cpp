@@ -1,5 +1,6 @@
 
 #include <algorithm>
+#include <array>
 #include <cfloat>
 #include <cmath>
 #include <functional>
@@ -208,10 +209,8 @@ TEST(RecurrentKernels, OnePassHasTheBitsOfTheSeparateSteps) {
 }
 
 TEST(Products, AgreeWithDoublePrecisionForManyShapes) {
-  const struct {
-    size_t M, N, K;
-  } shapes[] = {{1, 1, 1}, {1, 33, 17},   {2, 5, 3},      {7, 64, 40},
-                {1, 4, 0}, {16, 200, 31}, {40, 90, 1100}, {3, 4, 0}};
+  const std::array<size_t, 3> shapes[] = {{1, 1, 1}, {1, 33, 17},   {2, 5, 3},      {7, 64, 40},
+                                          {1, 4, 0}, {16, 200, 31}, {40, 90, 1100}, {3, 4, 0}};
   for (const auto& [M, N, K] : shapes) {
     const Floats a = Random(M * K, 1);
     Floats b = Random(N * K, 2);

@@ -3,6 +3,7 @@
 #include "nnet/nnet-layer.h"
 
 #include <cmath>
+#include <tuple>
 
 #include "tests/support/expect.h"
 #include "utils/fast-math.h"
@@ -59,20 +60,17 @@ TEST(NnetLayer, HandWorkedRows) {
 }
 
 TEST(Splice, FramesAndContext) {
-  const struct {
-    std::vector<int> offsets;
-    int64_t left, right, in, out;
-  } cases[] = {
+  const std::tuple<std::vector<int>, int64_t, int64_t, int64_t, int64_t> cases[] = {
       {{-3, 0, 3}, 3, 3, 6, 0},
       {{-3, 0, 3}, 3, 3, 7, 1},
       {{-2, -1, 0, 1, 2}, 2, 2, 10, 6},
       {{0, 2}, 0, 2, -5, 0},
       {{INT32_MIN, 0, INT32_MAX}, 1LL << 31, INT32_MAX, 1LL << 40, (1LL << 40) - 0xFFFFFFFF}};
-  for (const auto& c : cases) {
-    const Layer layer = ReadLayer(SpliceOf(1, static_cast<int>(c.offsets.size()), c.offsets));
-    EXPECT_EQ(layer->LeftContext(), c.left);
-    EXPECT_EQ(layer->RightContext(), c.right);
-    EXPECT_EQ(layer->CalcOutputFrames(c.in), c.out);
+  for (const auto& [offsets, left, right, in, out] : cases) {
+    const Layer layer = ReadLayer(SpliceOf(1, static_cast<int>(offsets.size()), offsets));
+    EXPECT_EQ(layer->LeftContext(), left);
+    EXPECT_EQ(layer->RightContext(), right);
+    EXPECT_EQ(layer->CalcOutputFrames(in), out);
   }
   const Layer layer = ReadLayer(SpliceOf(1, 3, {-1, 0, 1}));
   EXPECT_EQ(RunLayer(*layer, {1, 2, 3}, 3, 1), Floats({1, 2, 3}));

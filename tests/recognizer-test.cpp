@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 #include <thread>
+#include <tuple>
 
 #include "api/handwriting_forward.h"
 #include "ctc/beam-search.h"
@@ -125,10 +126,7 @@ TEST(Recognizer, NoResultDependsOnAnEarlierInput) {
 
 TEST(Recognizer, CreationRefusesWhatItCannotUse) {
   const Bytes one = Network({Identity(2)});
-  const struct {
-    Bytes model;
-    const char* message;
-  } cases[] = {
+  const std::pair<Bytes, const char*> cases[] = {
       {one, ">>] Failed to read nnet.\n"},
       {Bytes(), ">>] Failed to read nnet.\n"},
       {TwoNetworks(one, Network({})), ">>] Wrong parameter(s)!\n"},
@@ -137,13 +135,13 @@ TEST(Recognizer, CreationRefusesWhatItCannotUse) {
       {TwoNetworks(one, Network({Component1d(0x202, 2, -2)})),
        ">>] "},  // no decoder for -2 classes
   };
-  for (const auto& c : cases) {
-    Recognizer recognizer(c.model, 10, 2);
+  for (const auto& [model, message] : cases) {
+    Recognizer recognizer(model, 10, 2);
     EXPECT_FALSE(recognizer);
     const size_t at = recognizer.printed.rfind("WARNING * [handwriting_forward:");
     ASSERT_NE(at, std::string::npos) << recognizer.printed;
     EXPECT_NE(recognizer.printed.find("<<handwriting_forward_create", at), std::string::npos);
-    EXPECT_NE(recognizer.printed.find(c.message, at), std::string::npos) << recognizer.printed;
+    EXPECT_NE(recognizer.printed.find(message, at), std::string::npos) << recognizer.printed;
   }
   const std::string whole =
       TwoNetworks(one, Network({Component1d(0x205, 2, 2, Bytes().Float(1))})).str();
@@ -197,11 +195,7 @@ TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
   const Bytes identity = Network({Identity(2)});
   const Bytes first_frame = Network({Component1d(0x706, 2, 2, Bytes().String("0"))});
   const Bytes claims = Network({Component2d(0x206, 1, 3, 2, 2)});
-  const struct {
-    Bytes model;
-    int dim;
-    const char* message;
-  } cases[] = {
+  const std::tuple<Bytes, int, const char*> cases[] = {
       {TwoNetworks(identity, identity), 5,
        "mismatched input dimension! layer[<AffineTransform>] [2] vs [5]\n"},
       {TwoNetworks(identity, Network({Identity(3)})), 2,
@@ -215,12 +209,12 @@ TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
       {TwoNetworks(identity, Network({Component2d(0x206, 1, 1, 2, 0)})), 2,
        "mismatched output dimension! second network [2] vs [0]\n"},
   };
-  for (const auto& c : cases) {
-    Recognizer recognizer(c.model, 3, 2);
+  for (const auto& [model, dim, message] : cases) {
+    Recognizer recognizer(model, 3, 2);
     ASSERT_TRUE(recognizer) << recognizer.printed;
-    const Result result = recognizer.Process(Floats(15), 3, c.dim);
+    const Result result = recognizer.Process(Floats(15), 3, dim);
     EXPECT_EQ(result.count, -1);
-    EXPECT_TRUE(result.printed.ends_with(c.message)) << result.printed;
+    EXPECT_TRUE(result.printed.ends_with(message)) << result.printed;
     EXPECT_NE(result.printed.find("<<handwriting_forward_process>>] "), std::string::npos);
   }
 }

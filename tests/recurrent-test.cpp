@@ -2,6 +2,7 @@
 // twins, and what an executor lends them.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numeric>
 
@@ -197,9 +198,8 @@ Floats Reference(const Layout& layout, const Layout::Values& values) {
 }
 
 TEST(Recurrent, SequencesOfCallsAgreeWithDoublePrecision) {
-  const struct {
-    size_t input, cell, proj;
-  } shapes[] = {{3, 1, 1}, {5, 7, 4}, {4, 8, 8}, {16, 24, 24}, {20, 33, 17}};
+  const std::array<size_t, 3> shapes[] = {
+      {3, 1, 1}, {5, 7, 4}, {4, 8, 8}, {16, 24, 24}, {20, 33, 17}};
   for (const Family& family : kFamilies) {
     for (const auto& [input, cell, proj] : shapes) {
       SCOPED_TRACE(testing::Message() << family.name << " " << input << " -> " << cell);

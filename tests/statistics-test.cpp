@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <tuple>
 
 #include "tests/support/expect.h"
 
@@ -108,34 +109,31 @@ Floats Slide(Model& model, const std::vector<int>& calls, bool marked) {
 }
 
 TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
-  const struct {
-    int window, hop, mode, frames;
-    bool marked;
-    Floats out;
-  } cases[] = {{4, 2, 0, 9, false, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7}},
-               {4, 2, 0, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 6, 7, 8}},
-               {4, 2, 1, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 5, 6, 7, 8}},
-               {4, 3, 1, 8, true, {0, 1, 2, 3, 3, 4, 5, 6, 4, 5, 6, 7}},
-               {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
-               {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
-               {4, 2, 0, 3, true, {0, 1, 2}},
-               {4, 2, 1, 3, true, {0, 1, 2}},
-               {4, 2, 1, 3, false, {}},
-               {4, 1, 0, 1, true, {0}},
-               {4, 4, 1, 5, true, {0, 1, 2, 3, 1, 2, 3, 4}},
-               {1, 1, 0, 3, true, {0, 1, 2}},
-               {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}}};
-  for (const auto& c : cases) {
-    Model model(Network({Windows(c.window, c.hop, c.mode)}));
-    EXPECT_EQ(Slide(model, {c.frames}, c.marked), c.out);
+  const std::tuple<int, int, int, int, bool, Floats> cases[] = {
+      {4, 2, 0, 9, false, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7}},
+      {4, 2, 0, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 6, 7, 8}},
+      {4, 2, 1, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 5, 6, 7, 8}},
+      {4, 3, 1, 8, true, {0, 1, 2, 3, 3, 4, 5, 6, 4, 5, 6, 7}},
+      {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
+      {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
+      {4, 2, 0, 3, true, {0, 1, 2}},
+      {4, 2, 1, 3, true, {0, 1, 2}},
+      {4, 2, 1, 3, false, {}},
+      {4, 1, 0, 1, true, {0}},
+      {4, 4, 1, 5, true, {0, 1, 2, 3, 1, 2, 3, 4}},
+      {1, 1, 0, 3, true, {0, 1, 2}},
+      {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}}};
+  for (const auto& [window, hop, mode, frames, marked, out] : cases) {
+    Model model(Network({Windows(window, hop, mode)}));
+    EXPECT_EQ(Slide(model, {frames}, marked), out);
     // Every cut into two calls. With the whole stream in the first call the last one holds only
     // frames that windows have had, so it may not be empty.
-    for (int cut = 0; cut < c.frames; ++cut) {
+    for (int cut = 0; cut < frames; ++cut) {
       model.forward->Reset();
-      EXPECT_EQ(Slide(model, {cut, c.frames - cut}, c.marked), c.out) << "cut at " << cut;
+      EXPECT_EQ(Slide(model, {cut, frames - cut}, marked), out) << "cut at " << cut;
     }
     model.forward->Reset();
-    EXPECT_EQ(Slide(model, std::vector(static_cast<size_t>(c.frames), 1), c.marked), c.out);
+    EXPECT_EQ(Slide(model, std::vector(static_cast<size_t>(frames), 1), marked), out);
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <tuple>
 
 #include "nnet/stream_nnet/convolution.h"
 #include "nnet/stream_nnet/nnet-control-flow.h"
@@ -225,12 +226,7 @@ Twin Slice(const std::string& text, int dim = 1) {
 
 // The frames out of every call; the last call is marked as the end or is not.
 TEST(Stream, FramesComeOutAsSoonAsTheyAreKnown) {
-  const struct {
-    Twin twin;
-    Counts chunks;
-    bool marked;
-    Counts counts;
-  } cases[] = {
+  const std::tuple<Twin, Counts, bool, Counts> cases[] = {
       {Conv({1, 1, 3, 1, 1, 1}), {4, 4, 4}, true, {3, 4, 5}},
       {Conv({1, 1, 3, 1, 1, 1}), {4, 4, 4}, false, {3, 4, 4}},
       {Conv({1, 1, 1, 2}), {3, 3, 1, 0, 1}, true, {2, 1, 1, 0, 0}},
@@ -247,27 +243,25 @@ TEST(Stream, FramesComeOutAsSoonAsTheyAreKnown) {
       {Constant(1, 2, 1, 0), {0, 2, 3}, false, {2, 2, 3}},
       {Slice("3"), {2, 2, 2}, false, {0, 1, 2}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(ListOf({c.twin.stream_code}) + "in chunks " + ListOf(c.chunks));
-    Model model(NetworkOf({c.twin}));
+  for (const auto& [twin, chunks, marked, counts] : cases) {
+    SCOPED_TRACE(ListOf({twin.stream_code}) + "in chunks " + ListOf(chunks));
+    Model model(NetworkOf({twin}));
     for (int input = 0; input < 2; ++input) {
       model.forward->Reset();
-      EXPECT_EQ(RunChunks(model, Floats(12), 1, c.chunks, c.marked).counts, c.counts);
+      EXPECT_EQ(RunChunks(model, Floats(12), 1, chunks, marked).counts, counts);
     }
   }
 }
 
 TEST(Stream, SliceDropsTheFirstFrames) {
-  const struct {
-    const char* text;
-    size_t dropped;
-  } cases[] = {{"3", 3},   {"", 0},   {"2:5,7", 2}, {"-3", 0},    {"1-", 0},
-               {"a4b", 4}, {",9", 0}, {":5", 0},    {" 1 2", 12}, {"99999999999", 20}};
+  const std::pair<const char*, size_t> cases[] = {
+      {"3", 3},   {"", 0},   {"2:5,7", 2}, {"-3", 0},    {"1-", 0},
+      {"a4b", 4}, {",9", 0}, {":5", 0},    {" 1 2", 12}, {"99999999999", 20}};
   const Floats in = FramesOf(1, 20, 1);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    Model model(NetworkOf({Slice(c.text)}));
-    const Floats wanted(in.begin() + static_cast<ptrdiff_t>(c.dropped), in.end());
+  for (const auto& [text, dropped] : cases) {
+    SCOPED_TRACE(text);
+    Model model(NetworkOf({Slice(text)}));
+    const Floats wanted(in.begin() + static_cast<ptrdiff_t>(dropped), in.end());
     for (const Counts& chunks : {Counts{20}, Counts{1, 0, 3, 16}}) {
       model.forward->Reset();
       EXPECT_EQ(RunChunks(model, in, 1, chunks).frames, wanted);
@@ -280,11 +274,7 @@ TEST(Stream, TooShortInputsAreRefused) {
   const std::string transposed =
       "too few input frames! [frames:1, padding:1,2, output_padding:0, kernel_size:2, dilation:1]";
   const Twin cut = Transposed({1, 1, 2, 1, 1, 2});
-  const struct {
-    Twin twin;
-    Counts chunks;
-    std::string message;
-  } cases[] = {
+  const std::tuple<Twin, Counts, std::string> cases[] = {
       {Reflection(1, 2, 1), {2}, reflection},
       {Reflection(1, 2, 1), {1, 1, 0}, reflection},
       {Reflection(1, 0, 2), {1, 1}, "too few input frames! [frames:2, padding:0,2]"},
@@ -296,12 +286,12 @@ TEST(Stream, TooShortInputsAreRefused) {
       {Conv({1, 1, 3}), {1, 1}, ""},
       {Pool({1, 1, 3}), {1, 1}, ""},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(ListOf({c.twin.stream_code}) + "in chunks " + ListOf(c.chunks));
-    Model model(NetworkOf({c.twin}));
+  for (const auto& [twin, chunks, message] : cases) {
+    SCOPED_TRACE(ListOf({twin.stream_code}) + "in chunks " + ListOf(chunks));
+    Model model(NetworkOf({twin}));
     // A reset makes the layer ready again, and as strict as before.
     for (int input = 0; input < 2; ++input) {
-      EXPECT_EQ(ThrownBy([&] { RunChunks(model, Floats(8), 1, c.chunks); }), c.message);
+      EXPECT_EQ(ThrownBy([&] { RunChunks(model, Floats(8), 1, chunks); }), message);
       model.forward->Reset();
       EXPECT_EQ(ThrownBy([&] { RunChunks(model, Floats(8), 1, {8}); }), "");
       model.forward->Reset();
@@ -354,10 +344,7 @@ TEST(Stream, NetworksThatCannotBeLinkedAreRefused) {
   narrow.out_dim = 3;
   Twin wide = Join({"a"}, {}, 3);
   wide.out_dim = 2;
-  const struct {
-    Twins twins;
-    std::string message;
-  } cases[] = {
+  const std::pair<Twins, std::string> cases[] = {
       {{Register("a", 2), Register("a", 2)},
        "insert stream_register failed! maybe stream_register name is duplicated [a]"},
       {{Register("b", 2), join}, "cannot find register with name [a]"},
@@ -365,12 +352,12 @@ TEST(Stream, NetworksThatCannotBeLinkedAreRefused) {
       {{Register("a", 2), wide}, "mismatched concentrate dimension! [2 != 3]"},
       {{join, Register("a", 2)}, "cannot find register with name [a]"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [twins, message] : cases) {
     const auto run = [&] {
-      Model model(NetworkOf(c.twins));
+      Model model(NetworkOf(twins));
       RunChunks(model, {1, 2}, 2, {1});
     };
-    EXPECT_EQ(ThrownBy(run), c.message);
+    EXPECT_EQ(ThrownBy(run), message);
   }
   const Layer lonely = ReadLayer(StreamLayer(join));
   const std::string unlinked = ThrownBy([&] { RunLayer(*lonely, {1, 2}, 1, 2); });

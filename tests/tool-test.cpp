@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
@@ -113,32 +115,26 @@ TEST_F(ToolTest, WrongCommandLinesAreRefused) {
 }
 
 TEST_F(ToolTest, HelpNamesEveryOption) {
-  const struct {
-    const char* command;
-    std::vector<const char*> words;
-  } cases[] = {
+  const std::pair<const char*, std::vector<const char*>> cases[] = {
       {"", {"inspect", "convert", "forward", "recognize", "Exit status"}},
       {"inspect", {"MODEL", "--json"}},
       {"convert", {"IN", "OUT", "--fixed"}},
       {"forward", {"MODEL", "FEATURES", "OUT", "--network", "--chunk", "--mark-last"}},
       {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}},
   };
-  for (const auto& c : cases) {
-    const Outcome outcome = Run(std::string(c.command) + " --help");
+  for (const auto& [command, words] : cases) {
+    const Outcome outcome = Run(std::string(command) + " --help");
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.err, "");
-    for (const char* word : c.words) {
-      EXPECT_NE(outcome.out.find(word), std::string::npos) << c.command << " " << word;
+    for (const char* word : words) {
+      EXPECT_NE(outcome.out.find(word), std::string::npos) << command << " " << word;
     }
   }
 }
 
 TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
   const std::string network = Network({kSum, kHalf}).str();
-  const struct {
-    std::string bytes;
-    const char* message;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"", "the file holds no network"},
       {network.substr(0, 3), "network 1: the file ends inside the number of layers"},
       {network.substr(0, 20), "network 1: layer 0: read component failed!"},
@@ -151,12 +147,12 @@ TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
        "network 2: layer 0: unknown or unimplemented nnet layer! [<Nope?>]"},
       {std::string(4004, '\0'), "more than 1000 networks"},
   };
-  for (const auto& c : cases) {
-    Store("model.bin", c.bytes);
+  for (const auto& [bytes, message] : cases) {
+    Store("model.bin", bytes);
     const Outcome outcome = Run("convert model.bin out.bin");
-    EXPECT_EQ(outcome.status, 1) << c.message;
-    EXPECT_EQ(outcome.err, std::string("handwriting: model.bin: ") + c.message + "\n");
-    EXPECT_FALSE(std::filesystem::exists(Path("out.bin"))) << c.message;
+    EXPECT_EQ(outcome.status, 1) << message;
+    EXPECT_EQ(outcome.err, std::string("handwriting: model.bin: ") + message + "\n");
+    EXPECT_FALSE(std::filesystem::exists(Path("out.bin"))) << message;
   }
   EXPECT_EQ(Run("inspect absent.bin").err, "handwriting: absent.bin: No such file or directory\n");
   EXPECT_EQ(Run("inspect .").err, "handwriting: .: Is a directory\n");
@@ -252,11 +248,7 @@ TEST_F(ToolTest, ForwardJoinsTheOutputOfItsCalls) {
 TEST_F(ToolTest, ForwardMarksTheLastCallOnly) {
   // Windows of 2 frames, 2 apart; a window that is not full comes out only at the end of the input.
   Store("model.bin", Network({Component1d(kSlidingWindow, 1, 1, Bytes().Int(2).Int(2).Int(0))}));
-  const struct {
-    const char* calls;
-    size_t frames;
-    std::vector<float> out;
-  } cases[] = {
+  const std::tuple<const char*, size_t, std::vector<float>> cases[] = {
       {"", 3, {0, 1}},
       {"--mark-last", 3, {0, 1, 2}},
       {"--chunk 1", 5, {0, 1, 2, 3}},
@@ -264,23 +256,19 @@ TEST_F(ToolTest, ForwardMarksTheLastCallOnly) {
       {"--chunk 4 --mark-last", 5, {0, 1, 2, 3, 4}},
       {"--chunk 1", 1, {}},
   };
-  for (const auto& c : cases) {
-    Matrix in{{c.frames, 1}, {}};
-    for (size_t i = 0; i < c.frames; ++i) in.values.push_back(static_cast<float>(i));
+  for (const auto& [calls, frames, out] : cases) {
+    Matrix in{{frames, 1}, {}};
+    for (size_t i = 0; i < frames; ++i) in.values.push_back(static_cast<float>(i));
     WriteNpy(Path("in.npy"), in);
-    EXPECT_EQ(Run(std::string("forward model.bin in.npy out.npy ") + c.calls).status, 0);
-    EXPECT_EQ(ReadNpy(Path("out.npy")).shape, (std::vector<size_t>{c.out.size(), 1})) << c.calls;
-    EXPECT_EQ(ReadNpy(Path("out.npy")).values, c.out) << c.calls;
+    EXPECT_EQ(Run(std::string("forward model.bin in.npy out.npy ") + calls).status, 0);
+    EXPECT_EQ(ReadNpy(Path("out.npy")).shape, (std::vector<size_t>{out.size(), 1})) << calls;
+    EXPECT_EQ(ReadNpy(Path("out.npy")).values, out) << calls;
   }
 }
 
 TEST_F(ToolTest, ForwardRefusesFeaturesOfAnotherShape) {
   Store("model.bin", Bytes().Add(Network({kSum})).Add(Network({kPlanes})).Add(Network({})));
-  const struct {
-    const char* network;
-    std::vector<size_t> shape;
-    const char* message;
-  } cases[] = {
+  const std::tuple<const char*, std::vector<size_t>, const char*> cases[] = {
       {"1", {1, 3, 2}, "in.npy: 1 x 3 x 2 found, frames x dim wanted"},
       {"1",
        {3, 4},
@@ -289,15 +277,15 @@ TEST_F(ToolTest, ForwardRefusesFeaturesOfAnotherShape) {
       {"2", {3, 3, 2}, "in.npy: 3 x 3 x 2 found, channels x frames x dim with 2 channels wanted"},
       {"3", {3, 2}, "model.bin: network 3: it has no layers"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [network, shape, message] : cases) {
     size_t count = 1;
-    for (const size_t size : c.shape) count *= size;
-    WriteNpy(Path("in.npy"), {c.shape, std::vector<float>(count)});
+    for (const size_t size : shape) count *= size;
+    WriteNpy(Path("in.npy"), {shape, std::vector<float>(count)});
     Store("out.npy", "kept");
     const Outcome outcome =
-        Run(std::string("forward model.bin in.npy out.npy --network ") + c.network);
-    EXPECT_EQ(outcome.status, 1) << c.message;
-    EXPECT_EQ(outcome.err, std::string("handwriting: ") + c.message + "\n");
+        Run(std::string("forward model.bin in.npy out.npy --network ") + network);
+    EXPECT_EQ(outcome.status, 1) << message;
+    EXPECT_EQ(outcome.err, std::string("handwriting: ") + message + "\n");
     EXPECT_EQ(Contents("out.npy"), "kept");
   }
   EXPECT_EQ(TemporaryFiles(), 0);
@@ -354,11 +342,7 @@ TEST_F(RecognizeTest, PrintsSequencesBestFirst) {
 
 TEST_F(RecognizeTest, AFileThatFailsIsReportedAndTheRestGoOn) {
   Store("labels.txt", "blank\none\n");
-  const struct {
-    const char* arguments;
-    const char* out;
-    const char* last_error;
-  } cases[] = {
+  const std::array<const char*, 3> cases[] = {
       {"wide.npy b.npy", "b.npy\n\t2 1\n",
        "handwriting: wide.npy: mismatched input dimension! layer[<AffineTransform>] [3] vs [4]\n"},
       {"absent.npy b.npy --json",
@@ -368,11 +352,11 @@ TEST_F(RecognizeTest, AFileThatFailsIsReportedAndTheRestGoOn) {
       {"b.npy --labels labels.txt", "",
        "handwriting: b.npy: class 2 found, the label file names 2\n"},
   };
-  for (const auto& c : cases) {
-    const Outcome outcome = Run(std::string("recognize model.bin --nbest 1 ") + c.arguments);
-    EXPECT_EQ(outcome.status, 1) << c.arguments;
-    EXPECT_EQ(outcome.out, c.out);
-    EXPECT_TRUE(outcome.err.ends_with(c.last_error)) << outcome.err;
+  for (const auto& [arguments, out, last_error] : cases) {
+    const Outcome outcome = Run(std::string("recognize model.bin --nbest 1 ") + arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(outcome.out, out);
+    EXPECT_TRUE(outcome.err.ends_with(last_error)) << outcome.err;
   }
 }
 
@@ -380,20 +364,17 @@ TEST_F(RecognizeTest, ModelsAndLabelsThatCannotBeUsedAreRefused) {
   Store("one.bin", Network({kSum}));
   Store("model.txt", "<Sigmoid> 3 3\n</Nnet>\n");
   Store("labels.txt", "blank\n\xff\n");
-  const struct {
-    const char* arguments;
-    const char* message;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"one.bin a.npy", "one.bin: fread failed!"},
       {"model.txt a.npy", "model.txt: text form found, binary form wanted (handwriting convert)"},
       {"model.bin a.npy --labels labels.txt", "labels.txt: line 2 is not UTF-8"},
       {"model.bin a.npy --labels absent.txt", "absent.txt: No such file or directory"},
   };
-  for (const auto& c : cases) {
-    const Outcome outcome = Run(std::string("recognize ") + c.arguments);
-    EXPECT_EQ(outcome.status, 1) << c.arguments;
+  for (const auto& [arguments, message] : cases) {
+    const Outcome outcome = Run(std::string("recognize ") + arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
     EXPECT_EQ(outcome.out, "");
-    EXPECT_TRUE(outcome.err.ends_with(std::string("handwriting: ") + c.message + "\n"))
+    EXPECT_TRUE(outcome.err.ends_with(std::string("handwriting: ") + message + "\n"))
         << outcome.err;
   }
 }
@@ -455,11 +436,7 @@ TEST_F(NpyTest, EveryPrefixAndEveryLongerFileIsRefused) {
 TEST_F(NpyTest, HeadersOfOtherWritersAreReadOrRefusedWithWhatWasFoundAndIsWanted) {
   const std::string f4 = "{'descr': '<f4', ", order = "'fortran_order': False, ";
   const std::string one = "'shape': (1, 1)}", shape = f4 + order + "'shape': ";
-  const struct {
-    std::string dictionary;
-    size_t value_bytes;
-    const char* message;
-  } cases[] = {
+  const std::tuple<std::string, size_t, const char*> cases[] = {
       {"{'descr': '<f8', " + order + one, 8, "dtype '<f8' found, '<f4' (float32) wanted"},
       {"{'descr': '>f4', " + order + one, 4, "dtype '>f4' found, '<f4' (float32) wanted"},
       {f4 + "'fortran_order': True, " + one, 4, "Fortran order found, C order wanted"},
@@ -476,9 +453,9 @@ TEST_F(NpyTest, HeadersOfOtherWritersAreReadOrRefusedWithWhatWasFoundAndIsWanted
       {f4 + order + one + " }", 4, "wrong header, end of the header is missing"},
       {"{'descr': [('x', '<f4')], " + order + one, 4, "wrong header, a string is missing"}};
   const std::string path = Path("other.npy");
-  for (const auto& c : cases) {
-    Store("other.npy", NpyBytes(c.dictionary, c.value_bytes));
-    EXPECT_EQ(Refusal(path), path + ": " + c.message);
+  for (const auto& [dictionary, value_bytes, message] : cases) {
+    Store("other.npy", NpyBytes(dictionary, value_bytes));
+    EXPECT_EQ(Refusal(path), path + ": " + message);
   }
   // Spaces and quotes are free.
   Store("other.npy", NpyBytes("{\"shape\":(2,1,),'fortran_order':False , 'descr':'<f4'}  \n", 8));

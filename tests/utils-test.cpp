@@ -1,6 +1,7 @@
 #include "utils/utils.h"
 
 #include <cmath>
+#include <tuple>
 
 #include "tests/support/expect.h"
 #include "utils/file-io.h"
@@ -41,12 +42,7 @@ TEST(Tokens, LineTokensAreSeparatedByBlanksOnly) {
 TEST(Arguments, NullStreamsPrintOneLineToStandardError) {
   char token[kTokenSize];
   std::string text;
-  const struct {
-    const char* name;
-    const char* condition;
-    bool failed;
-    std::string printed;
-  } cases[] = {
+  const std::tuple<const char*, const char*, bool, std::string> cases[] = {
       {"get_next_token", "fp == __null || token == __null",
        (testing::internal::CaptureStderr(), get_next_token(static_cast<FILE*>(nullptr), token)) ==
            -1,
@@ -62,12 +58,12 @@ TEST(Arguments, NullStreamsPrintOneLineToStandardError) {
        (testing::internal::CaptureStderr(), !fwrite_string(nullptr, text)),
        testing::internal::GetCapturedStderr()},
   };
-  for (const auto& c : cases) {
-    EXPECT_TRUE(c.failed) << c.name;
-    EXPECT_TRUE(c.printed.starts_with("[utils:")) << c.printed;
-    EXPECT_TRUE(c.printed.ends_with(std::string("] Wrong parameter(s) to [") + c.name +
-                                    "], condition [" + c.condition + "]. \n"))
-        << c.printed;
+  for (const auto& [name, condition, failed, printed] : cases) {
+    EXPECT_TRUE(failed) << name;
+    EXPECT_TRUE(printed.starts_with("[utils:")) << printed;
+    EXPECT_TRUE(printed.ends_with(std::string("] Wrong parameter(s) to [") + name +
+                                  "], condition [" + condition + "]. \n"))
+        << printed;
   }
 }
 
@@ -161,10 +157,7 @@ TEST(Properties, OneLineFillsTheTable) {
 
 TEST(Properties, MalformedListsAreRefused) {
   const std::string too_long(kTokenSize, 'x');
-  const struct {
-    std::string text;
-    const char* message;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"", "wrong property format!"},
       {"<Int>", "wrong property format!"},
       {"<Int>\n5\n", "wrong property format!"},
@@ -176,7 +169,7 @@ TEST(Properties, MalformedListsAreRefused) {
       {"<Other> 5\n", "unknown property name! [<Other>]"},
       {"<Float> 5\n", "necessary property is not set! [<Int>]"},
   };
-  for (const auto& c : cases) EXPECT_EQ(Properties().Read(c.text), c.message) << c.text;
+  for (const auto& [text, message] : cases) EXPECT_EQ(Properties().Read(text), message) << text;
 }
 
 TEST(Properties, ATokenThatIsNoNameIsPutBack) {
