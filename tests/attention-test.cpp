@@ -281,9 +281,9 @@ TEST(Attention, NestedLayersThatCannotServeAreRefused) {
       {encoder + windows, "layer[<SlidingWindowComponent>]"},
       {decoder + "<ReLU2d> 1 1 <InputDim> 2 <OutputDim> 2\n", "layer[<ReLU2d>]"}};
   for (const auto& [text, reason] : cases) {
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!") << text;
-    const std::string log = ::testing::internal::GetCapturedStderr();
+    const std::string log = PrintedBy([&, &t = text] {
+      EXPECT_EQ(ThrownBy([&] { ReadTextLayer(t); }), "read component failed!") << t;
+    });
     const char* source = text[1] == 'E' ? "encoder-layer" : "decoder-layer";
     EXPECT_NE(log.find(source), std::string::npos) << log;
     EXPECT_NE(log.find(reason), std::string::npos) << reason << " in " << log;

@@ -70,13 +70,11 @@ TEST(BinaryComponent, Failures) {
 
 TEST(BinaryComponent, NullStreams) {
   const Sigmoid layer(1, 1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ThrownBy([] { Layer(Component::Read(nullptr)); }), "Wrong parameter(s)!");
-  EXPECT_FALSE(layer.Write(nullptr));
-  EXPECT_FALSE(layer.WriteFixed(nullptr));
   Nnet nnet;
-  EXPECT_FALSE(ReadNnet(nnet, nullptr));
-  const std::string log = testing::internal::GetCapturedStderr();
+  const std::string log = PrintedBy([&] {
+    EXPECT_EQ(ThrownBy([] { Layer(Component::Read(nullptr)); }), "Wrong parameter(s)!");
+    EXPECT_FALSE(layer.Write(nullptr) || layer.WriteFixed(nullptr) || ReadNnet(nnet, nullptr));
+  });
   for (const char* line :
        {"[nnet-component:", "] Wrong parameter(s) to [Read], condition [fp == __null]. \n",
         "to [Write], condition", "to [WriteFixed], condition",

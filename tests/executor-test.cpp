@@ -75,15 +75,17 @@ TEST(Executor, CountsCallsSinceTheLastReset) {
 }
 
 TEST(Executor, NetworksThatCannotBeBuilt) {
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ThrownBy([] { NnetForward forward(nullptr); }), "Wrong parameter(s)!");
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(log.starts_with("[nnet-nnet:")) << log;
-  EXPECT_TRUE(
-      log.ends_with("] Wrong parameter(s) to [NnetForward], condition [nnet == __null]. \n"))
-      << log;
   Nnet empty;
-  EXPECT_EQ(ThrownBy([&] { NnetForward forward(&empty); }), "Wrong parameter(s)!");
+  for (const auto& [nnet, condition] : {std::pair<Nnet*, const char*>{nullptr, "nnet == __null"},
+                                        {&empty, "nnet->layers.empty()"}}) {
+    const std::string log = PrintedBy([n = nnet] {
+      EXPECT_EQ(ThrownBy([n] { NnetForward forward(n); }), "Wrong parameter(s)!");
+    });
+    EXPECT_TRUE(log.starts_with("[nnet-nnet:")) << log;
+    EXPECT_TRUE(log.ends_with(std::string("] Wrong parameter(s) to [NnetForward], condition [") +
+                              condition + "]. \n"))
+        << log;
+  }
 }
 
 // Headers that do not fit together are refused at the layer that would read too much.

@@ -163,10 +163,9 @@ TEST(Fsmn, BlocksThatCannotRunAreRefused) {
               "read component failed!")
         << left << " " << right << " " << stride << " " << depend;
   }
-  ::testing::internal::CaptureStderr();
   const char* text = "<Fsmn> 1 1 <LOrder> 0 <ROrder> 0 <Stride> 1 <Depend> 1\n[ 1 ]";
-  EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!");
-  const std::string log = ::testing::internal::GetCapturedStderr();
+  const std::string log = PrintedBy(
+      [&] { EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!"); });
   EXPECT_NE(log.find("fsmn-layer"), std::string::npos);
   EXPECT_NE(log.find("Fsmn layer _depend must <= 0!"), std::string::npos);
 }

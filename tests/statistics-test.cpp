@@ -192,9 +192,9 @@ TEST(Statistics, BlocksThatCannotRunAreRefused) {
   for (const auto& [component, condition] : wrong) {
     const std::string reason =
         "] Wrong parameter(s) to [feats_win_generator_t], condition [" + condition + "]. \n";
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "Wrong parameter(s)!");
-    const std::string line = ::testing::internal::GetCapturedStderr();
+    const std::string line = PrintedBy([&, &bytes = component] {
+      EXPECT_EQ(ThrownBy([&] { ReadLayer(bytes); }), "Wrong parameter(s)!");
+    });
     EXPECT_EQ(line.find("[rectify_feats:"), 0U) << line;
     EXPECT_NE(line.find(reason), std::string::npos) << line;
   }
@@ -206,10 +206,10 @@ TEST(Statistics, WindowsWithoutFramesAreRefusedAndLeaveTheStreamAsItWas) {
   const float frame = 1;
   layer->PropagateChunk(&frame, 1, 1, out, 1);
   for (const int64_t frames : {-1, 2}) {
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(ThrownBy([&] { layer->PropagateChunk(nullptr, frames, 1, out, 1); }),
-              "sliding window add data failed!");
-    const std::string line = ::testing::internal::GetCapturedStderr();
+    const std::string line = PrintedBy([&] {
+      EXPECT_EQ(ThrownBy([&] { layer->PropagateChunk(nullptr, frames, 1, out, 1); }),
+                "sliding window add data failed!");
+    });
     const std::string condition =
         frames < 0 ? "feats_fnum < 0" : "feats_fnum > 0 && feats == __null";
     const std::string reason = "Wrong parameter(s) to [add_data], condition [" + condition;

@@ -1,6 +1,7 @@
 #include "utils/utils.h"
 
 #include <cmath>
+#include <functional>
 #include <tuple>
 
 #include "tests/support/expect.h"
@@ -42,24 +43,16 @@ TEST(Tokens, LineTokensAreSeparatedByBlanksOnly) {
 TEST(Arguments, NullStreamsPrintOneLineToStandardError) {
   char token[kTokenSize];
   std::string text;
-  const std::tuple<const char*, const char*, bool, std::string> cases[] = {
+  const std::tuple<const char*, const char*, std::function<bool()>> cases[] = {
       {"get_next_token", "fp == __null || token == __null",
-       (testing::internal::CaptureStderr(), get_next_token(static_cast<FILE*>(nullptr), token)) ==
-           -1,
-       testing::internal::GetCapturedStderr()},
+       [&] { return get_next_token(static_cast<FILE*>(nullptr), token) == -1; }},
       {"get_next_token", "line == __null || token == __null",
-       (testing::internal::CaptureStderr(), get_next_token(static_cast<char*>(nullptr), token)) ==
-           nullptr,
-       testing::internal::GetCapturedStderr()},
-      {"fread_string", "fp == __null",
-       (testing::internal::CaptureStderr(), !fread_string(nullptr, text)),
-       testing::internal::GetCapturedStderr()},
-      {"fwrite_string", "fp == __null",
-       (testing::internal::CaptureStderr(), !fwrite_string(nullptr, text)),
-       testing::internal::GetCapturedStderr()},
+       [&] { return get_next_token(static_cast<char*>(nullptr), token) == nullptr; }},
+      {"fread_string", "fp == __null", [&] { return !fread_string(nullptr, text); }},
+      {"fwrite_string", "fp == __null", [&] { return !fwrite_string(nullptr, text); }},
   };
-  for (const auto& [name, condition, failed, printed] : cases) {
-    EXPECT_TRUE(failed) << name;
+  for (const auto& [name, condition, fails] : cases) {
+    const std::string printed = PrintedBy([&, &f = fails] { EXPECT_TRUE(f()); });
     EXPECT_TRUE(printed.starts_with("[utils:")) << printed;
     EXPECT_TRUE(printed.ends_with(std::string("] Wrong parameter(s) to [") + name +
                                   "], condition [" + condition + "]. \n"))
@@ -275,10 +268,11 @@ TEST(HalfFloat, RoundsToNearestEvenBetweenNeighbours) {
 }
 
 TEST(Messages, ThrownTextIsLoggedWithPlaceAndCut) {
-  testing::internal::CaptureStderr();
-  const std::string thrown = ThrownBy(
-      [] { ThrowError(Here(), "no such frame [%d] %s", 7, std::string(5000, 'x').c_str()); });
-  const std::string log = testing::internal::GetCapturedStderr();
+  std::string thrown;
+  const std::string log = PrintedBy([&] {
+    thrown = ThrownBy(
+        [] { ThrowError(Here(), "no such frame [%d] %s", 7, std::string(5000, 'x').c_str()); });
+  });
   EXPECT_EQ(thrown.size(), 4096U);
   EXPECT_TRUE(thrown.starts_with("no such frame [7] xxx"));
   EXPECT_NE(log.find("utils-test:"), std::string::npos);

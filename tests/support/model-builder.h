@@ -11,6 +11,7 @@
 #include <initializer_list>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -159,17 +160,23 @@ inline std::string TextMatrix(const std::vector<float>& values) {
 }
 
 /// One call of a layer that is run without executor; `in` is changed by layers that work in place.
-inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>& in,
-                                   int64_t frames, int in_dim, int call_id = 1) {
-  const runtime::CallExtent extent = layer.Extent(frames, in_dim);
-  std::vector<float> out(extent.writes);
+/// A layer that writes more than its extent says is an error.
+inline Floats RunLayer(runtime::Component& layer, Floats& in, int64_t frames, int in_dim,
+                       int call_id = 1) {
+  constexpr float kUntouched = 12345.0F;
+  const size_t writes = layer.Extent(frames, in_dim).writes;
+  Floats out(writes + 64, kUntouched);
   int width = in_dim;
   layer.Propagate(in.data(), frames, in_dim, out.data(), &width, call_id);
+  for (size_t i = writes; i < out.size(); ++i) {
+    if (out[i] != kUntouched) throw std::logic_error(layer.TypeMarker() + " overruns its extent");
+  }
+  out.resize(writes);
   out.resize(runtime::BlockFloats(layer.OutputChannel(), width, layer.OutputFrames()));
   return out;
 }
-inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>&& in,
-                                   int64_t frames, int in_dim, int call_id = 1) {
+inline Floats RunLayer(runtime::Component& layer, Floats&& in, int64_t frames, int in_dim,
+                       int call_id = 1) {
   return RunLayer(layer, in, frames, in_dim, call_id);
 }
 
