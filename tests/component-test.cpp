@@ -56,8 +56,7 @@ TEST(BinaryComponent, Failures) {
       {Component2d(0x206, 1, 1, 2, 2).str().substr(0, 21), "fread failed!"},
       {Component1d(0x100, 2, 1).str(), "read component failed!"},
       {Component1d(0x100, 0x7fffffff, 0x7fffffff).str(), "read component failed!"},
-      {Component1d(0x100, -2, 8).str(), "read component failed!"},
-  };
+      {Component1d(0x100, -2, 8).str(), "read component failed!"}};
   for (const auto& [bytes, message] : cases) {
     const File file = FileOf(bytes);
     EXPECT_EQ(ThrownBy([&] { Layer(Component::Read(file.get())); }), message);
@@ -126,8 +125,7 @@ TEST(TextComponent, Failures) {
       {"<FixedAffineTransform> 1 1", "read component failed!"},
       {"<AffineTransform> 2 2 [ 1 ]", "mismatched matrix dimension! [rows:0/2, cols:1/2]"},
       {"<AffineTransform> 2000000000 2000000000 [ 1 ]",
-       "mismatched matrix dimension! [rows:0/2000000000, cols:1/2000000000]"},
-  };
+       "mismatched matrix dimension! [rows:0/2000000000, cols:1/2000000000]"}};
   for (const auto& [text, message] : cases) {
     EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), message) << text;
   }
@@ -139,15 +137,13 @@ TEST(Network, CountsAndPrefixes) {
     std::string bytes;
     bool read;
     const char* thrown;
-  } cases[] = {
-      {Network({}).str(), true, ""},
-      {two.str(), true, ""},
-      {two.str().substr(0, 3), false, ""},
-      {two.str().substr(0, 16), false, "fread failed!"},
-      {two.str().substr(0, 30), false, "read component failed!"},
-      {Bytes().Raw(uint32_t{0xFFFFFFFF}).Add(Component1d(0x202, 2, 2)).str(), false,
-       "fread failed!"},
-  };
+  } cases[] = {{Network({}).str(), true, ""},
+               {two.str(), true, ""},
+               {two.str().substr(0, 3), false, ""},
+               {two.str().substr(0, 16), false, "fread failed!"},
+               {two.str().substr(0, 30), false, "read component failed!"},
+               {Bytes().Raw(uint32_t{0xFFFFFFFF}).Add(Component1d(0x202, 2, 2)).str(), false,
+                "fread failed!"}};
   for (const auto& c : cases) {
     const File file = FileOf(c.bytes);
     Nnet nnet;

@@ -7,10 +7,8 @@
 #include "nnet/activation.h"
 #include "nnet/affine.h"
 #include "nnet/fixed-affine.h"
-#include "nnet/highway-kernels.h"
 #include "nnet/parameter-block.h"
 #include "tests/support/expect.h"
-#include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
 namespace {
@@ -25,8 +23,7 @@ TEST(Dense, HandWorkedRows) {
   const std::pair<Bytes, Floats> cases[] = {
       {Affine(2, 3, {10, 20, 30}, kWeights), {11, 23, 35, 9, 19, 29}},
       {Component1d(0x101, 2, 3, Bytes().Floats(kWeights)), {1, 3, 5, -1, -1, -1}},
-      {Component1d(0x10b, 2, 3, Bytes().Float(2).Floats(kWeights)), {2, 6, 10, -2, -2, -2}},
-  };
+      {Component1d(0x10b, 2, 3, Bytes().Float(2).Floats(kWeights)), {2, 6, 10, -2, -2, -2}}};
   for (const auto& [component, out] : cases) {
     const Layer layer = ReadLayer(component);
     EXPECT_EQ(RunLayer(*layer, Floats(kRows), 2, 2), out);
@@ -78,8 +75,7 @@ TEST(FixedBlocks, SymmetricEncoding) {
       {{0.5F, -1.0F}, Bytes().Float(127).Codes({64, -127})},
       {{0.0F, -0.0F}, Bytes().Float(1).Codes({0, 0})},
       {{}, Bytes().Float(1)},
-      {{NAN, 2.0F}, Bytes().Float(63.5F).Codes({0, 127})},
-  };
+      {{NAN, 2.0F}, Bytes().Float(63.5F).Codes({0, 127})}};
   for (const auto& [values, bytes] : cases) {
     FloatArray array = ArrayOf(values);
     const ParameterRef ref{&array, 1, values.size()};
@@ -105,8 +101,7 @@ TEST(FixedBlocks, AsymmetricEncoding) {
       {{-2.0F, -2.0F}, 2, Bytes().Float(63.5F).Int(-127).Floats({0, 0}).Codes({0, 0})},
       {{far, far + 256.0F},
        0,
-       Bytes().Float(255.0F / 256.0F).Int(std::numeric_limits<int32_t>::max()).Codes({255, 255})},
-  };
+       Bytes().Float(255.0F / 256.0F).Int(std::numeric_limits<int32_t>::max()).Codes({255, 255})}};
   for (const auto& c : cases) {
     FloatArray array = ArrayOf(c.values);
     const size_t rows = c.rows == 0 ? 1 : c.rows;
@@ -284,28 +279,6 @@ TEST(Highway, StoredForms) {
   const Layer unset = ReadLayer(Component1d(kHighway, 0, 0));
   EXPECT_EQ(ThrownBy([&] { RunLayer(*unset, {1}, 1, 1); }),
             "mismatched input dimension! layer[<Highway>] [0] vs [1]");
-}
-
-TEST(HighwayMix, SameBitsAsTheSeparateStepsOnEveryTarget) {
-  for (size_t n = 1; n <= 35; ++n) {
-    const Floats transform = Random(n, 75, 2.0F);
-    const Floats gate = Random(n, 76, 8.0F);
-    const Floats in = Random(n, 77);
-    Floats h(n);
-    Floats wanted(n);
-    relu(transform.data(), 1, n, h.data());
-    fast_sigmoid(gate.data(), 1, n, wanted.data());
-    for (size_t i = 0; i < n; ++i) {
-      const float g = wanted[i];
-      wanted[i] = h[i] * g;
-      wanted[i] += in[i] * (1.0F - g);
-    }
-    ForEachVectorTarget([&] {
-      Floats out(n);
-      highway_mix(transform.data(), gate.data(), in.data(), n, out.data());
-      EXPECT_EQ(out, wanted) << n;
-    });
-  }
 }
 
 }  // namespace

@@ -18,8 +18,7 @@ TEST(Executor, OneTwoAndManyLayersLeaveTheResultInOnePlace) {
   const std::pair<Bytes, Floats> cases[] = {
       {Network({twice}), {2, 4, -6, 8}},
       {Network({twice, swap}), {5, 2, 9, -6}},
-      {Network({swap, twice, Component1d(0x203, 2, 2)}), {6, 2, 10, 0}},
-  };
+      {Network({swap, twice, Component1d(0x203, 2, 2)}), {6, 2, 10, 0}}};
   for (const auto& [network, out] : cases) {
     Model model(network);
     EXPECT_EQ(model.Call({1, 2, -3, 4}, 2, 2), out);
@@ -104,8 +103,7 @@ TEST(Executor, ALayerMustFindAllTheInputThatItReads) {
        "channels x 2 x 4 frames = 0]"},
       {Network({Component2d(0x206, 5, 5, 2, 2)}), 2,
        "too little input! layer[<ReLU2d>] position[0] reads [40] floats, given [1 channels x 2 x 4 "
-       "frames = 8]"},
-  };
+       "frames = 8]"}};
   for (const auto& [network, dim, message] : cases) {
     Model model(network);
     EXPECT_EQ(ThrownBy([&] { model.Call(Floats(12), 4, dim); }), message);

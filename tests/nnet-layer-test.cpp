@@ -40,15 +40,13 @@ TEST(NnetLayer, HandWorkedRows) {
     Bytes component;
     Floats in, out;
     bool in_place = false;
-  } cases[] = {
-      {SpliceOf(2, 6, {-1, 0, 1}), pairs, spliced},
-      {SpliceOf(1, 2, {0, 2}), rows, {1, 3, 2, 4}},
-      {SpliceOf(2, 2, {0}), rows, rows},
-      {ColumnLayer(kAddShift, {10, -1}), rows, {11, 1, 13, 3}, true},
-      {ColumnLayer(kRescale, {10, -1}), rows, {10, -2, 30, -4}, true},
-      {ColumnLayer(kPrior, {10, -1}), rows, {-9, 3, -7, 5}},
-      {sum, triples, {-6, -6, 0, 0}},
-  };
+  } cases[] = {{SpliceOf(2, 6, {-1, 0, 1}), pairs, spliced},
+               {SpliceOf(1, 2, {0, 2}), rows, {1, 3, 2, 4}},
+               {SpliceOf(2, 2, {0}), rows, rows},
+               {ColumnLayer(kAddShift, {10, -1}), rows, {11, 1, 13, 3}, true},
+               {ColumnLayer(kRescale, {10, -1}), rows, {10, -2, 30, -4}, true},
+               {ColumnLayer(kPrior, {10, -1}), rows, {-9, 3, -7, 5}},
+               {sum, triples, {-6, -6, 0, 0}}};
   for (const auto& c : cases) {
     const Layer layer = ReadLayer(c.component);
     SCOPED_TRACE(layer->TypeMarker());

@@ -44,14 +44,12 @@ TEST(Normalisation, HandWorkedRows) {
     Floats in, out;
     bool in_place;
     uint64_t bytes;
-  } cases[] = {
-      {kNormalize, 2, {5, -5, 0, 0}, {2, -2, 0, 0}, false, 0},
-      {kBatchNormComponent, 2, {1, 2, 5, 4}, {0, 0, 2, 4}, true, 16},
-      {kBatchNorm1d, 2, {1, 1, 3, 3}, {0, 8, 2, 10}, true, 32},
-      {kBatchNorm2d, 1, {1, 3, 1, 3}, {0, 2, 8, 10}, false, 32},
-      // Mean 2, deviation 1; a row of zeros gives the offsets.
-      {kLayerNorm, 3, {1, 2, 3, 0, 0, 0}, {-0.5F, 10, 2, 0, 10, 0}, false, 24},
-  };
+  } cases[] = {{kNormalize, 2, {5, -5, 0, 0}, {2, -2, 0, 0}, false, 0},
+               {kBatchNormComponent, 2, {1, 2, 5, 4}, {0, 0, 2, 4}, true, 16},
+               {kBatchNorm1d, 2, {1, 1, 3, 3}, {0, 8, 2, 10}, true, 32},
+               {kBatchNorm2d, 1, {1, 3, 1, 3}, {0, 2, 8, 10}, false, 32},
+               // Mean 2, deviation 1; a row of zeros gives the offsets.
+               {kLayerNorm, 3, {1, 2, 3, 0, 0, 0}, {-0.5F, 10, 2, 0, 10, 0}, false, 24}};
   for (const auto& c : cases) {
     const Layer layer = ReadLayer(c.component);
     SCOPED_TRACE(layer->TypeMarker());
@@ -69,8 +67,7 @@ TEST(BatchNorm, FoldedParametersAreWritten) {
   const std::pair<Bytes, Bytes> cases[] = {
       {kBatchNormComponent, Bytes().Int(2).Floats({-0.5F, -4, 0.5F, 2})},
       {kBatchNorm1d, BatchNormBlock(1, {{1, 0}, {3, 0}, {1, 1}, {-1, 7}})},
-      {kBatchNorm2d, kStatistics},
-  };
+      {kBatchNorm2d, kStatistics}};
   for (const auto& [component, folded_block] : cases) {
     const Layer layer = ReadLayer(component);
     RunLayer(*layer, {1, 1}, 1, layer->is_2d ? 1 : 2);
@@ -92,15 +89,13 @@ TEST(BatchNorm2d, TakesItsWidthFromTheCaller) {
 }
 
 TEST(Normalisation, BlocksThatDoNotFitAreRefused) {
-  const Bytes cases[] = {
-      Component1d(0x405, 3, 3, Bytes().Int(2).Floats({1, 2, 3, 4})),
-      Component1d(0x405, -2, -2, Bytes().Int(-2)),
-      Component1d(0x406, 3, 3, Bytes().Int(2).Float(1).Floats({1, 2, 3, 4})),
-      Component1d(0x406, -1, 1, Bytes().Int(-1).Float(1)),
-      Component1d(0x409, -1, 1, Bytes().Float(1)),
-      Component1d(0x409, 0x7fffffff, 1, Bytes().Float(1)),
-      Component2d(0x407, -1, 1, 0, 0, Bytes().Float(1)),
-  };
+  const Bytes cases[] = {Component1d(0x405, 3, 3, Bytes().Int(2).Floats({1, 2, 3, 4})),
+                         Component1d(0x405, -2, -2, Bytes().Int(-2)),
+                         Component1d(0x406, 3, 3, Bytes().Int(2).Float(1).Floats({1, 2, 3, 4})),
+                         Component1d(0x406, -1, 1, Bytes().Int(-1).Float(1)),
+                         Component1d(0x409, -1, 1, Bytes().Float(1)),
+                         Component1d(0x409, 0x7fffffff, 1, Bytes().Float(1)),
+                         Component2d(0x407, -1, 1, 0, 0, Bytes().Float(1))};
   for (const Bytes& component : cases) {
     EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "read component failed!");
   }

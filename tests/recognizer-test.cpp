@@ -204,8 +204,7 @@ TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
       {TwoNetworks(claims, identity), 2, "mismatched output channels! first network [3] vs [1]\n"},
       {TwoNetworks(identity, claims), 2, "mismatched output channels! second network [3] vs [1]\n"},
       {TwoNetworks(identity, Network({Component2d(0x206, 1, 1, 2, 0)})), 2,
-       "mismatched output dimension! second network [2] vs [0]\n"},
-  };
+       "mismatched output dimension! second network [2] vs [0]\n"}};
   for (const auto& [model, dim, message] : cases) {
     Recognizer recognizer(model, 3, 2);
     ASSERT_TRUE(recognizer) << recognizer.printed;

@@ -24,14 +24,12 @@ struct Family {
   bool projected, has_cell_dim, half;
 };
 
-constexpr Family kFamilies[] = {
-    {"Lstm", 0x103, 4, 1, false, false, false},
-    {"LstmProjectedNnet3Streams", 0x106, 4, 1, true, true, false},
-    {"Blstm", 0x10e, 4, 2, false, true, true},
-    {"BlstmProjectedNnet3Streams", 0x10c, 4, 2, true, true, false},
-    {"Gru", 0x10d, 3, 1, false, true, false},
-    {"BGru", 0x110, 3, 2, false, true, false},
-};
+constexpr Family kFamilies[] = {{"Lstm", 0x103, 4, 1, false, false, false},
+                                {"LstmProjectedNnet3Streams", 0x106, 4, 1, true, true, false},
+                                {"Blstm", 0x10e, 4, 2, false, true, true},
+                                {"BlstmProjectedNnet3Streams", 0x10c, 4, 2, true, true, false},
+                                {"Gru", 0x10d, 3, 1, false, true, false},
+                                {"BGru", 0x110, 3, 2, false, true, false}};
 constexpr const Family& kProjected = kFamilies[1];
 constexpr const Family& kBlstm = kFamilies[2];
 
@@ -228,8 +226,7 @@ TEST(Recurrent, ShapesThatCannotRunAreRefused) {
       {0x106, 2, 1, kHuge}, {0x106, 2, 1, 2, false},  {0x10c, 2, 3, 4},        {0x10e, 2, 6, 2},
       {0x80e, 2, 6, 2},     {0x10d, 2, 3, 3, false},  {0x10d, 2, 3, 2},        {0x10d, 2, 0, 0},
       {0x10d, -1, 2, 2},    {0x10d, 2, kHuge, kHuge}, {0x110, 2, 6, 3, false}, {0x110, 2, 8, 3},
-      {0x110, 2, 7, 3},     {0x110, 2, -4, -2},       {0x80d, 2, 3, 2},        {0x810, 2, 8, 3},
-  };
+      {0x110, 2, 7, 3},     {0x110, 2, -4, -2},       {0x80d, 2, 3, 2},        {0x810, 2, 8, 3}};
   for (const auto& c : cases) {
     Bytes block;
     if (c.code != 0x103) block.Int(c.cell);

@@ -241,8 +241,7 @@ TEST(Stream, FramesComeOutAsSoonAsTheyAreKnown) {
       {Reflection(1, 0, 2), {1, 3, 0}, true, {1, 3, 2}},
       {Constant(1, 2, 1, 0), {2, 0, 3}, true, {4, 0, 4}},
       {Constant(1, 2, 1, 0), {0, 2, 3}, false, {2, 2, 3}},
-      {Slice("3"), {2, 2, 2}, false, {0, 1, 2}},
-  };
+      {Slice("3"), {2, 2, 2}, false, {0, 1, 2}}};
   for (const auto& [twin, chunks, marked, counts] : cases) {
     SCOPED_TRACE(ListOf({twin.stream_code}) + "in chunks " + ListOf(chunks));
     Model model(NetworkOf({twin}));
@@ -284,8 +283,7 @@ TEST(Stream, TooShortInputsAreRefused) {
       {cut, {1, 1, 1}, ""},
       {cut, {0}, ""},
       {Conv({1, 1, 3}), {1, 1}, ""},
-      {Pool({1, 1, 3}), {1, 1}, ""},
-  };
+      {Pool({1, 1, 3}), {1, 1}, ""}};
   for (const auto& [twin, chunks, message] : cases) {
     SCOPED_TRACE(ListOf({twin.stream_code}) + "in chunks " + ListOf(chunks));
     Model model(NetworkOf({twin}));
@@ -350,8 +348,7 @@ TEST(Stream, NetworksThatCannotBeLinkedAreRefused) {
       {{Register("b", 2), join}, "cannot find register with name [a]"},
       {{Register("a", 2), narrow}, "mismatched concentrate dimension! [4 != 3]"},
       {{Register("a", 2), wide}, "mismatched concentrate dimension! [2 != 3]"},
-      {{join, Register("a", 2)}, "cannot find register with name [a]"},
-  };
+      {{join, Register("a", 2)}, "cannot find register with name [a]"}};
   for (const auto& [twins, message] : cases) {
     const auto run = [&] {
       Model model(NetworkOf(twins));

@@ -120,8 +120,7 @@ TEST_F(ToolTest, HelpNamesEveryOption) {
       {"inspect", {"MODEL", "--json"}},
       {"convert", {"IN", "OUT", "--fixed"}},
       {"forward", {"MODEL", "FEATURES", "OUT", "--network", "--chunk", "--mark-last"}},
-      {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}},
-  };
+      {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}}};
   for (const auto& [command, words] : cases) {
     const Outcome outcome = Run(std::string(command) + " --help");
     EXPECT_EQ(outcome.status, 0);
@@ -145,8 +144,7 @@ TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
       {" \n<Sigmoid> 3 3\n", "network 1: the file ends before </Nnet>"},
       {"<Nnet> <Sigmoid> 3 3 </Nnet> <Nope\x1b> 3 3 </Nnet>",
        "network 2: layer 0: unknown or unimplemented nnet layer! [<Nope?>]"},
-      {std::string(4004, '\0'), "more than 1000 networks"},
-  };
+      {std::string(4004, '\0'), "more than 1000 networks"}};
   for (const auto& [bytes, message] : cases) {
     Store("model.bin", bytes);
     const Outcome outcome = Run("convert model.bin out.bin");
@@ -254,8 +252,7 @@ TEST_F(ToolTest, ForwardMarksTheLastCallOnly) {
       {"--chunk 1", 5, {0, 1, 2, 3}},
       {"--chunk 1 --mark-last", 5, {0, 1, 2, 3, 4}},
       {"--chunk 4 --mark-last", 5, {0, 1, 2, 3, 4}},
-      {"--chunk 1", 1, {}},
-  };
+      {"--chunk 1", 1, {}}};
   for (const auto& [calls, frames, out] : cases) {
     Matrix in{{frames, 1}, {}};
     for (size_t i = 0; i < frames; ++i) in.values.push_back(static_cast<float>(i));
@@ -275,8 +272,7 @@ TEST_F(ToolTest, ForwardRefusesFeaturesOfAnotherShape) {
        "model.bin: network 1: mismatched input dimension! layer[<AffineTransform>] [2] vs [4]"},
       {"2", {3, 2}, "in.npy: 3 x 2 found, channels x frames x dim with 2 channels wanted"},
       {"2", {3, 3, 2}, "in.npy: 3 x 3 x 2 found, channels x frames x dim with 2 channels wanted"},
-      {"3", {3, 2}, "model.bin: network 3: it has no layers"},
-  };
+      {"3", {3, 2}, "model.bin: network 3: it has no layers"}};
   for (const auto& [network, shape, message] : cases) {
     size_t count = 1;
     for (const size_t size : shape) count *= size;
@@ -350,8 +346,7 @@ TEST_F(RecognizeTest, AFileThatFailsIsReportedAndTheRestGoOn) {
        "{\"file\":\"b.npy\",\"sequences\":[[2,1]]}\n",
        "handwriting: absent.npy: No such file or directory\n"},
       {"b.npy --labels labels.txt", "",
-       "handwriting: b.npy: class 2 found, the label file names 2\n"},
-  };
+       "handwriting: b.npy: class 2 found, the label file names 2\n"}};
   for (const auto& [arguments, out, last_error] : cases) {
     const Outcome outcome = Run(std::string("recognize model.bin --nbest 1 ") + arguments);
     EXPECT_EQ(outcome.status, 1) << arguments;
@@ -368,8 +363,7 @@ TEST_F(RecognizeTest, ModelsAndLabelsThatCannotBeUsedAreRefused) {
       {"one.bin a.npy", "one.bin: fread failed!"},
       {"model.txt a.npy", "model.txt: text form found, binary form wanted (handwriting convert)"},
       {"model.bin a.npy --labels labels.txt", "labels.txt: line 2 is not UTF-8"},
-      {"model.bin a.npy --labels absent.txt", "absent.txt: No such file or directory"},
-  };
+      {"model.bin a.npy --labels absent.txt", "absent.txt: No such file or directory"}};
   for (const auto& [arguments, message] : cases) {
     const Outcome outcome = Run(std::string("recognize ") + arguments);
     EXPECT_EQ(outcome.status, 1) << arguments;

@@ -49,8 +49,7 @@ TEST(Arguments, NullStreamsPrintOneLineToStandardError) {
       {"get_next_token", "line == __null || token == __null",
        [&] { return get_next_token(static_cast<char*>(nullptr), token) == nullptr; }},
       {"fread_string", "fp == __null", [&] { return !fread_string(nullptr, text); }},
-      {"fwrite_string", "fp == __null", [&] { return !fwrite_string(nullptr, text); }},
-  };
+      {"fwrite_string", "fp == __null", [&] { return !fwrite_string(nullptr, text); }}};
   for (const auto& [name, condition, fails] : cases) {
     const std::string printed = PrintedBy([&, &f = fails] { EXPECT_TRUE(f()); });
     EXPECT_TRUE(printed.starts_with("[utils:")) << printed;
@@ -65,14 +64,12 @@ TEST(Strings, CountsAreCheckedAgainstTheFile) {
     Bytes bytes;
     bool ok;
     const char* text;
-  } cases[] = {
-      {Bytes().String(""), true, ""},
-      {Bytes().String("blue"), true, "blue"},
-      {Bytes().Int(-1), false, ""},
-      {Bytes().Int(0x7fffffff).Byte(1), false, ""},
-      {Bytes().Int(3).Byte('a').Byte('b'), false, ""},
-      {Bytes().Byte(1), false, ""},
-  };
+  } cases[] = {{Bytes().String(""), true, ""},
+               {Bytes().String("blue"), true, "blue"},
+               {Bytes().Int(-1), false, ""},
+               {Bytes().Int(0x7fffffff).Byte(1), false, ""},
+               {Bytes().Int(3).Byte('a').Byte('b'), false, ""},
+               {Bytes().Byte(1), false, ""}};
   for (const auto& c : cases) {
     const File file = FileOf(c.bytes);
     std::string text;
@@ -160,8 +157,7 @@ TEST(Properties, MalformedListsAreRefused) {
       {"<Int> 1 <" + too_long + " 1", "wrong property format!"},
       {"<Int> 1" + std::string(5000, ' ') + "\n", "wrong property format!"},
       {"<Other> 5\n", "unknown property name! [<Other>]"},
-      {"<Float> 5\n", "necessary property is not set! [<Int>]"},
-  };
+      {"<Float> 5\n", "necessary property is not set! [<Int>]"}};
   for (const auto& [text, message] : cases) EXPECT_EQ(Properties().Read(text), message) << text;
 }
 
@@ -200,8 +196,7 @@ TEST(TextMatrix, ShapesAreHeld) {
       {"[ 1 2 3 4 ]", 1, 3, "too many matrix data! [rows:1]", "too many matrix data! [rows:1]"},
       {"[ 1 ]", 3, 0, "too many matrix data! [rows:3]", "too many matrix data! [rows:3]"},
       {"[ 1 2", 1, 2, "wrong matrix format!", "wrong matrix format!"},
-      {"", 1, 2, "wrong matrix format!", "wrong matrix format!"},
-  };
+      {"", 1, 2, "wrong matrix format!", "wrong matrix format!"}};
   for (const auto& c : cases) {
     float values[16] = {};
     const File lenient = FileOf(std::string(c.text));
