@@ -244,18 +244,6 @@ TEST(Attention, ResetAndFixedFormGoByEveryNestedLayer) {
   }
 }
 
-TEST(Attention, RunsInANetwork) {
-  const Bytes block = Block(0x109, 4, 2, 6).Component();
-  const Bytes encoding = Component1d(0x108, 4, 4);
-  Model model(Network({encoding, block, block}));
-  const Floats in = Random(20, 5);
-  Floats rows = in;
-  for (const Bytes& bytes : {encoding, block, block})
-    rows = RunLayer(*ReadLayer(bytes), rows, 5, 4);
-  EXPECT_EQ(model.Call(in, 5, 4), rows);
-  EXPECT_EQ(model.Call(in, 5, 4), rows);
-}
-
 TEST(Attention, NestedLayersThatCannotServeAreRefused) {
   const std::string same = "<AffineTransform> 2 2 [ 1 0 0 1 ] [ 0 0 ]\n";
   const std::string wide = "<AffineTransform> 3 2 [ 1 0 0 1 0 0 ] [ 0 0 0 ]\n";

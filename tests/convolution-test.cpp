@@ -148,19 +148,6 @@ TEST(SimpleConvolutions, RefuseWidthsThatDoNotFit) {
             "mismatched widths! layer[<SimpleDeconv2d1x3s2>] input [0] output [4294967294]");
 }
 
-TEST(SimpleConvolutions, RunThroughAnExecutor) {
-  const Planes s = {2, 3, 6, 4};
-  const Planes middle = {3, 1, 3, 4};
-  const Weights down = RandomWeights(s, 3);
-  const Weights up = RandomWeights(middle, 4);
-  Model model(Network({SimpleFile(0x305, s, down),
-                       Component2d(0x306, 3, 1, 0, 0, Bytes().Floats(up.kernel).Floats(up.bias))}));
-  const Floats in = RandomInput(s, 5);
-  ExpectSameBits(model.Call(in, 4, 6, 2), PlainDouble(middle, up, PlainHalve(s, down, in, 3)));
-  EXPECT_EQ(model.forward->OutputShape().dim, 6);
-  EXPECT_EQ(model.forward->OutputShape().channels, 1);
-}
-
 // What is stored only.
 
 Bytes Conv2dFile(int in_channels, int out_channels, int groups, int height = 2, int width = 3) {

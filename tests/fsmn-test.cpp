@@ -95,10 +95,9 @@ TEST(Fsmn, ChainsAddTheMemoryOfTheBlockTheyDependOn) {
       // An offset of 0 is a dependency too.
       {{{2, 0, 1, 0, 1}, {0, 2, 1, -1, 2}}, {-1, 0}}};
   for (const auto& c : cases) {
-    Bytes bytes;
-    bytes.Raw(static_cast<uint32_t>(c.blocks.size()));
-    for (const Taps& taps : c.blocks) bytes.Add(taps.Component(kDim));
-    Model model(bytes);
+    std::vector<Bytes> components;
+    for (const Taps& taps : c.blocks) components.push_back(taps.Component(kDim));
+    Model model(Network(components));
     for (const size_t frames : {size_t{40}, size_t{23}}) {
       const Floats in = Random(frames * kDim, 5);
       Floats rows = in;

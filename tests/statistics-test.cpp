@@ -91,21 +91,11 @@ TEST(Statistics, PoolingGivesMeansAndDeviations) {
   }
 }
 
-// Runs a network of one sliding window on frames 0, 1, 2, … of one value through calls of the given
-// sizes, the last one marked when `marked` is set, and joins what comes out.
-Floats Slide(Model& model, const std::vector<int>& calls, bool marked) {
-  Floats joined;
-  int at = 0;
-  for (size_t i = 0; i < calls.size(); ++i) {
-    Floats in(static_cast<size_t>(calls[i]));
-    std::iota(in.begin(), in.end(), static_cast<float>(at));
-    const bool last = marked && i + 1 == calls.size();
-    model.forward->Propagate(in.data(), calls[i], 1, last ? -1 : static_cast<int>(i + 1));
-    const float* out = model.forward->Output();
-    joined.insert(joined.end(), out, out + model.forward->OutputFrames());
-    at += calls[i];
-  }
-  return joined;
+// Runs a network of one sliding window on frames 0, 1, 2, … of one value in calls of these sizes.
+Floats Slide(Model& model, const std::vector<int64_t>& calls, bool marked) {
+  Floats in(ToSize(std::accumulate(calls.begin(), calls.end(), int64_t{0})));
+  std::iota(in.begin(), in.end(), 0.0F);
+  return model.Chunks(in, 1, calls, marked).frames;
 }
 
 TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
@@ -133,7 +123,7 @@ TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
       EXPECT_EQ(Slide(model, {cut, frames - cut}, marked), out) << "cut at " << cut;
     }
     model.forward->Reset();
-    EXPECT_EQ(Slide(model, std::vector(static_cast<size_t>(frames), 1), marked), out);
+    EXPECT_EQ(Slide(model, std::vector<int64_t>(ToSize(frames), 1), marked), out);
   }
 }
 

@@ -88,7 +88,7 @@ inline Bytes Component2d(int code, int input_channel, int output_channel, int in
 }
 
 /// A network of the given components.
-inline Bytes Network(std::initializer_list<Bytes> components) {
+inline Bytes Network(const std::vector<Bytes>& components) {
   Bytes network;
   network.Raw(static_cast<uint32_t>(components.size()));
   for (const Bytes& component : components) network.Add(component);
@@ -188,11 +188,33 @@ struct Model {
     forward = std::make_unique<runtime::NnetForward>(&nnet);
   }
 
+  Floats Output() const {
+    return {forward->Output(), forward->Output() + forward->OutputShape().floats()};
+  }
+
   /// The output of one call without a reset before it.
-  std::vector<float> Call(std::vector<float> in, int64_t frames, int dim, int channels = 1) {
+  Floats Call(Floats in, int64_t frames, int dim, int channels = 1) {
     forward->Forward(in.data(), frames, dim, channels);
-    const float* out = forward->Output();
-    return {out, out + forward->OutputShape().floats()};
+    return Output();
+  }
+
+  /// An input in calls of so many frames; the last one is marked as its end or is not.
+  struct Streamed {
+    Floats frames;
+    std::vector<int64_t> counts;
+  };
+  Streamed Chunks(const Floats& in, int dim, const std::vector<int64_t>& chunks, bool marked) {
+    Streamed result;
+    const float* next = in.data();
+    for (size_t i = 0; i < chunks.size(); next += chunks[i++] * dim) {
+      const int call_id = static_cast<int>(i) + 1;
+      const bool last = marked && i + 1 == chunks.size();
+      forward->Propagate(next, chunks[i], dim, last ? -call_id : call_id);
+      const Floats out = Output();
+      result.frames.insert(result.frames.end(), out.begin(), out.end());
+      result.counts.push_back(forward->OutputFrames());
+    }
+    return result;
   }
 
   runtime::Nnet nnet;
