@@ -1,23 +1,14 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cfloat>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <limits>
 #include <map>
-#include <random>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "ctc/beam-search.h"
 #include "ctc/decoder-kernels.h"
+#include "tests/support/expect.h"
 #include "tests/support/plain-search.h"
 #include "tests/support/vector-targets.h"
 #include "utils/fast-math.h"

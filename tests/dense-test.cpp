@@ -163,10 +163,10 @@ TEST(FixedDense, FloatTwinWritesWhatItReads) {
 }
 
 TEST(FixedDense, TextFormDerivesTheScale) {
-  const Layer layer = ReadTextLayer("<FixedLinearTransform> 1 2 [ 0.3 -2 ]");
+  const Layer layer = ReadTextLayer("<FixedLinearTransform> 1 2 stray [ 0.3 -2 ]");
   EXPECT_EQ(dynamic_cast<FixedLinearTransform&>(*layer).blocks[0].scale, 63.5F);
   EXPECT_EQ(RunLayer(*layer, {10, 1}, 1, 2), Floats({10 * 0.3F - 2}));
-  const Layer embedding = ReadTextLayer("<FixedEmbedding> 1 1 <Scale> 3\n[ 2 ]");
+  const Layer embedding = ReadTextLayer("<FixedEmbedding> 1 1 <Scale> 3\nstray [ 2 ]");
   EXPECT_EQ(RunLayer(*embedding, {1}, 1, 1), Floats({6}));
 }
 
