@@ -11,10 +11,10 @@
 
 #include <cblas.h>
 
+#include "bench/plain-kernels.h"
 #include "nnet/decoder-layer.h"
 #include "nnet/fsmn-layer.h"
 #include "tests/support/model-builder.h"
-#include "tests/support/plain-kernels.h"
 
 namespace {
 

@@ -7,11 +7,11 @@
 
 #include <cblas.h>
 
+#include "bench/plain-kernels.h"
 #include "nnet/gru.h"
 #include "nnet/highway.h"
 #include "nnet/normalisation.h"
 #include "tests/support/model-builder.h"
-#include "tests/support/plain-kernels.h"
 
 namespace {
 

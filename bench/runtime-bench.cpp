@@ -10,9 +10,9 @@
 
 #include <cblas.h>
 
+#include "bench/plain-kernels.h"
 #include "nnet/nnet-nnet.h"
 #include "tests/support/model-builder.h"
-#include "tests/support/plain-kernels.h"
 
 namespace {
 

@@ -199,16 +199,6 @@ TEST(StoredConvolutions, RefuseShapesWithoutMeaning) {
   }
 }
 
-// A composite may hold composites, but no file may exhaust the stack.
-TEST(StoredConvolutions, NestingIsBounded) {
-  for (const auto& [levels, wanted] :
-       {std::pair{15, "fread failed!"}, {100000, "components nested too deeply! [16]"}}) {
-    Bytes bytes;
-    for (int i = 0; i < levels; ++i) bytes.Add(Component2d(0x304, 1, 1, 0, 0));
-    EXPECT_EQ(ThrownBy([&] { ReadLayer(bytes); }), wanted);
-  }
-}
-
 TEST(StoredConvolutions, NameTheComponentThatIsMissing) {
   const std::string conv =
       "<Conv2d> 2 2 <KernelHeight> 1 <KernelWidth> 1 <StrideHeight> 1 <StrideWidth> 1 <Top> 0 "

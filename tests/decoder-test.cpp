@@ -6,10 +6,9 @@
 #include <limits>
 #include <map>
 
+#include "bench/plain-search.h"
 #include "ctc/beam-search.h"
-#include "ctc/decoder-kernels.h"
 #include "tests/support/expect.h"
-#include "tests/support/plain-search.h"
 #include "tests/support/vector-targets.h"
 #include "utils/fast-math.h"
 
@@ -63,25 +62,6 @@ TEST(TopN, MatchesPlainSelectionOnEveryTarget) {
       get_topn(scores.data(), static_cast<int>(n), selected);
       PlainTopN(scores.data(), static_cast<int>(n), expected);
       ASSERT_EQ(Text(selected), Text(expected)) << "n " << n << " k " << k;
-    }
-  });
-}
-
-TEST(TopN, ScanFindsEveryPosition) {
-  handwriting::tests::ForEachVectorTarget([] {
-    for (std::size_t n = 0; n <= 100; ++n) {
-      std::vector<float> row(n, 1.0F);  // equal to the threshold: not greater
-      for (std::size_t i = 0; i < n; i += 3) row[i] = kNan;
-      EXPECT_EQ(find_greater(row.data(), 0, n, 1.0F), n);
-      for (std::size_t hit = 0; hit < n; ++hit) {
-        const float kept = std::exchange(row[hit], 1.5F);
-        for (const std::size_t from : {std::size_t{0}, hit / 2, hit}) {
-          EXPECT_EQ(find_greater(row.data(), from, n, 1.0F), hit);
-        }
-        EXPECT_EQ(find_greater(row.data(), hit + 1, n, 1.0F), n);
-        EXPECT_EQ(find_greater(row.data(), 0, n, kNan), n);
-        row[hit] = kept;
-      }
     }
   });
 }

@@ -8,11 +8,11 @@
 
 #include <cblas.h>
 
+#include "bench/plain-kernels.h"
 #include "nnet/highway-kernels.h"
 #include "nnet/nnet-util.h"
 #include "nnet/recurrent-kernels.h"
 #include "tests/support/expect.h"
-#include "tests/support/plain-kernels.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {

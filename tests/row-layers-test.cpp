@@ -7,11 +7,11 @@
 #include <limits>
 #include <tuple>
 
+#include "bench/plain-kernels.h"
 #include "nnet/nnet-layer.h"
 #include "nnet/normalisation-kernels.h"
 #include "nnet/normalisation.h"
 #include "tests/support/expect.h"
-#include "tests/support/plain-kernels.h"
 #include "tests/support/vector-targets.h"
 #include "utils/fast-math.h"
 

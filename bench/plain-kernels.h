@@ -1,5 +1,5 @@
-#ifndef TESTS_SUPPORT_PLAIN_KERNELS_H_
-#define TESTS_SUPPORT_PLAIN_KERNELS_H_
+#ifndef BENCH_PLAIN_KERNELS_H_
+#define BENCH_PLAIN_KERNELS_H_
 
 // The scalar meaning of vector kernels, branch by branch: what these are tested against to the bit
 // and measured by.
@@ -90,4 +90,4 @@ inline void PlainLayerNorm(const float* x, size_t n, const float* gamma, const f
 
 }  // namespace handwriting::tests
 
-#endif  // TESTS_SUPPORT_PLAIN_KERNELS_H_
+#endif  // BENCH_PLAIN_KERNELS_H_
