@@ -53,7 +53,7 @@ void RunFrames(benchmark::State& state, Component& layer) {
 
 // The yardsticks: each layer step by step in its obvious form.
 
-// One frame of a GRU behind its input product.
+// One frame of a GRU after its input product.
 void PlainGruFrame(const Gru& gru, float* gate, float* hidden, float* scratch) {
   const auto matvec = [hidden](const float* weights, int rows, float beta, float* y) {
     cblas_sgemv(CblasRowMajor, CblasNoTrans, rows, kDim, 1.0F, weights, kDim, hidden, 1, beta, y,

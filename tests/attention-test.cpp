@@ -88,7 +88,7 @@ struct Block {
     return Component1d(type, d, d, block);
   }
 
-  // The residual sums behind the attentions replace `x`; `memory` is of use to a decoder only.
+  // The residual sums after the attentions replace `x`; `memory` is of use to a decoder only.
   Rows operator()(Rows& x, const Rows& memory = {}) const {
     const auto h = static_cast<size_t>(heads);
     const bool decodes = type == 0x10a;

@@ -99,8 +99,8 @@ std::vector<Sequence> Result(const _beam_search_t& decoder, std::size_t frames) 
     const auto from = std::exchange(next, next + lengths.at(static_cast<std::size_t>(k)));
     sequences.emplace_back(from, next);
   }
-  EXPECT_EQ(*next, -7) << "written behind the last sequence";
-  EXPECT_EQ(lengths[static_cast<std::size_t>(count)], -7) << "written behind the last length";
+  EXPECT_EQ(*next, -7) << "written after the last sequence";
+  EXPECT_EQ(lengths[static_cast<std::size_t>(count)], -7) << "written after the last length";
   return sequences;
 }
 

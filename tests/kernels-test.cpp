@@ -64,7 +64,7 @@ TEST(ElementKernels, SameBitsAsTheirDefinitionOnEveryTarget) {
       Floats out(in.size());
       c.kernel(in.data(), in.size(), out.data());
       ExpectSameBits(out, wanted);
-      for (size_t n = 0; n < 40; ++n) {  // every tail, and nothing behind it
+      for (size_t n = 0; n < 40; ++n) {  // every tail, and nothing after it
         Floats guarded(n + 1, 7.0F);
         c.kernel(in.data() + 3, n, guarded.data());
         ASSERT_EQ(guarded[n], 7.0F);
