@@ -11,10 +11,10 @@
 
 #include <cblas.h>
 
+#include "bench/plain-kernels.h"
 #include "nnet/attention/decoder-layer.h"
 #include "nnet/attention/fsmn-layer.h"
 #include "tests/support/model-builder.h"
-#include "utils/fast-math.h"
 
 namespace {
 
@@ -24,6 +24,8 @@ using handwriting::tests::Component1d;
 using handwriting::tests::Layer;
 using handwriting::tests::Model;
 using handwriting::tests::Network;
+using handwriting::tests::PlainLayerNorm;
+using handwriting::tests::PlainSoftmax;
 using handwriting::tests::Random;
 using handwriting::tests::ReadLayer;
 using Floats = std::vector<float>;
@@ -85,29 +87,10 @@ struct PlainDense {
 };
 
 void PlainNorm(const Floats& x, Floats& y) {
+  const Floats ones(kWidth, 1.0F), zeros(kWidth);
   for (size_t at = 0; at < x.size(); at += kWidth) {
-    double sum = 0;
-    double squares = 0;
-    for (size_t i = at; i < at + kWidth; ++i) {
-      sum += x[i];
-      squares += static_cast<double>(x[i]) * x[i];
-    }
-    const double mean = sum / kDim;
-    const double deviation = std::sqrt((squares - kDim * mean * mean) / (kDim - 1));
-    for (size_t i = at; i < at + kWidth; ++i) {
-      y[i] = static_cast<float>((x[i] - mean) / (1e-5 + deviation));
-    }
+    PlainLayerNorm(&x[at], kWidth, ones.data(), zeros.data(), 1e-5F, &y[at]);
   }
-}
-
-void PlainSoftmax(float* row, size_t n) {
-  const float max = *std::max_element(row, row + n);
-  float sum = 0.0F;
-  for (size_t i = 0; i < n; ++i) {
-    row[i] = fast_math::ExpOrLimits((row[i] - max) * fast_math::kExpScale + fast_math::kExpBias);
-    sum += row[i];
-  }
-  for (size_t i = 0; i < n; ++i) row[i] *= 1.0F / sum;
 }
 
 // Rows to one matrix a head, and back.
@@ -150,7 +133,7 @@ void BM_EncoderPlain(benchmark::State& state) {
     for (size_t at = 0; at < in.size(); at += rows * kHead) {
       cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, frames, frames, kHead, 0.125F,
                   query.data() + at, kHead, key.data() + at, kHead, 0.0F, scores.data(), frames);
-      for (size_t r = 0; r < rows; ++r) PlainSoftmax(scores.data() + r * rows, rows);
+      PlainSoftmax(scores.data(), rows, rows, scores.data());
       cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, frames, kHead, frames, 1.0F,
                   scores.data(), frames, value.data() + at, kHead, 0.0F, context.data() + at,
                   kHead);

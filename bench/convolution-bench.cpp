@@ -4,18 +4,21 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
-#include <random>
 #include <vector>
 
 #include "nnet/base/element-kernels.h"
 #include "nnet/base/nnet-util.h"
-#include "nnet/convolution/conv1d.h"
+#include "nnet/base/products.h"
+#include "tests/support/conv1d-sample.h"
 
 namespace {
 
-using tarev::nnet::handwriting_CTC::Conv1d;
+using handwriting::tests::Component1d;
+using handwriting::tests::ConvBlock;
+using handwriting::tests::Layer;
+using handwriting::tests::Random;
+using handwriting::tests::ReadLayer;
+using handwriting::tests::Shape;
 using tarev::nnet::handwriting_CTC::vector_target_name;
 
 struct Problem {
@@ -32,17 +35,9 @@ struct Problem {
         frames(frames_arg),
         kernel_size(kernel_size_arg),
         groups(groups_arg),
-        kernel(Random(channels * (channels / groups) * kernel_size)),
-        in(Random(channels * frames)),
+        kernel(Random(static_cast<size_t>(channels * (channels / groups) * kernel_size), 1)),
+        in(Random(static_cast<size_t>(channels * frames), 2)),
         out(in.size()) {}
-
-  static std::vector<float> Random(int count) {
-    std::mt19937 engine(1);
-    std::uniform_real_distribution<float> value(-1.0F, 1.0F);
-    std::vector<float> values(static_cast<size_t>(count));
-    for (float& v : values) v = value(engine);
-    return values;
-  }
 
   double Operations() const { return 2.0 * frames * channels * (channels / groups) * kernel_size; }
 };
@@ -67,15 +62,10 @@ void PlainConvolve(Problem& p) {
   }
 }
 
-std::unique_ptr<Conv1d> LayerFor(const Problem& p) {
-  auto layer = std::make_unique<Conv1d>(p.channels, p.channels);
-  const int32_t half = p.kernel_size / 2;
-  const int32_t fields[] = {p.kernel_size, 1, half, half, 1, p.groups, 0};
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::tmpfile(), std::fclose);
-  std::fwrite(fields, sizeof(fields), 1, file.get());
-  std::fwrite(p.kernel.data(), sizeof(float), p.kernel.size(), file.get());
-  std::rewind(file.get());
-  return layer->ReadData(file.get()) ? std::move(layer) : nullptr;
+Layer LayerFor(const Problem& p) {
+  const int half = p.kernel_size / 2;
+  const Shape shape = {p.channels, p.channels, p.kernel_size, 1, half, half, 1, p.groups, false};
+  return ReadLayer(Component1d(0x307, p.channels, p.channels, ConvBlock(shape, {p.kernel, {}})));
 }
 
 void Report(benchmark::State& state, const Problem& p) {
@@ -91,8 +81,7 @@ Problem ProblemOf(const benchmark::State& state) {
 
 void BM_ConvLayer(benchmark::State& state) {
   Problem p = ProblemOf(state);
-  const std::unique_ptr<Conv1d> layer = LayerFor(p);
-  if (layer == nullptr) return state.SkipWithError("the layer could not be read");
+  const Layer layer = LayerFor(p);
   for (auto _ : state) {
     layer->PropagateFnc(p.in.data(), p.frames, p.channels, p.out.data(), 1);
     benchmark::ClobberMemory();

@@ -5,8 +5,8 @@
 #include <random>
 #include <vector>
 
+#include "bench/plain-search.h"
 #include "ctc/beam-search.h"
-#include "tests/support/plain-search.h"
 
 namespace {
 

@@ -3,18 +3,22 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <random>
 #include <vector>
 
 #include <cblas.h>
 
+#include "bench/plain-kernels.h"
 #include "nnet/dense/highway.h"
 #include "nnet/dense/normalisation.h"
 #include "nnet/recurrent/gru.h"
-#include "utils/fast-math.h"
+#include "tests/support/model-builder.h"
 
 namespace {
 
+using handwriting::tests::PlainLayerNorm;
+using handwriting::tests::PlainSigmoid;
+using handwriting::tests::PlainTanh;
+using handwriting::tests::Random;
 using tarev::nnet::handwriting_CTC::Component;
 using tarev::nnet::handwriting_CTC::Gru;
 using tarev::nnet::handwriting_CTC::Highway;
@@ -26,25 +30,17 @@ constexpr int kFrames = 128;
 constexpr int kDim = 256;
 constexpr std::size_t kFloats = std::size_t{kFrames} * kDim;
 
-std::vector<float> Random(std::size_t count, float range) {
-  std::mt19937 engine(1);
-  std::uniform_real_distribution<float> value(-range, range);
-  std::vector<float> values(count);
-  for (float& v : values) v = value(engine);
-  return values;
-}
-
 void FillParameters(Component& layer) {
   std::uint64_t bytes = 0;
   for (const ParameterRef& parameter : layer.MutableParameters()) {
     parameter.array->Allocate(parameter.rows, parameter.cols, bytes);
-    std::ranges::copy(Random(parameter.count(), 0.1F), parameter.array->data());
+    std::ranges::copy(Random(parameter.count(), 1, 0.1F), parameter.array->data());
   }
 }
 
 void RunFrames(benchmark::State& state, Component& layer) {
   const int frames = static_cast<int>(state.range(0));
-  const std::vector<float> in = Random(kFloats, 1.0F);
+  const std::vector<float> in = Random(kFloats, 1, 1.0F);
   std::vector<float> out(kFloats);
   int width = kDim;
   layer.Reserve(frames);
@@ -56,31 +52,6 @@ void RunFrames(benchmark::State& state, Component& layer) {
 }
 
 // The yardsticks: each layer step by step in its obvious form.
-
-float PlainSigmoid(float x) {
-  const float e = fast_math::fast_exp(x > 0.0F ? x : -x);
-  return x > 0.0F ? 1.0F / (1.0F + e) : e / (1.0F + e);
-}
-
-float PlainTanh(float x) {
-  const float e = fast_math::fast_exp(x > 0.0F ? x : -x);
-  return x > 0.0F ? 2.0F / (e * e + 1.0F) - 1.0F : 1.0F - 2.0F / (e * e + 1.0F);
-}
-
-void PlainLayerNorm(const float* x, const float* gamma, const float* beta, float* y) {
-  double sum = 0.0;
-  double squares = 0.0;
-  for (int j = 0; j < kDim; ++j) {
-    const double value = x[j];
-    sum += value;
-    squares += value * value;
-  }
-  const double mean = sum / kDim;
-  const double deviation = std::sqrt(squares / (kDim - 1) - kDim * (mean * mean) / (kDim - 1));
-  for (int j = 0; j < kDim; ++j) {
-    y[j] = static_cast<float>((x[j] - mean) * gamma[j] / (1e-5 + deviation) + beta[j]);
-  }
-}
 
 // One frame of a GRU after its input product.
 void PlainGruFrame(const Gru& gru, float* gate, float* hidden, float* scratch) {
@@ -114,12 +85,12 @@ void BM_LayerNorm(benchmark::State& state) {
 BENCHMARK(BM_LayerNorm)->Arg(1)->Arg(kFrames);
 
 void BM_PlainLayerNorm(benchmark::State& state) {
-  const std::vector<float> in = Random(kFloats, 1.0F);
-  const std::vector<float> parameters = Random(2 * kDim, 0.1F);
+  const std::vector<float> in = Random(kFloats, 1, 1.0F);
+  const std::vector<float> parameters = Random(2 * kDim, 1, 0.1F);
   std::vector<float> out(kFloats);
   for (auto _ : state) {
     for (std::size_t start = 0; start < std::size_t(state.range(0)) * kDim; start += kDim) {
-      PlainLayerNorm(&in[start], parameters.data(), &parameters[kDim], &out[start]);
+      PlainLayerNorm(&in[start], kDim, parameters.data(), &parameters[kDim], 1e-5F, &out[start]);
     }
     benchmark::DoNotOptimize(out.data());
     benchmark::ClobberMemory();
@@ -146,7 +117,7 @@ void BM_PlainGru(benchmark::State& state) {
   layer.cell_dim = kDim;
   FillParameters(layer);
   const int frames = static_cast<int>(state.range(0));
-  const std::vector<float> in = Random(kFloats, 1.0F);
+  const std::vector<float> in = Random(kFloats, 1, 1.0F);
   std::vector<float> gates(3 * kFloats);
   std::vector<float> out(kFloats);
   std::vector<float> hidden(kDim);

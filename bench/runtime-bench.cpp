@@ -10,16 +10,20 @@
 
 #include <cblas.h>
 
+#include "bench/plain-kernels.h"
 #include "nnet/base/element-kernels.h"
 #include "nnet/runtime/nnet-nnet.h"
 #include "tests/support/model-builder.h"
-#include "utils/fast-math.h"
 
 namespace {
 
 using handwriting::tests::Bytes;
 using handwriting::tests::Component1d;
 using handwriting::tests::Model;
+using handwriting::tests::PlainLogSoftmax;
+using handwriting::tests::PlainSigmoid;
+using handwriting::tests::PlainSoftmax;
+using handwriting::tests::PlainTanh;
 using handwriting::tests::Random;
 using Floats = std::vector<float>;
 
@@ -29,22 +33,6 @@ namespace runtime = tarev::nnet::handwriting_CTC;
   openblas_set_num_threads(1);
   return true;
 }();
-
-float PlainExp(float t) { return fast_math::ExpOrLimits(t); }
-
-float PlainSigmoid(float x) {
-  const float c = fast_math::kExpScale;
-  if (x > 0.0F) return 1.0F / (1.0F + PlainExp(fast_math::kExpBias - x * c));
-  const float e = PlainExp(x * c + fast_math::kExpBias);
-  return e / (1.0F + e);
-}
-
-float PlainTanh(float x) {
-  const float c = fast_math::kExpScale;
-  const float e = PlainExp(x > 0.0F ? fast_math::kExpBias - x * c : x * c + fast_math::kExpBias);
-  const float q = 2.0F / (e * e + 1.0F);
-  return x > 0.0F ? q - 1.0F : 1.0F - q;
-}
 
 void PlainProduct(const Floats& in, const Floats& weights, const Floats& bias, int frames, int dim,
                   Floats& out) {
@@ -198,24 +186,6 @@ void RunKernel(benchmark::State& state, Kernel kernel) {
 template <float (*kFunction)(float)>
 void PlainElements(const float* in, size_t rows, size_t cols, float* out) {
   for (size_t i = 0; i < rows * cols; ++i) out[i] = kFunction(in[i]);
-}
-
-void PlainSoftmax(const float* in, size_t rows, size_t cols, float* out) {
-  for (size_t r = 0; r < rows; ++r, in += cols, out += cols) {
-    float max = in[0];
-    for (size_t c = 1; c < cols; ++c) max = in[c] > max ? in[c] : max;
-    float sum = 0.0F;
-    for (size_t c = 0; c < cols; ++c) {
-      out[c] = PlainExp((in[c] - max) * fast_math::kExpScale + fast_math::kExpBias);
-      sum += out[c];
-    }
-    cblas_sscal(static_cast<int>(cols), 1.0F / sum, out, 1);
-  }
-}
-
-void PlainLogSoftmax(const float* in, size_t rows, size_t cols, float* out) {
-  PlainSoftmax(in, rows, cols, out);
-  for (size_t i = 0; i < rows * cols; ++i) out[i] = fast_math::FastLog(out[i]);
 }
 
 #define KERNEL_BENCH(name, kernel, rows, cols) \

@@ -1,18 +1,13 @@
 // Positional encoding and the transformer blocks, against their definition in double precision.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <numeric>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "nnet/attention/decoder-layer.h"
 #include "nnet/attention/positional-encoding.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {
@@ -93,7 +88,7 @@ struct Block {
     return Component1d(type, d, d, block);
   }
 
-  // The residual sums behind the attentions replace `x`; `memory` is of use to a decoder only.
+  // The residual sums after the attentions replace `x`; `memory` is of use to a decoder only.
   Rows operator()(Rows& x, const Rows& memory = {}) const {
     const auto h = static_cast<size_t>(heads);
     const bool decodes = type == 0x10a;
@@ -249,18 +244,6 @@ TEST(Attention, ResetAndFixedFormGoByEveryNestedLayer) {
   }
 }
 
-TEST(Attention, RunsInANetwork) {
-  const Bytes block = Block(0x109, 4, 2, 6).Component();
-  const Bytes encoding = Component1d(0x108, 4, 4);
-  Model model(Network({encoding, block, block}));
-  const Floats in = Random(20, 5);
-  Floats rows = in;
-  for (const Bytes& bytes : {encoding, block, block})
-    rows = RunLayer(*ReadLayer(bytes), rows, 5, 4);
-  EXPECT_EQ(model.Call(in, 5, 4), rows);
-  EXPECT_EQ(model.Call(in, 5, 4), rows);
-}
-
 TEST(Attention, NestedLayersThatCannotServeAreRefused) {
   const std::string same = "<AffineTransform> 2 2 [ 1 0 0 1 ] [ 0 0 ]\n";
   const std::string wide = "<AffineTransform> 3 2 [ 1 0 0 1 0 0 ] [ 0 0 0 ]\n";
@@ -286,9 +269,9 @@ TEST(Attention, NestedLayersThatCannotServeAreRefused) {
       {encoder + windows, "layer[<SlidingWindowComponent>]"},
       {decoder + "<ReLU2d> 1 1 <InputDim> 2 <OutputDim> 2\n", "layer[<ReLU2d>]"}};
   for (const auto& [text, reason] : cases) {
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!") << text;
-    const std::string log = ::testing::internal::GetCapturedStderr();
+    const std::string log = PrintedBy([&, &t = text] {
+      EXPECT_EQ(ThrownBy([&] { ReadTextLayer(t); }), "read component failed!") << t;
+    });
     const char* source = text[1] == 'E' ? "encoder-layer" : "decoder-layer";
     EXPECT_NE(log.find(source), std::string::npos) << log;
     EXPECT_NE(log.find(reason), std::string::npos) << reason << " in " << log;

@@ -1,14 +1,9 @@
-#include <gtest/gtest.h>
 
-#include <cstdint>
 #include <limits>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "nnet/flow/nnet-control-flow.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {
@@ -131,7 +126,7 @@ TEST(Concatenate, RefusesPartsThatDoNotFit) {
        few + "[a] [3 < 4]"},
       {Network({Register(1, "all"), Register(1, "x", "1"), Concatenate(1, 2, {"all", "x"})}),
        few + "[x] [1 < 3]"},
-      // A register behind its reader still holds what the call before brought.
+      // A register after its reader still holds what the call before brought.
       {Network({Concatenate(1, 2, {"r"}, {0}), View(2, 1), Register(1, "r")}), few + "[r] [0 < 3]"},
       {Network({Register(1, "a"), Register(2, "a")}),
        "insert register failed! maybe register name is duplicated [a]"},
@@ -297,7 +292,7 @@ TEST(Transpose, FollowsTheFramesOfEveryCall) {
 
 // Files.
 
-// Without a whole mark behind the name the register is one of the older form.
+// Without a whole mark after the name the register is one of the older form.
 TEST(ControlFlowFile, PrefixesOfAnIndexedRegister) {
   const std::string bytes = Register(2, "last", "-1").str();
   const Layer layer = ReadTextLayer("<RegisterComponent> 2 2 <RegisterName> last <SliceIndex> -1");

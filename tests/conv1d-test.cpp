@@ -1,22 +1,16 @@
 #include "nnet/convolution/conv1d.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <initializer_list>
 #include <iterator>
 #include <limits>
 #include <numeric>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "nnet/base/element-kernels.h"
 #include "nnet/stream_nnet/convolution.h"
 #include "tests/support/conv1d-sample.h"
+#include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
@@ -201,7 +195,7 @@ TEST(ConvTranspose1d, IsTheAdjointOfTheConvolution) {
 
 TEST(ConvTranspose1d, DoublesAndFillsWithTheBias) {
   const std::tuple<Shape, Weights, Floats> cases[] = {
-      // Frame 0 puts 2 and 3 behind the cropped 1, frame 1 adds 10, 20, 30 two frames later.
+      // Frame 0 puts 2 and 3 after the cropped 1, frame 1 adds 10, 20, 30 two frames later.
       {{1, 1, 3, 2, 1, 1, 1, 1, true, 1}, {{1, 2, 3}, {-1}}, {1, 12, 19, 29}},
       {{1, 1, 1, 3, 0, 0, 1, 1, true, 2}, {{2}, {0.5F}}, {2.5F, 0.5F, 0.5F, 20.5F, 0.5F, 0.5F}}};
   for (const auto& [s, weights, wanted] : cases) {

@@ -1,15 +1,10 @@
 #include "nnet/convolution/convolution.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdint>
 #include <limits>
-#include <string>
-#include <utility>
-#include <vector>
+#include <tuple>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
@@ -153,19 +148,6 @@ TEST(SimpleConvolutions, RefuseWidthsThatDoNotFit) {
             "mismatched widths! layer[<SimpleDeconv2d1x3s2>] input [0] output [4294967294]");
 }
 
-TEST(SimpleConvolutions, RunThroughAnExecutor) {
-  const Planes s = {2, 3, 6, 4};
-  const Planes middle = {3, 1, 3, 4};
-  const Weights down = RandomWeights(s, 3);
-  const Weights up = RandomWeights(middle, 4);
-  Model model(Network({SimpleFile(0x305, s, down),
-                       Component2d(0x306, 3, 1, 0, 0, Bytes().Floats(up.kernel).Floats(up.bias))}));
-  const Floats in = RandomInput(s, 5);
-  ExpectSameBits(model.Call(in, 4, 6, 2), PlainDouble(middle, up, PlainHalve(s, down, in, 3)));
-  EXPECT_EQ(model.forward->OutputShape().dim, 6);
-  EXPECT_EQ(model.forward->OutputShape().channels, 1);
-}
-
 // What is stored only.
 
 Bytes Conv2dFile(int in_channels, int out_channels, int groups, int height = 2, int width = 3) {
@@ -186,25 +168,21 @@ Bytes Composite(int code, std::initializer_list<Bytes> components) {
 }
 
 TEST(StoredConvolutions, DoNotRunAndCountWhatTheyHold) {
-  const struct {
-    Bytes bytes;
-    const char* marker;
-    uint64_t parameters, norms;
-  } files[] = {
+  const std::tuple<Bytes, const char*, uint64_t, uint64_t> files[] = {
       {kConv, "<Conv2d>", 12, 0},
       {Composite(0x302, {kConv, kNorm, kPRelu}), "<ConvBN2d>", 12 + 8 + 1, 1},
       {Composite(0x303, {kConv, kNorm, kPRelu, kConv, kNorm, kPRelu}), "<ConvDW2d>", 42, 2},
       {Composite(0x304, {kConv, kPRelu, kConv}), "<SeperableConv2d>", 25, 0}};
-  for (const auto& file : files) {
-    SCOPED_TRACE(file.marker);
-    const Layer layer = ReadLayer(file.bytes);
-    EXPECT_EQ(layer->ParameterCount(), file.parameters);
-    EXPECT_GE(layer->MemoryBytes(), 12U * 4 + file.norms * ReadLayer(kNorm)->MemoryBytes());
+  for (const auto& [bytes, marker, parameters, norms] : files) {
+    SCOPED_TRACE(marker);
+    const Layer layer = ReadLayer(bytes);
+    EXPECT_EQ(layer->ParameterCount(), parameters);
+    EXPECT_GE(layer->MemoryBytes(), 12U * 4 + norms * ReadLayer(kNorm)->MemoryBytes());
     // The fixed-point code makes the same class, which says the same.
     const Layer again = ReadLayer(FixedWrittenBy(*layer));
     for (runtime::Component* refusing : {layer.get(), again.get()}) {
       EXPECT_EQ(ThrownBy([&] { RunLayer(*refusing, {}, 1, 9); }),
-                "propagate function of [" + std::string(file.marker) + "] is not implemented!");
+                "propagate function of [" + std::string(marker) + "] is not implemented!");
     }
   }
 }
@@ -218,16 +196,6 @@ TEST(StoredConvolutions, RefuseShapesWithoutMeaning) {
         SimpleFile(0x305, {-1, 1, 1, 1}, {}), SimpleFile(0x306, {1, -1, 1, 1}, {}),
         Component2d(0x301, 1 << 16, 1 << 16, 0, 0, wrapping)}) {
     EXPECT_EQ(ThrownBy([&] { ReadLayer(bytes); }), "read component failed!");
-  }
-}
-
-// A composite may hold composites, but no file may exhaust the stack.
-TEST(StoredConvolutions, NestingIsBounded) {
-  for (const auto& [levels, wanted] :
-       {std::pair{15, "fread failed!"}, {100000, "components nested too deeply! [16]"}}) {
-    Bytes bytes;
-    for (int i = 0; i < levels; ++i) bytes.Add(Component2d(0x304, 1, 1, 0, 0));
-    EXPECT_EQ(ThrownBy([&] { ReadLayer(bytes); }), wanted);
   }
 }
 

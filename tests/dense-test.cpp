@@ -1,15 +1,13 @@
-// Affine, linear and embedding layers in both stored forms, the 8-bit blocks, and the activations.
+// Affine, linear, embedding and highway layers, the 8-bit blocks, and the activations.
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <vector>
 
 #include "nnet/contract/parameter-block.h"
 #include "nnet/dense/activation.h"
 #include "nnet/dense/affine.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {
@@ -24,8 +22,7 @@ TEST(Dense, HandWorkedRows) {
   const std::pair<Bytes, Floats> cases[] = {
       {Affine(2, 3, {10, 20, 30}, kWeights), {11, 23, 35, 9, 19, 29}},
       {Component1d(0x101, 2, 3, Bytes().Floats(kWeights)), {1, 3, 5, -1, -1, -1}},
-      {Component1d(0x10b, 2, 3, Bytes().Float(2).Floats(kWeights)), {2, 6, 10, -2, -2, -2}},
-  };
+      {Component1d(0x10b, 2, 3, Bytes().Float(2).Floats(kWeights)), {2, 6, 10, -2, -2, -2}}};
   for (const auto& [component, out] : cases) {
     const Layer layer = ReadLayer(component);
     EXPECT_EQ(RunLayer(*layer, Floats(kRows), 2, 2), out);
@@ -72,21 +69,17 @@ FloatArray ArrayOf(const Floats& values) {
 }
 
 TEST(FixedBlocks, SymmetricEncoding) {
-  const struct {
-    Floats values;
-    Bytes bytes;
-  } cases[] = {
+  const std::pair<Floats, Bytes> cases[] = {
       {{1.0F, -0.5F, 0.25F}, Bytes().Float(127).Codes({127, -64, 32})},
       {{0.5F, -1.0F}, Bytes().Float(127).Codes({64, -127})},
       {{0.0F, -0.0F}, Bytes().Float(1).Codes({0, 0})},
       {{}, Bytes().Float(1)},
-      {{NAN, 2.0F}, Bytes().Float(63.5F).Codes({0, 127})},
-  };
-  for (const auto& c : cases) {
-    FloatArray array = ArrayOf(c.values);
-    const ParameterRef ref = Vector("values", array, static_cast<int64_t>(c.values.size()));
+      {{NAN, 2.0F}, Bytes().Float(63.5F).Codes({0, 127})}};
+  for (const auto& [values, bytes] : cases) {
+    FloatArray array = ArrayOf(values);
+    const ParameterRef ref = Vector("values", array, static_cast<int64_t>(values.size()));
     EXPECT_EQ(Written([&](FILE* fp) { return WriteCodeBlock(fp, ref, CodeForm::kSymmetric); }),
-              c.bytes.str());
+              bytes.str());
   }
 }
 
@@ -108,8 +101,7 @@ TEST(FixedBlocks, AsymmetricEncoding) {
       {{-2.0F, -2.0F}, 2, Bytes().Float(63.5F).Int(-127).Floats({0, 0}).Codes({0, 0})},
       {{far, far + 256.0F},
        0,
-       Bytes().Float(255.0F / 256.0F).Int(std::numeric_limits<int32_t>::max()).Codes({255, 255})},
-  };
+       Bytes().Float(255.0F / 256.0F).Int(std::numeric_limits<int32_t>::max()).Codes({255, 255})}};
   for (const auto& c : cases) {
     FloatArray array = ArrayOf(c.values);
     const auto count = static_cast<int64_t>(c.values.size());
@@ -171,10 +163,10 @@ TEST(FixedDense, FloatTwinWritesWhatItReads) {
 }
 
 TEST(FixedDense, TextFormDerivesTheScale) {
-  const Layer layer = ReadTextLayer("<FixedLinearTransform> 1 2 [ 0.3 -2 ]");
+  const Layer layer = ReadTextLayer("<FixedLinearTransform> 1 2 stray [ 0.3 -2 ]");
   EXPECT_EQ(dynamic_cast<FixedLinearTransform&>(*layer).block_scales[0].scale, 63.5F);
   EXPECT_EQ(RunLayer(*layer, {10, 1}, 1, 2), Floats({10 * 0.3F - 2}));
-  const Layer embedding = ReadTextLayer("<FixedEmbedding> 1 1 <Scale> 3\n[ 2 ]");
+  const Layer embedding = ReadTextLayer("<FixedEmbedding> 1 1 <Scale> 3\nstray [ 2 ]");
   EXPECT_EQ(RunLayer(*embedding, {1}, 1, 1), Floats({6}));
 }
 
@@ -215,6 +207,78 @@ TEST(Activations, ChannelLayersAdoptTheCallersWidth) {
   EXPECT_FALSE(layer->input_dim_set);
   EXPECT_EQ(RunLayer(*layer, {1, -2, 3, -4, 5, -6}, 1, 2), Floats({1, 0, 3, 0, 5, 0}));
   EXPECT_EQ(layer->OutputDim(), 2);
+}
+
+// The highway layer.
+
+constexpr int kHighway = 0x10f;
+
+struct HighwaySample {
+  explicit HighwaySample(size_t n)
+      : arrays{Random(n * n, 70), Random(n * n, 71), Random(n, 72), Random(n, 73)} {}
+
+  Bytes Block() const {
+    Bytes block;
+    for (const Floats& array : arrays) block.Floats(array);
+    return block;
+  }
+  Bytes Component() const {
+    const int n = static_cast<int>(arrays[2].size());
+    return Component1d(kHighway, n, n, Block());
+  }
+  // Row j of weights x + bias in double precision.
+  double Affine(size_t which, size_t j, const float* x) const {
+    const size_t n = arrays[2].size();
+    double sum = arrays[which + 2][j];
+    for (size_t k = 0; k < n; ++k) sum += double{arrays[which][j * n + k]} * x[k];
+    return sum;
+  }
+
+  Floats arrays[4];
+};
+
+TEST(Highway, AgreesWithDoublePrecision) {
+  for (const size_t n : {1, 3, 16, 37}) {
+    const HighwaySample sample(n);
+    const Layer layer = ReadLayer(sample.Component());
+    for (const size_t frames : {1, 2, 19}) {
+      const Floats in = Random(frames * n, 74);
+      const Floats out =
+          RunLayer(*layer, Floats(in), static_cast<int64_t>(frames), static_cast<int>(n));
+      ASSERT_EQ(out.size(), in.size());
+      for (size_t i = 0; i < in.size(); ++i) {
+        const float* x = &in[i / n * n];
+        const double h = std::max(0.0, sample.Affine(0, i % n, x));
+        const double g = 1.0 / (1.0 + std::exp(-sample.Affine(1, i % n, x)));
+        ASSERT_NEAR(out[i], h * g + in[i] * (1.0 - g), 1e-4) << n << " " << frames << " " << i;
+      }
+    }
+    EXPECT_EQ(layer->MemoryBytes(), 4 * (2 * n * n + 2 * n + 2 * 19 * n));
+  }
+}
+
+TEST(Highway, StoredForms) {
+  const HighwaySample sample(3);
+  const Bytes component = sample.Component();
+  const Layer layer = ReadLayer(component);
+  EXPECT_FALSE(layer->HasFixedForm());
+  // The fixed-point code reads the same float block.
+  const Layer twin = ReadLayer(Component1d(0x80f, 3, 3, sample.Block()));
+  EXPECT_EQ(WrittenBy(*twin), component.str());
+
+  const Layer small = ReadLayer(Component1d(kHighway, 1, 1, Bytes().Floats({0.5F, 0, -2, 4})));
+  Bytes codes = Bytes().Float(254).Byte(127).Float(1).Byte(0);
+  codes.Float(63.5F).Byte(-127).Float(31.75F).Byte(127);
+  EXPECT_EQ(FixedWrittenBy(*small), Component1d(kHighway, 1, 1, codes).str());
+
+  for (const auto& [in, out] : {std::pair{3, 2}, {-1, -1}, {1 << 20, 1 << 20}}) {
+    EXPECT_EQ(ThrownBy([&] { ReadLayer(Component1d(kHighway, in, out, sample.Block())); }),
+              "read component failed!");
+  }
+  EXPECT_EQ(ThrownBy([] { ReadTextLayer("<Highway> 3 2 [ 1 ]"); }), "read component failed!");
+  const Layer unset = ReadLayer(Component1d(kHighway, 0, 0));
+  EXPECT_EQ(ThrownBy([&] { RunLayer(*unset, {1}, 1, 1); }),
+            "mismatched input dimension! layer[<Highway>] [0] vs [1]");
 }
 
 }  // namespace

@@ -1,14 +1,11 @@
 // The executor: buffers, links, shapes that only show at run time, and what a hostile file may
 // claim.
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <tuple>
 
 #include "nnet/runtime/nnet-nnet.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {
@@ -18,17 +15,13 @@ using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-name
 TEST(Executor, OneTwoAndManyLayersLeaveTheResultInOnePlace) {
   const Bytes twice = Affine(2, 2, {0, 0}, {2, 0, 0, 2});
   const Bytes swap = Affine(2, 2, {1, 0}, {0, 1, 1, 0});
-  const struct {
-    Bytes network;
-    Floats out;
-  } cases[] = {
+  const std::pair<Bytes, Floats> cases[] = {
       {Network({twice}), {2, 4, -6, 8}},
       {Network({twice, swap}), {5, 2, 9, -6}},
-      {Network({swap, twice, Component1d(0x203, 2, 2)}), {6, 2, 10, 0}},
-  };
-  for (const auto& c : cases) {
-    Model model(c.network);
-    EXPECT_EQ(model.Call({1, 2, -3, 4}, 2, 2), c.out);
+      {Network({swap, twice, Component1d(0x203, 2, 2)}), {6, 2, 10, 0}}};
+  for (const auto& [network, out] : cases) {
+    Model model(network);
+    EXPECT_EQ(model.Call({1, 2, -3, 4}, 2, 2), out);
     EXPECT_EQ(model.forward->OutputFrames(), 2);
     EXPECT_EQ(model.forward->InputDim(), 2);
     EXPECT_EQ(model.forward->OutputDim(), 2);
@@ -81,24 +74,22 @@ TEST(Executor, CountsCallsSinceTheLastReset) {
 }
 
 TEST(Executor, NetworksThatCannotBeBuilt) {
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ThrownBy([] { NnetForward forward(nullptr); }), "Wrong parameter(s)!");
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(log.starts_with("[nnet-nnet:")) << log;
-  EXPECT_TRUE(
-      log.ends_with("] Wrong parameter(s) to [NnetForward], condition [nnet == __null]. \n"))
-      << log;
   Nnet empty;
-  EXPECT_EQ(ThrownBy([&] { NnetForward forward(&empty); }), "Wrong parameter(s)!");
+  for (const auto& [nnet, condition] : {std::pair<Nnet*, const char*>{nullptr, "nnet == __null"},
+                                        {&empty, "nnet->layers.empty()"}}) {
+    const std::string log = PrintedBy([n = nnet] {
+      EXPECT_EQ(ThrownBy([n] { NnetForward forward(n); }), "Wrong parameter(s)!");
+    });
+    EXPECT_TRUE(log.starts_with("[nnet-nnet:")) << log;
+    EXPECT_TRUE(log.ends_with(std::string("] Wrong parameter(s) to [NnetForward], condition [") +
+                              condition + "]. \n"))
+        << log;
+  }
 }
 
 // Headers that do not fit together are refused at the layer that would read too much.
 TEST(Executor, ALayerMustFindAllTheInputThatItReads) {
-  const struct {
-    Bytes network;
-    int dim;
-    const char* message;
-  } cases[] = {
+  const std::tuple<Bytes, int, const char*> cases[] = {
       {Network({Component1d(0x202, 2, 2), Affine(3, 1, {0}, {1, 1, 1})}), 2,
        "mismatched input dimension! layer[<AffineTransform>] [3] vs [2]"},
       {Network({Component1d(0x202, 2, 2)}), 3,
@@ -112,11 +103,10 @@ TEST(Executor, ALayerMustFindAllTheInputThatItReads) {
        "channels x 2 x 4 frames = 0]"},
       {Network({Component2d(0x206, 5, 5, 2, 2)}), 2,
        "too little input! layer[<ReLU2d>] position[0] reads [40] floats, given [1 channels x 2 x 4 "
-       "frames = 8]"},
-  };
-  for (const auto& c : cases) {
-    Model model(c.network);
-    EXPECT_EQ(ThrownBy([&] { model.Call(Floats(12), 4, c.dim); }), c.message);
+       "frames = 8]"}};
+  for (const auto& [network, dim, message] : cases) {
+    Model model(network);
+    EXPECT_EQ(ThrownBy([&] { model.Call(Floats(12), 4, dim); }), message);
   }
 }
 
@@ -142,23 +132,21 @@ TEST(Executor, AClaimedWidthBeyondWhatIsWrittenReadsAsZeros) {
 
 TEST(Executor, SizesBeyondTheLimitsAreRefused) {
   // What is reserved ahead is a hint: the call itself says what does not fit.
-  Model wide(Network({Component1d(0x704, 1, 0x7fffffff, Bytes().Int(1))}));
-  wide.forward->ReserveFrames(2);
-  EXPECT_NE(ThrownBy([&] {
-              wide.Call({1, 1}, 2, 1);
-            }).find("frame buffer too large!"),
+  Model wide(Network({Component1d(0x704, 1, (1 << 29) + 1, Bytes().Int(1))}));
+  wide.forward->ReserveFrames(1);
+  EXPECT_NE(ThrownBy([&] { wide.Call({1}, 1, 1); }).find("frame buffer too large!"),
             std::string::npos);
   Model narrow(Network({Component1d(0x203, 1, 1)}));
   narrow.forward->ReserveFrames(int64_t{1} << 40);
   EXPECT_EQ(narrow.Call({-1, 1}, 2, 1), Floats({0, 1}));
-  // A transposed convolution whose stride makes millions of frames out of two.
-  Model stretched(Network({Component1d(
-      0x308, 1, 1,
-      Bytes().Int(1).Int(2'000'000).Int(0).Int(0).Int(0).Int(1).Int(1).Int(0).Float(1))}));
-  EXPECT_EQ(ThrownBy([&] {
-              stretched.Call({1, 1}, 2, 1);
-            }),
-            "too many frames! layer[<ConvTranspose1d>] position[0] [2000001 > 1048576]");
+  // Transposed convolutions whose strides make too many frames of a short call, or of a long one.
+  for (const auto& [frames, stride, message] :
+       {std::tuple{2, 2'000'000, "[2000001 > 1048576]"}, {2048, 1025, "[2098176 > 2097152]"}}) {
+    Model stretched(
+        Network({Component1d(0x308, 1, 1, Bytes().Ints({1, stride, 0, 0, 0, 1, 1, 0}).Float(1))}));
+    EXPECT_EQ(ThrownBy([&, n = frames] { stretched.Call(Floats(ToSize(n)), n, 1); }),
+              std::string("too many frames! layer[<ConvTranspose1d>] position[0] ") + message);
+  }
 }
 
 }  // namespace

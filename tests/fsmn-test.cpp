@@ -1,15 +1,11 @@
 // The sequential memory block, alone and in chains through the executor.
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <limits>
-#include <string>
-#include <utility>
-#include <vector>
+#include <tuple>
 
 #include "nnet/attention/fsmn-layer.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 
 namespace handwriting::tests {
@@ -55,19 +51,16 @@ Floats Direct(const Taps& taps, int dim, const Floats& in, Floats& memory, const
 }
 
 TEST(Fsmn, HandWorkedSums) {
-  const struct {
-    const char* text;
-    Floats in, out;
-  } cases[] = {
+  const std::tuple<const char*, Floats, Floats> cases[] = {
       {"<Fsmn> 1 1 <LearnRateCoef> 0.5 <LOrder> 1 <ROrder> 1 <Stride> 2\nstray [ 1\n10\n100 ]",
        {1, 2, 3, 4, 5, 6},
        {534, 646}},
       {"<Fsmn> 1 1 <LOrder> 0 <ROrder> 1 <Stride> 3\n[ 0 1 ]", {1, 2, 3, 4}, {5}},
       {"<Fsmn> 1 1 <LOrder> 2 <ROrder> 0 <Stride> 0\n[ 1 2 3 ]", {1, 2}, {7, 14}}};
-  for (const auto& c : cases) {
-    const Layer layer = ReadTextLayer(c.text);
-    const auto frames = static_cast<int64_t>(c.in.size()) / layer->input_dim;
-    EXPECT_EQ(RunLayer(*layer, Floats(c.in), frames, layer->input_dim), c.out) << c.text;
+  for (const auto& [text, in, out] : cases) {
+    const Layer layer = ReadTextLayer(text);
+    const auto frames = static_cast<int64_t>(in.size()) / layer->input_dim;
+    EXPECT_EQ(RunLayer(*layer, Floats(in), frames, layer->input_dim), out) << text;
     EXPECT_TRUE(layer->Links().empty());
   }
 }
@@ -102,10 +95,9 @@ TEST(Fsmn, ChainsAddTheMemoryOfTheBlockTheyDependOn) {
       // An offset of 0 is a dependency too.
       {{{2, 0, 1, 0, 1}, {0, 2, 1, -1, 2}}, {-1, 0}}};
   for (const auto& c : cases) {
-    Bytes bytes;
-    bytes.Raw(static_cast<uint32_t>(c.blocks.size()));
-    for (const Taps& taps : c.blocks) bytes.Add(taps.Component(kDim));
-    Model model(bytes);
+    std::vector<Bytes> components;
+    for (const Taps& taps : c.blocks) components.push_back(taps.Component(kDim));
+    Model model(Network(components));
     for (const size_t frames : {size_t{40}, size_t{23}}) {
       const Floats in = Random(frames * kDim, 5);
       Floats rows = in;
@@ -170,10 +162,9 @@ TEST(Fsmn, BlocksThatCannotRunAreRefused) {
               "read component failed!")
         << left << " " << right << " " << stride << " " << depend;
   }
-  ::testing::internal::CaptureStderr();
   const char* text = "<Fsmn> 1 1 <LOrder> 0 <ROrder> 0 <Stride> 1 <Depend> 1\n[ 1 ]";
-  EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!");
-  const std::string log = ::testing::internal::GetCapturedStderr();
+  const std::string log = PrintedBy(
+      [&] { EXPECT_EQ(ThrownBy([&] { ReadTextLayer(text); }), "read component failed!"); });
   EXPECT_NE(log.find("fsmn-layer"), std::string::npos);
   EXPECT_NE(log.find("Fsmn layer _depend must <= 0!"), std::string::npos);
 }

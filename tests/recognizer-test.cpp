@@ -1,17 +1,13 @@
 // The three exported functions, called through the shared library.
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-#include <memory>
-#include <string>
+#include <algorithm>
+#include <functional>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 #include "api/handwriting_forward.h"
 #include "ctc/beam-search.h"
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {
@@ -26,9 +22,8 @@ class Recognizer {
  public:
   Recognizer(const Bytes& model, int max_frames, int nbest) : nbest_(nbest) {
     const File file = FileOf(model);
-    testing::internal::CaptureStderr();
-    instance_ = handwriting_forward_create(file.get(), max_frames, nbest);
-    printed = testing::internal::GetCapturedStderr();
+    printed =
+        PrintedBy([&] { instance_ = handwriting_forward_create(file.get(), max_frames, nbest); });
     position = std::ftell(file.get());
   }
   ~Recognizer() { handwriting_forward_destory(instance_); }
@@ -40,11 +35,11 @@ class Recognizer {
   Result Process(Floats features, int frames, int dim) {
     std::vector<int> output(static_cast<size_t>(nbest_ * frames));
     std::vector<int> len(static_cast<size_t>(nbest_));
-    testing::internal::CaptureStderr();
     Result result;
-    result.count = handwriting_forward_process(instance_, features.data(), frames, dim,
-                                               output.data(), len.data());
-    result.printed = testing::internal::GetCapturedStderr();
+    result.printed = PrintedBy([&] {
+      result.count = handwriting_forward_process(instance_, features.data(), frames, dim,
+                                                 output.data(), len.data());
+    });
     auto next = output.begin();
     for (int k = 0; k < result.count; ++k) {
       result.sequences.emplace_back(next, next + len[static_cast<size_t>(k)]);
@@ -92,7 +87,10 @@ TEST(Recognizer, TwoSmallNetworksWorkedByHand) {
 // Scores from the second network reach the decoder row by row whatever the chunks are.
 TEST(Recognizer, EveryLengthGivesTheDecodersOwnResult) {
   constexpr int kClasses = 5;
-  Recognizer recognizer(TwoNetworks(Network({Identity(kClasses)}), Network({Identity(kClasses)})),
+  // A convolution of one tap, which refuses a call without frames, and weights of 1.
+  const Bytes tap = Bytes().Ints({1, 1, 0, 0, 1, kClasses, 0}).Floats(Floats(kClasses, 1.0F));
+  Recognizer recognizer(TwoNetworks(Network({Identity(kClasses)}),
+                                    Network({Component1d(0x307, kClasses, kClasses, tap)})),
                         16, 4);
   ASSERT_TRUE(recognizer);
   for (const int frames : {1, 15, 16, 17, 31, 32, 33, 100}) {
@@ -127,10 +125,7 @@ TEST(Recognizer, NoResultDependsOnAnEarlierInput) {
 
 TEST(Recognizer, CreationRefusesWhatItCannotUse) {
   const Bytes one = Network({Identity(2)});
-  const struct {
-    Bytes model;
-    const char* message;
-  } cases[] = {
+  const std::pair<Bytes, const char*> cases[] = {
       {one, ">>] Failed to read nnet.\n"},
       {Bytes(), ">>] Failed to read nnet.\n"},
       {TwoNetworks(one, Network({})), ">>] Wrong parameter(s)!\n"},
@@ -139,71 +134,65 @@ TEST(Recognizer, CreationRefusesWhatItCannotUse) {
       {TwoNetworks(one, Network({Component1d(0x202, 2, -2)})),
        ">>] "},  // no decoder for -2 classes
   };
-  for (const auto& c : cases) {
-    Recognizer recognizer(c.model, 10, 2);
+  for (const auto& [model, message] : cases) {
+    Recognizer recognizer(model, 10, 2);
     EXPECT_FALSE(recognizer);
     const size_t at = recognizer.printed.rfind("WARNING * [handwriting_forward:");
     ASSERT_NE(at, std::string::npos) << recognizer.printed;
     EXPECT_NE(recognizer.printed.find("<<handwriting_forward_create", at), std::string::npos);
-    EXPECT_NE(recognizer.printed.find(c.message, at), std::string::npos) << recognizer.printed;
+    EXPECT_NE(recognizer.printed.find(message, at), std::string::npos) << recognizer.printed;
   }
   const std::string whole =
       TwoNetworks(one, Network({Component1d(0x205, 2, 2, Bytes().Float(1))})).str();
   for (size_t size = 0; size < whole.size(); ++size) {
     const File file = FileOf(whole.substr(0, size));
-    testing::internal::CaptureStderr();
-    ASSERT_EQ(handwriting_forward_create(file.get(), 4, 1), nullptr) << size;
-    testing::internal::GetCapturedStderr();
+    PrintedBy([&] { ASSERT_EQ(handwriting_forward_create(file.get(), 4, 1), nullptr) << size; });
   }
 }
 
 TEST(Recognizer, ArgumentsAreCheckedFirst) {
-  const File file = FileOf(Bytes());
-  const Floats feature(4);
+  Floats feature(4);
   int output[4];
   int len[4];
   const File model = FileOf(TwoNetworks(Network({Identity(2)}), Network({Identity(2)})));
   void* instance = handwriting_forward_create(model.get(), 2, 2);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(handwriting_forward_create(nullptr, 1, 1), nullptr);
-  EXPECT_EQ(handwriting_forward_create(file.get(), 0, 1), nullptr);
-  EXPECT_EQ(handwriting_forward_create(file.get(), 1, -1), nullptr);
-  const auto process = [&](void* i, const float* f, int n, int d, int* o, int* l) {
-    return handwriting_forward_process(i, f, n, d, o, l);
+  const auto create = [](FILE* fp, int frames, int nbest) {
+    return handwriting_forward_create(fp, frames, nbest) == nullptr;
   };
-  EXPECT_EQ(process(nullptr, feature.data(), 1, 2, output, len), -1);
-  EXPECT_EQ(process(instance, nullptr, 1, 2, output, len), -1);
-  EXPECT_EQ(process(instance, feature.data(), 0, 2, output, len), -1);
-  EXPECT_EQ(process(instance, feature.data(), 1, 0, output, len), -1);
-  EXPECT_EQ(process(instance, feature.data(), 1, 2, nullptr, len), -1);
-  EXPECT_EQ(process(instance, feature.data(), 1, 2, output, nullptr), -1);
+  const auto process = [&](void* i, const float* f, int n, int d, int* o, int* l) {
+    return handwriting_forward_process(i, f, n, d, o, l) == -1;
+  };
+  const std::string create_line =
+      "<<handwriting_forward_create>>] Wrong parameter(s) to [handwriting_forward_create], "
+      "condition [fp == __null || max_frame_num <= 0 || nbest <= 0]. \n";
+  const std::string process_line =
+      "<<handwriting_forward_process>>] Wrong parameter(s) to [handwriting_forward_process], "
+      "condition [instance == __null || feature == __null || frame_num <= 0 || input_dim <= 0 || "
+      "output == __null || len == __null]. \n";
+  const std::pair<const std::string&, std::function<bool()>> cases[] = {
+      {create_line, [&] { return create(nullptr, 1, 1); }},
+      {create_line, [&] { return create(model.get(), 0, 1); }},
+      {create_line, [&] { return create(model.get(), 1, -1); }},
+      {process_line, [&] { return process(nullptr, feature.data(), 1, 2, output, len); }},
+      {process_line, [&] { return process(instance, nullptr, 1, 2, output, len); }},
+      {process_line, [&] { return process(instance, feature.data(), 0, 2, output, len); }},
+      {process_line, [&] { return process(instance, feature.data(), 1, 0, output, len); }},
+      {process_line, [&] { return process(instance, feature.data(), 1, 2, nullptr, len); }},
+      {process_line, [&] { return process(instance, feature.data(), 1, 2, output, nullptr); }}};
+  for (const auto& [line, fails] : cases) {
+    const std::string printed = PrintedBy([&, &f = fails] { EXPECT_TRUE(f()); });
+    EXPECT_TRUE(printed.ends_with(line)) << printed;
+    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1);
+  }
   handwriting_forward_destory(nullptr);
   handwriting_forward_destory(instance);
-  const std::string printed = testing::internal::GetCapturedStderr();
-  size_t lines = 0;
-  for (size_t at = 0; (at = printed.find("] Wrong parameter(s) to [", at)) != std::string::npos;
-       ++at) {
-    ++lines;
-  }
-  EXPECT_EQ(lines, 9U);
-  EXPECT_NE(printed.find("<<handwriting_forward_create>>] Wrong parameter(s) to "
-                         "[handwriting_forward_create], condition [fp == __null || max_frame_num "
-                         "<= 0 || nbest <= 0]. \n"),
-            std::string::npos);
-  EXPECT_NE(printed.find("condition [instance == __null || feature == __null || frame_num <= 0 || "
-                         "input_dim <= 0 || output == __null || len == __null]. \n"),
-            std::string::npos);
 }
 
 TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
   const Bytes identity = Network({Identity(2)});
   const Bytes first_frame = Network({Component1d(0x706, 2, 2, Bytes().String("0"))});
   const Bytes claims = Network({Component2d(0x206, 1, 3, 2, 2)});
-  const struct {
-    Bytes model;
-    int dim;
-    const char* message;
-  } cases[] = {
+  const std::tuple<Bytes, int, const char*> cases[] = {
       {TwoNetworks(identity, identity), 5,
        "mismatched input dimension! layer[<AffineTransform>] [2] vs [5]\n"},
       {TwoNetworks(identity, Network({Identity(3)})), 2,
@@ -213,14 +202,14 @@ TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
       {TwoNetworks(identity, first_frame), 2,
        "mismatched output frames! second network [1] vs [3]\n"},
       {TwoNetworks(claims, identity), 2, "mismatched output channels! first network [3] vs [1]\n"},
-      {TwoNetworks(identity, claims), 2, "mismatched output channels! second network [3] vs [1]\n"},
-  };
-  for (const auto& c : cases) {
-    Recognizer recognizer(c.model, 3, 2);
+      {TwoNetworks(identity, claims), 2,
+       "mismatched output channels! second network [3] vs [1]\n"}};
+  for (const auto& [model, dim, message] : cases) {
+    Recognizer recognizer(model, 3, 2);
     ASSERT_TRUE(recognizer) << recognizer.printed;
-    const Result result = recognizer.Process(Floats(15), 3, c.dim);
+    const Result result = recognizer.Process(Floats(15), 3, dim);
     EXPECT_EQ(result.count, -1);
-    EXPECT_TRUE(result.printed.ends_with(c.message)) << result.printed;
+    EXPECT_TRUE(result.printed.ends_with(message)) << result.printed;
     EXPECT_NE(result.printed.find("<<handwriting_forward_process>>] "), std::string::npos);
   }
 }

@@ -2,17 +2,13 @@
 
 #include "nnet/flow/statistics.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cmath>
 #include <limits>
 #include <numeric>
-#include <string>
-#include <utility>
-#include <vector>
+#include <tuple>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {
@@ -95,52 +91,39 @@ TEST(Statistics, PoolingGivesMeansAndDeviations) {
   }
 }
 
-// Runs a network of one sliding window on frames 0, 1, 2, … of one value through calls of the given
-// sizes, the last one marked when `marked` is set, and joins what comes out.
-Floats Slide(Model& model, const std::vector<int>& calls, bool marked) {
-  Floats joined;
-  int at = 0;
-  for (size_t i = 0; i < calls.size(); ++i) {
-    Floats in(static_cast<size_t>(calls[i]));
-    std::iota(in.begin(), in.end(), static_cast<float>(at));
-    const bool last = marked && i + 1 == calls.size();
-    model.forward->Propagate(in.data(), calls[i], 1, last ? -1 : static_cast<int>(i + 1));
-    const float* out = model.forward->Output();
-    joined.insert(joined.end(), out, out + model.forward->OutputFrames());
-    at += calls[i];
-  }
-  return joined;
+// Runs a network of one sliding window on frames 0, 1, 2, … of one value in calls of these sizes.
+Floats Slide(Model& model, const std::vector<int64_t>& calls, bool marked) {
+  Floats in(ToSize(std::accumulate(calls.begin(), calls.end(), int64_t{0})));
+  std::iota(in.begin(), in.end(), 0.0F);
+  return model.Chunks(in, 1, calls, marked).frames;
 }
 
 TEST(Statistics, WindowsComeOutOnceHoweverTheStreamIsCut) {
-  const struct {
-    int window, hop, mode, frames;
-    bool marked;
-    Floats out;
-  } cases[] = {{4, 2, 0, 9, false, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7}},
-               {4, 2, 0, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 6, 7, 8}},
-               {4, 2, 1, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 5, 6, 7, 8}},
-               {4, 3, 1, 8, true, {0, 1, 2, 3, 3, 4, 5, 6, 4, 5, 6, 7}},
-               {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
-               {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
-               {4, 2, 0, 3, true, {0, 1, 2}},
-               {4, 2, 1, 3, true, {0, 1, 2}},
-               {4, 2, 1, 3, false, {}},
-               {4, 1, 0, 1, true, {0}},
-               {4, 4, 1, 5, true, {0, 1, 2, 3, 1, 2, 3, 4}},
-               {1, 1, 0, 3, true, {0, 1, 2}},
-               {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}}};
-  for (const auto& c : cases) {
-    Model model(Network({Windows(c.window, c.hop, c.mode)}));
-    EXPECT_EQ(Slide(model, {c.frames}, c.marked), c.out);
+  const std::tuple<int, int, int, int, bool, Floats> cases[] = {
+      {4, 2, 0, 9, false, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7}},
+      {4, 2, 0, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 6, 7, 8}},
+      {4, 2, 1, 9, true, {0, 1, 2, 3, 2, 3, 4, 5, 4, 5, 6, 7, 5, 6, 7, 8}},
+      {4, 3, 1, 8, true, {0, 1, 2, 3, 3, 4, 5, 6, 4, 5, 6, 7}},
+      {3, 3, 0, 7, true, {0, 1, 2, 3, 4, 5, 6}},
+      {3, 3, 1, 7, true, {0, 1, 2, 3, 4, 5, 4, 5, 6}},
+      {4, 2, 0, 3, true, {0, 1, 2}},
+      {4, 2, 1, 3, true, {0, 1, 2}},
+      {4, 2, 1, 3, false, {}},
+      {4, 1, 0, 1, true, {0}},
+      {4, 4, 1, 5, true, {0, 1, 2, 3, 1, 2, 3, 4}},
+      {1, 1, 0, 3, true, {0, 1, 2}},
+      {5, 1, 1, 6, true, {0, 1, 2, 3, 4, 1, 2, 3, 4, 5}}};
+  for (const auto& [window, hop, mode, frames, marked, out] : cases) {
+    Model model(Network({Windows(window, hop, mode)}));
+    EXPECT_EQ(Slide(model, {frames}, marked), out);
     // Every cut into two calls. With the whole stream in the first call the last one holds only
     // frames that windows have had, so it may not be empty.
-    for (int cut = 0; cut < c.frames; ++cut) {
+    for (int cut = 0; cut < frames; ++cut) {
       model.forward->Reset();
-      EXPECT_EQ(Slide(model, {cut, c.frames - cut}, c.marked), c.out) << "cut at " << cut;
+      EXPECT_EQ(Slide(model, {cut, frames - cut}, marked), out) << "cut at " << cut;
     }
     model.forward->Reset();
-    EXPECT_EQ(Slide(model, std::vector(static_cast<size_t>(c.frames), 1), c.marked), c.out);
+    EXPECT_EQ(Slide(model, std::vector<int64_t>(ToSize(frames), 1), marked), out);
   }
 }
 
@@ -199,9 +182,9 @@ TEST(Statistics, BlocksThatCannotRunAreRefused) {
   for (const auto& [component, condition] : wrong) {
     const std::string reason =
         "] Wrong parameter(s) to [feats_win_generator_t], condition [" + condition + "]. \n";
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(ThrownBy([&] { ReadLayer(component); }), "Wrong parameter(s)!");
-    const std::string line = ::testing::internal::GetCapturedStderr();
+    const std::string line = PrintedBy([&, &bytes = component] {
+      EXPECT_EQ(ThrownBy([&] { ReadLayer(bytes); }), "Wrong parameter(s)!");
+    });
     EXPECT_EQ(line.find("[rectify_feats:"), 0U) << line;
     EXPECT_NE(line.find(reason), std::string::npos) << line;
   }
@@ -213,10 +196,10 @@ TEST(Statistics, WindowsWithoutFramesAreRefusedAndLeaveTheStreamAsItWas) {
   const float frame = 1;
   layer->PropagateChunk(&frame, 1, 1, out, 1);
   for (const int64_t frames : {-1, 2}) {
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(ThrownBy([&] { layer->PropagateChunk(nullptr, frames, 1, out, 1); }),
-              "sliding window add data failed!");
-    const std::string line = ::testing::internal::GetCapturedStderr();
+    const std::string line = PrintedBy([&] {
+      EXPECT_EQ(ThrownBy([&] { layer->PropagateChunk(nullptr, frames, 1, out, 1); }),
+                "sliding window add data failed!");
+    });
     const std::string condition =
         frames < 0 ? "feats_fnum < 0" : "feats_fnum > 0 && feats == __null";
     const std::string reason = "Wrong parameter(s) to [add_data], condition [" + condition;

@@ -1,19 +1,14 @@
 // Streaming layers: an input that arrives in chunks gives the frames of the same input in one
 // piece.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdint>
 #include <limits>
-#include <memory>
-#include <random>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "nnet/stream_nnet/convolution.h"
 #include "nnet/stream_nnet/nnet-control-flow.h"
 #include "tests/support/conv1d-sample.h"
+#include "tests/support/expect.h"
 
 namespace handwriting::tests {
 namespace {
@@ -25,10 +20,7 @@ constexpr int kHuge = std::numeric_limits<int32_t>::max();
 // A layer with its code in a network that sees the whole input at once, and its code in one that
 // sees chunks. Both have the same parameter block.
 struct Twin {
-  int whole_code;
-  int stream_code;
-  int in_dim;
-  int out_dim;
+  int whole_code, stream_code, in_dim, out_dim;
   Bytes block;
 };
 using Twins = std::vector<Twin>;
@@ -76,42 +68,18 @@ Bytes StreamLayer(const Twin& twin) {
   return Component1d(twin.stream_code, twin.in_dim, twin.out_dim, twin.block);
 }
 
-enum class Form { kWhole, kStream };
-
-Bytes NetworkOf(const Twins& twins, Form form = Form::kStream) {
-  Bytes network;
-  network.Raw(static_cast<uint32_t>(twins.size()));
+Bytes NetworkOf(const Twins& twins, bool whole = false) {
+  std::vector<Bytes> layers;
   for (const Twin& twin : twins) {
-    network.Add(Component1d(form == Form::kWhole ? twin.whole_code : twin.stream_code, twin.in_dim,
-                            twin.out_dim, twin.block));
+    layers.push_back(Component1d(whole ? twin.whole_code : twin.stream_code, twin.in_dim,
+                                 twin.out_dim, twin.block));
   }
-  return network;
+  return Network(layers);
 }
 
-Floats FramesOf(int dim, int64_t frames, std::mt19937::result_type seed) {
-  return Random(static_cast<size_t>(dim * frames), static_cast<uint32_t>(seed));
-}
-
-// What came out of the calls, joined, and how many frames of it out of each.
-struct Streamed {
-  Floats frames;
-  Counts counts;
-};
-
-Streamed RunChunks(Model& model, const Floats& in, int dim, const Counts& chunks,
-                   bool marked = true) {
-  Streamed result;
-  const float* next = in.data();
-  for (size_t i = 0; i < chunks.size(); ++i) {
-    const int call_id = static_cast<int>(i) + 1;
-    const bool last = marked && i + 1 == chunks.size();
-    model.forward->Propagate(next, chunks[i], dim, last ? -call_id : call_id);
-    next += chunks[i] * dim;
-    const float* out = model.forward->Output();
-    result.frames.insert(result.frames.end(), out, out + model.forward->OutputShape().floats());
-    result.counts.push_back(model.forward->OutputFrames());
-  }
-  return result;
+Model::Streamed RunChunks(Model& model, const Floats& in, int dim, const Counts& chunks,
+                          bool marked = true) {
+  return model.Chunks(in, dim, chunks, marked);
 }
 
 // Sizes from 0 to 7 that add up to `frames`, the last one also 0 now and then.
@@ -125,23 +93,17 @@ Counts RandomChunks(int64_t frames, std::mt19937& engine) {
   return chunks;
 }
 
-std::string ListOf(const Counts& counts) {
-  std::string text;
-  for (const int64_t count : counts) text += std::to_string(count) + " ";
-  return text;
-}
-
 enum class Equality { kBits, kRounding };
 
 // The promise of all streaming layers.
 void ExpectSameFramesInChunks(const Twins& twins, int64_t least_frames, Equality equality) {
-  Model whole(NetworkOf(twins, Form::kWhole));
+  Model whole(NetworkOf(twins, true));
   Model stream(NetworkOf(twins));
   const int dim = twins.front().in_dim;
   std::mt19937 engine(7);
   for (int round = 0; round < 12; ++round) {
     const int64_t frames = least_frames + engine() % 30;
-    const Floats in = FramesOf(dim, frames, engine());
+    const Floats in = Random(runtime::ToSize(dim * frames), static_cast<uint32_t>(engine()));
     whole.forward->Reset();
     const Floats wanted = RunChunks(whole, in, dim, {frames}).frames;
     // An input that is broken off leaves nothing behind.
@@ -149,7 +111,8 @@ void ExpectSameFramesInChunks(const Twins& twins, int64_t least_frames, Equality
     RunChunks(stream, in, dim, {std::min<int64_t>(frames, engine() % 8)}, false);
     stream.forward->Reset();
     const Counts chunks = RandomChunks(frames, engine);
-    SCOPED_TRACE(ListOf({twins.front().stream_code}) + "in chunks " + ListOf(chunks));
+    SCOPED_TRACE(testing::PrintToString(twins.front().stream_code) + " " +
+                 testing::PrintToString(chunks));
     const Floats got = RunChunks(stream, in, dim, chunks).frames;
     equality == Equality::kBits ? ExpectSameBits(got, wanted) : ExpectNear(got, wanted, 1e-5);
     if (testing::Test::HasFatalFailure()) return;
@@ -219,7 +182,7 @@ TEST(Stream, ChainsGiveTheFramesOfTheWholeInput) {
 // The order of each sum: input channels, then taps.
 TEST(Stream, ConvolutionSumsChannelsFirst) {
   const Shape s = {3, 4, 3, 2, 1, 2, 2};
-  const Floats in = FramesOf(3, 21, 3);
+  const Floats in = Random(runtime::ToSize(3 * 21), 3);
   Model model(NetworkOf({Conv(s)}));
   ExpectSameBits(RunChunks(model, in, 3, {5, 0, 9, 7}).frames,
                  PlainConv(s, WeightsOf(s), in, 21, Order::kChannelsFirst));
@@ -231,12 +194,7 @@ Twin Slice(const std::string& text, int dim = 1) {
 
 // The frames out of every call; the last call is marked as the end or is not.
 TEST(Stream, FramesComeOutAsSoonAsTheyAreKnown) {
-  const struct {
-    Twin twin;
-    Counts chunks;
-    bool marked;
-    Counts counts;
-  } cases[] = {
+  const std::tuple<Twin, Counts, bool, Counts> cases[] = {
       {Conv({1, 1, 3, 1, 1, 1}), {4, 4, 4}, true, {3, 4, 5}},
       {Conv({1, 1, 3, 1, 1, 1}), {4, 4, 4}, false, {3, 4, 4}},
       {Conv({1, 1, 1, 2}), {3, 3, 1, 0, 1}, true, {2, 1, 1, 0, 0}},
@@ -251,29 +209,26 @@ TEST(Stream, FramesComeOutAsSoonAsTheyAreKnown) {
       {Reflection(1, 0, 2), {1, 3, 0}, true, {1, 3, 2}},
       {Constant(1, 2, 1, 0), {2, 0, 3}, true, {4, 0, 4}},
       {Constant(1, 2, 1, 0), {0, 2, 3}, false, {2, 2, 3}},
-      {Slice("3"), {2, 2, 2}, false, {0, 1, 2}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(ListOf({c.twin.stream_code}) + "in chunks " + ListOf(c.chunks));
-    Model model(NetworkOf({c.twin}));
+      {Slice("3"), {2, 2, 2}, false, {0, 1, 2}}};
+  for (const auto& [twin, chunks, marked, counts] : cases) {
+    SCOPED_TRACE(testing::PrintToString(twin.stream_code) + testing::PrintToString(chunks));
+    Model model(NetworkOf({twin}));
     for (int input = 0; input < 2; ++input) {
       model.forward->Reset();
-      EXPECT_EQ(RunChunks(model, Floats(12), 1, c.chunks, c.marked).counts, c.counts);
+      EXPECT_EQ(RunChunks(model, Floats(12), 1, chunks, marked).counts, counts);
     }
   }
 }
 
 TEST(Stream, SliceDropsTheFirstFrames) {
-  const struct {
-    const char* text;
-    size_t dropped;
-  } cases[] = {{"3", 3},   {"", 0},   {"2:5,7", 2}, {"-3", 0},    {"1-", 0},
-               {"a4b", 4}, {",9", 0}, {":5", 0},    {" 1 2", 12}, {"99999999999", 20}};
-  const Floats in = FramesOf(1, 20, 1);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    Model model(NetworkOf({Slice(c.text)}));
-    const Floats wanted(in.begin() + static_cast<ptrdiff_t>(c.dropped), in.end());
+  const std::pair<const char*, size_t> cases[] = {
+      {"3", 3},   {"", 0},   {"2:5,7", 2}, {"-3", 0},    {"1-", 0},
+      {"a4b", 4}, {",9", 0}, {":5", 0},    {" 1 2", 12}, {"99999999999", 20}};
+  const Floats in = Random(runtime::ToSize(1 * 20), 1);
+  for (const auto& [text, dropped] : cases) {
+    SCOPED_TRACE(text);
+    Model model(NetworkOf({Slice(text)}));
+    const Floats wanted(in.begin() + static_cast<ptrdiff_t>(dropped), in.end());
     for (const Counts& chunks : {Counts{20}, Counts{1, 0, 3, 16}}) {
       model.forward->Reset();
       EXPECT_EQ(RunChunks(model, in, 1, chunks).frames, wanted);
@@ -286,11 +241,7 @@ TEST(Stream, TooShortInputsAreRefused) {
   const std::string transposed =
       "too few input frames! [frames:1, padding:1,2, output_padding:0, kernel_size:2, dilation:1]";
   const Twin cut = Transposed({1, 1, 2, 1, 1, 2});
-  const struct {
-    Twin twin;
-    Counts chunks;
-    std::string message;
-  } cases[] = {
+  const std::tuple<Twin, Counts, std::string> cases[] = {
       {Reflection(1, 2, 1), {2}, reflection},
       {Reflection(1, 2, 1), {1, 1, 0}, reflection},
       {Reflection(1, 0, 2), {1, 1}, "too few input frames! [frames:2, padding:0,2]"},
@@ -300,14 +251,13 @@ TEST(Stream, TooShortInputsAreRefused) {
       {cut, {1, 1, 1}, ""},
       {cut, {0}, ""},
       {Conv({1, 1, 3}), {1, 1}, ""},
-      {Pool({1, 1, 3}), {1, 1}, ""},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(ListOf({c.twin.stream_code}) + "in chunks " + ListOf(c.chunks));
-    Model model(NetworkOf({c.twin}));
+      {Pool({1, 1, 3}), {1, 1}, ""}};
+  for (const auto& [twin, chunks, message] : cases) {
+    SCOPED_TRACE(testing::PrintToString(twin.stream_code) + testing::PrintToString(chunks));
+    Model model(NetworkOf({twin}));
     // A reset makes the layer ready again, and as strict as before.
     for (int input = 0; input < 2; ++input) {
-      EXPECT_EQ(ThrownBy([&] { RunChunks(model, Floats(8), 1, c.chunks); }), c.message);
+      EXPECT_EQ(ThrownBy([&] { RunChunks(model, Floats(8), 1, chunks); }), message);
       model.forward->Reset();
       EXPECT_EQ(ThrownBy([&] { RunChunks(model, Floats(8), 1, {8}); }), "");
       model.forward->Reset();
@@ -321,7 +271,7 @@ TEST(Stream, BuffersAreSizedOnce) {
   for (const Twin& twin :
        {Conv(s), Transposed(s), Pool(s), Register("a", 3), Reflection(3, 6, 9)}) {
     Model model(NetworkOf({twin}));
-    const Floats in = FramesOf(3, 60, 1);
+    const Floats in = Random(runtime::ToSize(3 * 60), 1);
     RunChunks(model, in, 3, {10}, false);
     const uint64_t sized = model.nnet.layers[0]->MemoryBytes();
     RunChunks(model, in, 3, {10, 3, 0, 10, 10, 1, 7}, true);
@@ -335,7 +285,7 @@ TEST(Stream, ConcatenationWaitsForItsSlowestPart) {
   const Twins twins = {Register("a", 1), Conv({1, 1, 2}), Register("b", 1), Pool({1, 1, 1}),
                        Join({"a", "b"}, {1}, 1)};
   Model model(NetworkOf(twins));
-  const Streamed result = RunChunks(model, {1, 2, 3, 4, 5, 6}, 1, {4, 0, 1, 1});
+  const Model::Streamed result = RunChunks(model, {1, 2, 3, 4, 5, 6}, 1, {4, 0, 1, 1});
   EXPECT_EQ(result.counts, Counts({3, 0, 1, 1}));
   ASSERT_EQ(result.frames.size(), 15U);
   for (size_t t = 0; t < 5; ++t) {
@@ -360,23 +310,19 @@ TEST(Stream, NetworksThatCannotBeLinkedAreRefused) {
   narrow.out_dim = 3;
   Twin wide = Join({"a"}, {}, 3);
   wide.out_dim = 2;
-  const struct {
-    Twins twins;
-    std::string message;
-  } cases[] = {
+  const std::pair<Twins, std::string> cases[] = {
       {{Register("a", 2), Register("a", 2)},
        "insert stream_register failed! maybe stream_register name is duplicated [a]"},
       {{Register("b", 2), join}, "cannot find register with name [a]"},
       {{Register("a", 2), narrow}, "mismatched concentrate dimension! [4 != 3]"},
       {{Register("a", 2), wide}, "mismatched concentrate dimension! [2 != 3]"},
-      {{join, Register("a", 2)}, "cannot find register with name [a]"},
-  };
-  for (const auto& c : cases) {
+      {{join, Register("a", 2)}, "cannot find register with name [a]"}};
+  for (const auto& [twins, message] : cases) {
     const auto run = [&] {
-      Model model(NetworkOf(c.twins));
+      Model model(NetworkOf(twins));
       RunChunks(model, {1, 2}, 2, {1});
     };
-    EXPECT_EQ(ThrownBy(run), c.message);
+    EXPECT_EQ(ThrownBy(run), message);
   }
   const Layer lonely = ReadLayer(StreamLayer(join));
   const std::string unlinked = ThrownBy([&] { RunLayer(*lonely, {1, 2}, 1, 2); });

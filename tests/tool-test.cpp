@@ -1,21 +1,22 @@
 // Runs the tool that was built, in a folder of its own, and looks at its exit status, what it
 // prints and the files that it leaves.
 
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
+#include <limits>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "tools/npy.h"
 
 namespace handwriting::tools {
@@ -114,32 +115,25 @@ TEST_F(ToolTest, WrongCommandLinesAreRefused) {
 }
 
 TEST_F(ToolTest, HelpNamesEveryOption) {
-  const struct {
-    const char* command;
-    std::vector<const char*> words;
-  } cases[] = {
+  const std::pair<const char*, std::vector<const char*>> cases[] = {
       {"", {"inspect", "convert", "forward", "recognize", "Exit status"}},
       {"inspect", {"MODEL", "--json"}},
       {"convert", {"IN", "OUT", "--fixed"}},
       {"forward", {"MODEL", "FEATURES", "OUT", "--network", "--chunk", "--mark-last"}},
-      {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}},
-  };
-  for (const auto& c : cases) {
-    const Outcome outcome = Run(std::string(c.command) + " --help");
+      {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}}};
+  for (const auto& [command, words] : cases) {
+    const Outcome outcome = Run(std::string(command) + " --help");
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.err, "");
-    for (const char* word : c.words) {
-      EXPECT_NE(outcome.out.find(word), std::string::npos) << c.command << " " << word;
+    for (const char* word : words) {
+      EXPECT_NE(outcome.out.find(word), std::string::npos) << command << " " << word;
     }
   }
 }
 
 TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
   const std::string network = Network({kSum, kHalf}).str();
-  const struct {
-    std::string bytes;
-    const char* message;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"", "the file holds no network"},
       {network.substr(0, 3), "network 1: the file ends inside the number of layers"},
       {network.substr(0, 20),
@@ -152,14 +146,13 @@ TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
       {" \n<Sigmoid> 3 3\n", "network 1: the file ends before </Nnet>"},
       {"<Nnet> <Sigmoid> 3 3 </Nnet> <Nope\x1b> 3 3 </Nnet>",
        "network 2: layer 0: unknown or unimplemented nnet layer! [<Nope?>]"},
-      {std::string(4004, '\0'), "more than 1000 networks"},
-  };
-  for (const auto& c : cases) {
-    Store("model.bin", c.bytes);
+      {std::string(4004, '\0'), "more than 1000 networks"}};
+  for (const auto& [bytes, message] : cases) {
+    Store("model.bin", bytes);
     const Outcome outcome = Run("convert model.bin out.bin");
-    EXPECT_EQ(outcome.status, 1) << c.message;
-    EXPECT_EQ(outcome.err, std::string("handwriting: model.bin: ") + c.message + "\n");
-    EXPECT_FALSE(std::filesystem::exists(Path("out.bin"))) << c.message;
+    EXPECT_EQ(outcome.status, 1) << message;
+    EXPECT_EQ(outcome.err, std::string("handwriting: model.bin: ") + message + "\n");
+    EXPECT_FALSE(std::filesystem::exists(Path("out.bin"))) << message;
   }
   EXPECT_EQ(Run("inspect absent.bin").err, "handwriting: absent.bin: No such file or directory\n");
   EXPECT_EQ(Run("inspect .").err, "handwriting: .: Is a directory\n");
@@ -255,52 +248,42 @@ TEST_F(ToolTest, ForwardJoinsTheOutputOfItsCalls) {
 TEST_F(ToolTest, ForwardMarksTheLastCallOnly) {
   // Windows of 2 frames, 2 apart; a window that is not full comes out only at the end of the input.
   Store("model.bin", Network({Component1d(kSlidingWindow, 1, 1, Bytes().Int(2).Int(2).Int(0))}));
-  const struct {
-    const char* calls;
-    size_t frames;
-    std::vector<float> out;
-  } cases[] = {
+  const std::tuple<const char*, size_t, std::vector<float>> cases[] = {
       {"", 3, {0, 1}},
       {"--mark-last", 3, {0, 1, 2}},
       {"--chunk 1", 5, {0, 1, 2, 3}},
       {"--chunk 1 --mark-last", 5, {0, 1, 2, 3, 4}},
       {"--chunk 4 --mark-last", 5, {0, 1, 2, 3, 4}},
-      {"--chunk 1", 1, {}},
-  };
-  for (const auto& c : cases) {
-    Matrix in{{c.frames, 1}, {}};
-    for (size_t i = 0; i < c.frames; ++i) in.values.push_back(static_cast<float>(i));
+      {"--chunk 1", 1, {}}};
+  for (const auto& [calls, frames, out] : cases) {
+    Matrix in{{frames, 1}, {}};
+    for (size_t i = 0; i < frames; ++i) in.values.push_back(static_cast<float>(i));
     WriteNpy(Path("in.npy"), in);
-    EXPECT_EQ(Run(std::string("forward model.bin in.npy out.npy ") + c.calls).status, 0);
-    EXPECT_EQ(ReadNpy(Path("out.npy")).shape, (std::vector<size_t>{c.out.size(), 1})) << c.calls;
-    EXPECT_EQ(ReadNpy(Path("out.npy")).values, c.out) << c.calls;
+    EXPECT_EQ(Run(std::string("forward model.bin in.npy out.npy ") + calls).status, 0);
+    EXPECT_EQ(ReadNpy(Path("out.npy")).shape, (std::vector<size_t>{out.size(), 1})) << calls;
+    EXPECT_EQ(ReadNpy(Path("out.npy")).values, out) << calls;
   }
 }
 
 TEST_F(ToolTest, ForwardRefusesFeaturesOfAnotherShape) {
   Store("model.bin", Bytes().Add(Network({kSum})).Add(Network({kPlanes})).Add(Network({})));
-  const struct {
-    const char* network;
-    std::vector<size_t> shape;
-    const char* message;
-  } cases[] = {
+  const std::tuple<const char*, std::vector<size_t>, const char*> cases[] = {
       {"1", {1, 3, 2}, "in.npy: 1 x 3 x 2 found, frames x dim wanted"},
       {"1",
        {3, 4},
        "model.bin: network 1: mismatched input dimension! layer[<AffineTransform>] [2] vs [4]"},
       {"2", {3, 2}, "in.npy: 3 x 2 found, channels x frames x dim with 2 channels wanted"},
       {"2", {3, 3, 2}, "in.npy: 3 x 3 x 2 found, channels x frames x dim with 2 channels wanted"},
-      {"3", {3, 2}, "model.bin: network 3: it has no layers"},
-  };
-  for (const auto& c : cases) {
+      {"3", {3, 2}, "model.bin: network 3: it has no layers"}};
+  for (const auto& [network, shape, message] : cases) {
     size_t count = 1;
-    for (const size_t size : c.shape) count *= size;
-    WriteNpy(Path("in.npy"), {c.shape, std::vector<float>(count)});
+    for (const size_t size : shape) count *= size;
+    WriteNpy(Path("in.npy"), {shape, std::vector<float>(count)});
     Store("out.npy", "kept");
     const Outcome outcome =
-        Run(std::string("forward model.bin in.npy out.npy --network ") + c.network);
-    EXPECT_EQ(outcome.status, 1) << c.message;
-    EXPECT_EQ(outcome.err, std::string("handwriting: ") + c.message + "\n");
+        Run(std::string("forward model.bin in.npy out.npy --network ") + network);
+    EXPECT_EQ(outcome.status, 1) << message;
+    EXPECT_EQ(outcome.err, std::string("handwriting: ") + message + "\n");
     EXPECT_EQ(Contents("out.npy"), "kept");
   }
   EXPECT_EQ(TemporaryFiles(), 0);
@@ -357,11 +340,7 @@ TEST_F(RecognizeTest, PrintsSequencesBestFirst) {
 
 TEST_F(RecognizeTest, AFileThatFailsIsReportedAndTheRestGoOn) {
   Store("labels.txt", "blank\none\n");
-  const struct {
-    const char* arguments;
-    const char* out;
-    const char* last_error;
-  } cases[] = {
+  const std::array<const char*, 3> cases[] = {
       {"wide.npy b.npy", "b.npy\n\t2 1\n",
        "handwriting: wide.npy: mismatched input dimension! layer[<AffineTransform>] [3] vs [4]\n"},
       {"absent.npy b.npy --json",
@@ -369,13 +348,12 @@ TEST_F(RecognizeTest, AFileThatFailsIsReportedAndTheRestGoOn) {
        "{\"file\":\"b.npy\",\"sequences\":[[2,1]]}\n",
        "handwriting: absent.npy: No such file or directory\n"},
       {"b.npy --labels labels.txt", "",
-       "handwriting: b.npy: class 2 found, the label file names 2\n"},
-  };
-  for (const auto& c : cases) {
-    const Outcome outcome = Run(std::string("recognize model.bin --nbest 1 ") + c.arguments);
-    EXPECT_EQ(outcome.status, 1) << c.arguments;
-    EXPECT_EQ(outcome.out, c.out);
-    EXPECT_TRUE(outcome.err.ends_with(c.last_error)) << outcome.err;
+       "handwriting: b.npy: class 2 found, the label file names 2\n"}};
+  for (const auto& [arguments, out, last_error] : cases) {
+    const Outcome outcome = Run(std::string("recognize model.bin --nbest 1 ") + arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(outcome.out, out);
+    EXPECT_TRUE(outcome.err.ends_with(last_error)) << outcome.err;
   }
 }
 
@@ -383,20 +361,16 @@ TEST_F(RecognizeTest, ModelsAndLabelsThatCannotBeUsedAreRefused) {
   Store("one.bin", Network({kSum}));
   Store("model.txt", "<Sigmoid> 3 3\n</Nnet>\n");
   Store("labels.txt", "blank\n\xff\n");
-  const struct {
-    const char* arguments;
-    const char* message;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"one.bin a.npy", "one.bin: fread failed!"},
       {"model.txt a.npy", "model.txt: text form found, binary form wanted (handwriting convert)"},
       {"model.bin a.npy --labels labels.txt", "labels.txt: line 2 is not UTF-8"},
-      {"model.bin a.npy --labels absent.txt", "absent.txt: No such file or directory"},
-  };
-  for (const auto& c : cases) {
-    const Outcome outcome = Run(std::string("recognize ") + c.arguments);
-    EXPECT_EQ(outcome.status, 1) << c.arguments;
+      {"model.bin a.npy --labels absent.txt", "absent.txt: No such file or directory"}};
+  for (const auto& [arguments, message] : cases) {
+    const Outcome outcome = Run(std::string("recognize ") + arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
     EXPECT_EQ(outcome.out, "");
-    EXPECT_TRUE(outcome.err.ends_with(std::string("handwriting: ") + c.message + "\n"))
+    EXPECT_TRUE(outcome.err.ends_with(std::string("handwriting: ") + message + "\n"))
         << outcome.err;
   }
 }
@@ -409,6 +383,94 @@ TEST_F(RecognizeTest, NamesOnStandardInputAreAnsweredOneByOne) {
       "' recognize model.bin --nbest 1 - >>.out");
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.out, "a.npy\n\t1 2 2\nb.npy\n\t2 1\n");
+}
+
+// Matrices of NumPy.
+
+// A file as another writer might lay it out: no padding after the dictionary.
+std::string NpyBytes(const std::string& dictionary, size_t value_bytes,
+                     const char* version = "\x01") {
+  const char length[] = {static_cast<char>(dictionary.size()), 0};
+  return std::string("\x93NUMPY") + version + std::string(1, '\0') + std::string(length, 2) +
+         dictionary + std::string(value_bytes, '\0');
+}
+
+// The message with which the file is refused; empty if it is not.
+std::string Refusal(const std::string& path) {
+  return tests::ThrownBy([&] { ReadNpy(path); });
+}
+
+class NpyTest : public ToolTest {};
+
+TEST_F(NpyTest, WrittenFilesReadBackBitForBitInTheLayoutOfNumpy) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const std::string path = Path("matrix.npy");
+  for (const Matrix& matrix : {Matrix{{2, 3}, {0.0F, -0.0F, 1.5F, inf, std::nanf("1"), 1e-45F}},
+                               Matrix{{2, 1, 2}, {1.0F, 2.0F, 3.0F, 4.0F}}, Matrix{{0, 8}, {}}}) {
+    WriteNpy(path, matrix);
+    EXPECT_EQ(Contents("matrix.npy").size(), 128 + 4 * matrix.values.size());
+    const Matrix read = ReadNpy(path);
+    EXPECT_EQ(read.shape, matrix.shape);
+    tests::ExpectSameBits(read.values, matrix.values);
+  }
+  EXPECT_EQ(Contents("matrix.npy"),
+            std::string("\x93NUMPY\x01\0v\0", 10) +
+                "{'descr': '<f4', 'fortran_order': False, 'shape': (0, 8), }" +
+                std::string(58, ' ') + "\n");
+}
+
+TEST_F(NpyTest, EveryPrefixAndEveryLongerFileIsRefused) {
+  const std::string path = Path("cut.npy");
+  WriteNpy(path, {{2, 2}, {1.0F, 2.0F, 3.0F, 4.0F}});
+  const std::string bytes = Contents("cut.npy") + '\0';
+  for (size_t size = 0; size <= bytes.size(); ++size) {
+    Store("cut.npy", bytes.substr(0, size));
+    EXPECT_EQ(Refusal(path).starts_with(path + ": "), size + 1 != bytes.size()) << size;
+  }
+}
+
+TEST_F(NpyTest, HeadersOfOtherWritersAreReadOrRefusedWithWhatWasFoundAndIsWanted) {
+  const std::string f4 = "{'descr': '<f4', ", order = "'fortran_order': False, ";
+  const std::string one = "'shape': (1, 1)}", shape = f4 + order + "'shape': ";
+  const std::tuple<std::string, size_t, const char*> cases[] = {
+      {"{'descr': '<f8', " + order + one, 8, "dtype '<f8' found, '<f4' (float32) wanted"},
+      {"{'descr': '>f4', " + order + one, 4, "dtype '>f4' found, '<f4' (float32) wanted"},
+      {f4 + "'fortran_order': True, " + one, 4, "Fortran order found, C order wanted"},
+      {shape + "(1,)}", 4, "shape (1,) found, 2 or 3 dimensions wanted"},
+      {shape + "(1, 1, 1, 1)}", 4, "shape (1, 1, 1, 1) found, 2 or 3 dimensions wanted"},
+      {shape + "(3, 2)}", 16, "16 bytes of values found, float32 (3, 2) wanted"},
+      // 2^62 + 1 rows of 4 floats: the product is 4 once it has wrapped around.
+      {shape + "(4611686018427387905, 4)}", 16,
+       "16 bytes of values found, float32 (4611686018427387905, 4) wanted"},
+      {shape + "(-1, 2)}", 0, "wrong header, a number of elements is missing"},
+      {f4 + one, 4, "wrong header, 'descr', 'fortran_order' and 'shape' wanted"},
+      {f4 + "'descr': '<f4', " + order + one, 4,
+       "wrong header, key 'descr' is unknown or repeated"},
+      {f4 + order + one + " }", 4, "wrong header, end of the header is missing"},
+      {"{'descr': [('x', '<f4')], " + order + one, 4, "wrong header, a string is missing"}};
+  const std::string path = Path("other.npy");
+  for (const auto& [dictionary, value_bytes, message] : cases) {
+    Store("other.npy", NpyBytes(dictionary, value_bytes));
+    EXPECT_EQ(Refusal(path), path + ": " + message);
+  }
+  // Spaces and quotes are free.
+  Store("other.npy", NpyBytes("{\"shape\":(2,1,),'fortran_order':False , 'descr':'<f4'}  \n", 8));
+  EXPECT_EQ(ReadNpy(path).shape, (std::vector<size_t>{2, 1}));
+  Store("other.npy", NpyBytes("{}", 0, "\x02"));
+  EXPECT_EQ(Refusal(path), path + ": format version 2.0 found, 1.0 wanted");
+  EXPECT_EQ(Refusal(Path("absent.npy")), Path("absent.npy") + ": No such file or directory");
+}
+
+TEST_F(NpyTest, AFailedWriteLeavesTheOldFileAndNothingElse) {
+  const std::string path = Path("kept.npy");
+  WriteNpy(path, {{1, 1}, {7.0F}});
+  EXPECT_THROW(WriteNpy(path, {{2, 2}, {1.0F}}), std::runtime_error);
+  EXPECT_THROW(WriteNpy(path, {{1}, {1.0F}}), std::runtime_error);
+  EXPECT_THROW(WriteNpy(folder_.string(), {{1, 1}, {1.0F}}), std::runtime_error);
+  EXPECT_THROW(WriteNpy(Path("absent/x.npy"), {{1, 1}, {1.0F}}), std::runtime_error);
+  EXPECT_EQ(ReadNpy(path).values, std::vector<float>{7.0F});
+  std::filesystem::directory_iterator entries(folder_);
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 #include "utils/utils.h"
 
-#include <gtest/gtest.h>
-
-#include <bit>
 #include <cmath>
-#include <string>
+#include <functional>
+#include <tuple>
 
-#include "tests/support/model-builder.h"
+#include "tests/support/expect.h"
 #include "utils/file-io.h"
 #include "utils/half-float.h"
 #include "utils/messages.h"
@@ -45,33 +43,19 @@ TEST(Tokens, LineTokensAreSeparatedByBlanksOnly) {
 TEST(Arguments, NullStreamsPrintOneLineToStandardError) {
   char token[kTokenSize];
   std::string text;
-  const struct {
-    const char* name;
-    const char* condition;
-    bool failed;
-    std::string printed;
-  } cases[] = {
+  const std::tuple<const char*, const char*, std::function<bool()>> cases[] = {
       {"get_next_token", "fp == __null || token == __null",
-       (testing::internal::CaptureStderr(), get_next_token(static_cast<FILE*>(nullptr), token)) ==
-           -1,
-       testing::internal::GetCapturedStderr()},
+       [&] { return get_next_token(static_cast<FILE*>(nullptr), token) == -1; }},
       {"get_next_token", "line == __null || token == __null",
-       (testing::internal::CaptureStderr(), get_next_token(static_cast<char*>(nullptr), token)) ==
-           nullptr,
-       testing::internal::GetCapturedStderr()},
-      {"fread_string", "fp == __null",
-       (testing::internal::CaptureStderr(), !fread_string(nullptr, text)),
-       testing::internal::GetCapturedStderr()},
-      {"fwrite_string", "fp == __null",
-       (testing::internal::CaptureStderr(), !fwrite_string(nullptr, text)),
-       testing::internal::GetCapturedStderr()},
-  };
-  for (const auto& c : cases) {
-    EXPECT_TRUE(c.failed) << c.name;
-    EXPECT_TRUE(c.printed.starts_with("[utils:")) << c.printed;
-    EXPECT_TRUE(c.printed.ends_with(std::string("] Wrong parameter(s) to [") + c.name +
-                                    "], condition [" + c.condition + "]. \n"))
-        << c.printed;
+       [&] { return get_next_token(static_cast<char*>(nullptr), token) == nullptr; }},
+      {"fread_string", "fp == __null", [&] { return !fread_string(nullptr, text); }},
+      {"fwrite_string", "fp == __null", [&] { return !fwrite_string(nullptr, text); }}};
+  for (const auto& [name, condition, fails] : cases) {
+    const std::string printed = PrintedBy([&, &f = fails] { EXPECT_TRUE(f()); });
+    EXPECT_TRUE(printed.starts_with("[utils:")) << printed;
+    EXPECT_TRUE(printed.ends_with(std::string("] Wrong parameter(s) to [") + name +
+                                  "], condition [" + condition + "]. \n"))
+        << printed;
   }
 }
 
@@ -80,14 +64,12 @@ TEST(Strings, CountsAreCheckedAgainstTheFile) {
     Bytes bytes;
     bool ok;
     const char* text;
-  } cases[] = {
-      {Bytes().String(""), true, ""},
-      {Bytes().String("blue"), true, "blue"},
-      {Bytes().Int(-1), false, ""},
-      {Bytes().Int(0x7fffffff).Byte(1), false, ""},
-      {Bytes().Int(3).Byte('a').Byte('b'), false, ""},
-      {Bytes().Byte(1), false, ""},
-  };
+  } cases[] = {{Bytes().String(""), true, ""},
+               {Bytes().String("blue"), true, "blue"},
+               {Bytes().Int(-1), false, ""},
+               {Bytes().Int(0x7fffffff).Byte(1), false, ""},
+               {Bytes().Int(3).Byte('a').Byte('b'), false, ""},
+               {Bytes().Byte(1), false, ""}};
   for (const auto& c : cases) {
     const File file = FileOf(c.bytes);
     std::string text;
@@ -165,10 +147,7 @@ TEST(Properties, OneLineFillsTheTable) {
 
 TEST(Properties, MalformedListsAreRefused) {
   const std::string too_long(kTokenSize, 'x');
-  const struct {
-    std::string text;
-    const char* message;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"", "wrong property format!"},
       {"<Int>", "wrong property format!"},
       {"<Int>\n5\n", "wrong property format!"},
@@ -178,9 +157,8 @@ TEST(Properties, MalformedListsAreRefused) {
       {"<Int> 1 <" + too_long + " 1", "wrong property format!"},
       {"<Int> 1" + std::string(5000, ' ') + "\n", "wrong property format!"},
       {"<Other> 5\n", "unknown property name! [<Other>]"},
-      {"<Float> 5\n", "necessary property is not set! [<Int>]"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Properties().Read(c.text), c.message) << c.text;
+      {"<Float> 5\n", "necessary property is not set! [<Int>]"}};
+  for (const auto& [text, message] : cases) EXPECT_EQ(Properties().Read(text), message) << text;
 }
 
 TEST(Properties, ATokenThatIsNoNameIsPutBack) {
@@ -218,8 +196,7 @@ TEST(TextMatrix, ShapesAreHeld) {
       {"[ 1 2 3 4 ]", 1, 3, "too many matrix data! [rows:1]", "too many matrix data! [rows:1]"},
       {"[ 1 ]", 3, 0, "too many matrix data! [rows:3]", "too many matrix data! [rows:3]"},
       {"[ 1 2", 1, 2, "wrong matrix format!", "wrong matrix format!"},
-      {"", 1, 2, "wrong matrix format!", "wrong matrix format!"},
-  };
+      {"", 1, 2, "wrong matrix format!", "wrong matrix format!"}};
   for (const auto& c : cases) {
     float values[16] = {};
     const File lenient = FileOf(std::string(c.text));
@@ -286,10 +263,11 @@ TEST(HalfFloat, RoundsToNearestEvenBetweenNeighbours) {
 }
 
 TEST(Messages, ThrownTextIsLoggedWithPlaceAndCut) {
-  testing::internal::CaptureStderr();
-  const std::string thrown = ThrownBy(
-      [] { ThrowError(Here(), "no such frame [%d] %s", 7, std::string(5000, 'x').c_str()); });
-  const std::string log = testing::internal::GetCapturedStderr();
+  std::string thrown;
+  const std::string log = PrintedBy([&] {
+    thrown = ThrownBy(
+        [] { ThrowError(Here(), "no such frame [%d] %s", 7, std::string(5000, 'x').c_str()); });
+  });
   EXPECT_EQ(thrown.size(), 4096U);
   EXPECT_TRUE(thrown.starts_with("no such frame [7] xxx"));
   EXPECT_NE(log.find("utils-test:"), std::string::npos);

@@ -21,7 +21,7 @@ struct CloseFile {
   void operator()(FILE* fp) const { std::fclose(fp); }
 };
 
-// How the network is called; the bytes behind it are the model.
+// How the network is called; the bytes after it are the model.
 struct Plan {
   uint8_t text;
   uint8_t dim;

@@ -2,9 +2,7 @@
 #define TESTS_SUPPORT_MODEL_BUILDER_H_
 
 // Models and parameter blocks as raw bytes, written from the description of the file format and not
-// through the library's writers, and what tests do with the layers that are read from them.
-
-#include <gtest/gtest.h>
+// through the library's writers, and what tests and benchmarks do with what is read from them.
 
 #include <bit>
 #include <cstdint>
@@ -13,7 +11,9 @@
 #include <initializer_list>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nnet/contract/nnet-component.h"
@@ -88,7 +88,7 @@ inline Bytes Component2d(int code, int input_channel, int output_channel, int in
 }
 
 /// A network of the given components.
-inline Bytes Network(std::initializer_list<Bytes> components) {
+inline Bytes Network(const std::vector<Bytes>& components) {
   Bytes network;
   network.Raw(static_cast<uint32_t>(components.size()));
   for (const Bytes& component : components) network.Add(component);
@@ -160,17 +160,23 @@ inline std::string TextMatrix(const std::vector<float>& values) {
 }
 
 /// One call of a layer that is run without executor; `in` is changed by layers that work in place.
-inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>& in,
-                                   int64_t frames, int in_dim, int call_id = 1) {
-  const runtime::CallPlan extent = layer.Plan(frames, in_dim);
-  std::vector<float> out(extent.writes);
+/// A layer that writes more than its extent says is an error.
+inline Floats RunLayer(runtime::Component& layer, Floats& in, int64_t frames, int in_dim,
+                       int call_id = 1) {
+  constexpr float kUntouched = 12345.0F;
+  const size_t writes = layer.Plan(frames, in_dim).writes;
+  Floats out(writes + 64, kUntouched);
   int width = in_dim;
   layer.Propagate(in.data(), frames, in_dim, out.data(), &width, call_id);
+  for (size_t i = writes; i < out.size(); ++i) {
+    if (out[i] != kUntouched) throw std::logic_error(layer.TypeMarker() + " overruns its extent");
+  }
+  out.resize(writes);
   out.resize(runtime::BlockFloats(layer.OutputChannel(), width, layer.OutputFrames()));
   return out;
 }
-inline std::vector<float> RunLayer(runtime::Component& layer, std::vector<float>&& in,
-                                   int64_t frames, int in_dim, int call_id = 1) {
+inline Floats RunLayer(runtime::Component& layer, Floats&& in, int64_t frames, int in_dim,
+                       int call_id = 1) {
   return RunLayer(layer, in, frames, in_dim, call_id);
 }
 
@@ -182,11 +188,33 @@ struct Model {
     forward = std::make_unique<runtime::NnetForward>(&nnet);
   }
 
+  Floats Output() const {
+    return {forward->Output(), forward->Output() + forward->OutputShape().floats()};
+  }
+
   /// The output of one call without a reset before it.
-  std::vector<float> Call(std::vector<float> in, int64_t frames, int dim, int channels = 1) {
+  Floats Call(Floats in, int64_t frames, int dim, int channels = 1) {
     forward->Forward(in.data(), frames, dim, channels);
-    const float* out = forward->Output();
-    return {out, out + forward->OutputShape().floats()};
+    return Output();
+  }
+
+  /// An input in calls of so many frames; the last one is marked as its end or is not.
+  struct Streamed {
+    Floats frames;
+    std::vector<int64_t> counts;
+  };
+  Streamed Chunks(const Floats& in, int dim, const std::vector<int64_t>& chunks, bool marked) {
+    Streamed result;
+    const float* next = in.data();
+    for (size_t i = 0; i < chunks.size(); next += chunks[i++] * dim) {
+      const int call_id = static_cast<int>(i) + 1;
+      const bool last = marked && i + 1 == chunks.size();
+      forward->Propagate(next, chunks[i], dim, last ? -call_id : call_id);
+      const Floats out = Output();
+      result.frames.insert(result.frames.end(), out.begin(), out.end());
+      result.counts.push_back(forward->OutputFrames());
+    }
+    return result;
   }
 
   runtime::Nnet nnet;
@@ -229,18 +257,6 @@ inline uint32_t BitsOf(float value) { return std::bit_cast<uint32_t>(value); }
 
 /// Same bits, or both NaN.
 inline bool SameFloat(float a, float b) { return BitsOf(a) == BitsOf(b) || (a != a && b != b); }
-
-inline void ExpectSameBits(const Floats& got, const Floats& wanted) {
-  ASSERT_EQ(got.size(), wanted.size());
-  for (size_t i = 0; i < got.size(); ++i) {
-    ASSERT_TRUE(SameFloat(got[i], wanted[i])) << i << ": " << got[i] << " for " << wanted[i];
-  }
-}
-
-inline void ExpectNear(const Floats& got, const Floats& wanted, double tolerance) {
-  ASSERT_EQ(got.size(), wanted.size());
-  for (size_t i = 0; i < got.size(); ++i) ASSERT_NEAR(got[i], wanted[i], tolerance) << i;
-}
 
 /// The rows [first, last) of a matrix.
 inline Floats RowsOf(const Floats& values, size_t cols, size_t first, size_t last) {

@@ -1,5 +1,5 @@
-#ifndef TESTS_SUPPORT_PLAIN_SEARCH_H_
-#define TESTS_SUPPORT_PLAIN_SEARCH_H_
+#ifndef BENCH_PLAIN_SEARCH_H_
+#define BENCH_PLAIN_SEARCH_H_
 
 // The beam search in its obvious form: what the decoder is tested against and measured by.
 
@@ -104,4 +104,4 @@ class PlainSearch {
 
 }  // namespace handwriting_CTC
 
-#endif  // TESTS_SUPPORT_PLAIN_SEARCH_H_
+#endif  // BENCH_PLAIN_SEARCH_H_
