@@ -41,7 +41,7 @@ class _path_pool_t {
 
     explicit _allocator_t(_path_pool_t* cell_pool) noexcept : pool(cell_pool) {}
     template <typename U>
-    _allocator_t(const _allocator_t<U>& other) noexcept : pool(other.pool) {}
+    explicit _allocator_t(const _allocator_t<U>& other) noexcept : pool(other.pool) {}
 
     T* allocate(std::size_t) {
       static_assert(sizeof(T) <= sizeof(_cell_t) && alignof(T) <= alignof(_cell_t));

@@ -147,7 +147,7 @@ void ReadBytes(std::ifstream& file, void* bytes, size_t size) {
 
 std::string ReadHeaderText(std::ifstream& file, std::uintmax_t file_size) {
   if (file_size < kPreambleSize) throw std::runtime_error("not an .npy file, it is too short");
-  std::array<char, kPreambleSize> preamble;
+  std::array<char, kPreambleSize> preamble{};
   ReadBytes(file, preamble.data(), preamble.size());
   if (!std::string_view(preamble.data(), preamble.size()).starts_with(kMagic)) {
     throw std::runtime_error("not an .npy file, the magic string is missing");

@@ -50,7 +50,7 @@ class OutputFile {
   // destroy it.
   static std::filesystem::path Target(const std::string& path) {
     std::error_code error;
-    const std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
+    std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
     if (error) throw std::runtime_error(path + ": " + error.message());
     if (std::filesystem::exists(target, error) && !std::filesystem::is_regular_file(target)) {
       throw std::runtime_error(path + ": not a regular file");

@@ -69,7 +69,7 @@ void NextMatrixToken(FILE* fp, Token& token) {
 }
 
 void OpenMatrix(FILE* fp, MatrixOpening opening) {
-  Token token;
+  Token token = "";
   do {
     NextMatrixToken(fp, token);
     if (token[0] == '[') return;
@@ -84,7 +84,7 @@ void ReadMatrix(FILE* fp, int rows, int cols, MatrixOpening opening, Store store
   int row = 0;
   int col = 0;
   size_t index = 0;
-  for (Token token;;) {
+  for (Token token = "";;) {
     NextMatrixToken(fp, token);
     if (token[0] == ']') break;
     if (row >= rows || cols < 1) ThrowError(Here(), "too many matrix data! [rows:%d]", rows);

@@ -49,7 +49,8 @@ void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit) {
   *p = fresh;
 }
 
-void free_floats(float* p) noexcept { std::free(p); }
+// The one place that frees; FloatArray calls it.
+void free_floats(float* p) noexcept { std::free(p); }  // NOLINT(cppcoreguidelines-no-malloc)
 
 FloatArray::FloatArray(FloatArray&& other) noexcept
     : data_(std::exchange(other.data_, nullptr)),

@@ -91,7 +91,7 @@ bool WriteFields(FILE* fp, const FieldList& fields) {
 // How the arrays of a layer are stored in its own binary form.
 struct ArrayReader {
   BlockForm form;
-  std::vector<FixedBlock>* codes;
+  std::vector<FixedBlock>* codes = nullptr;
   uint64_t& memory_bytes;
   Refusal& why;
 

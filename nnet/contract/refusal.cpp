@@ -1,6 +1,5 @@
 #include "nnet/contract/refusal.h"
 
-#include <cinttypes>
 #include <cstdarg>
 
 #include "utils/messages.h"
@@ -22,19 +21,6 @@ bool Refusal::LogBecause(std::source_location where, const char* format, ...) {
   va_end(arguments);
   LogWarning(where, "%s", text.c_str());
   return Because("%s", text.c_str());
-}
-
-bool Refusal::AtLeast(const char* name, int64_t value, int64_t least) {
-  return value >= least || Because("%s [%" PRId64 " < %" PRId64 "]", name, value, least);
-}
-
-bool Refusal::AtMost(const char* name, int64_t value, int64_t most) {
-  return value <= most || Because("%s [%" PRId64 " > %" PRId64 "]", name, value, most);
-}
-
-bool Refusal::Equal(const char* name, int64_t value, const char* wanted_name, int64_t wanted) {
-  return value == wanted ||
-         Because("%s [%" PRId64 "], %s [%" PRId64 "]", name, value, wanted_name, wanted);
 }
 
 bool Refusal::SameWidth(int64_t input_dim, int64_t output_dim) {

@@ -1,10 +1,12 @@
 #ifndef NNET_CONTRACT_REFUSAL_H_
 #define NNET_CONTRACT_REFUSAL_H_
 
+#include <cinttypes>
 #include <cstdint>
 #include <source_location>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace tarev::nnet::handwriting_CTC {
 
@@ -23,9 +25,16 @@ class Refusal {
                                                 ...);
 
   bool Require(bool holds, const char* otherwise) { return holds || Because("%s", otherwise); }
-  bool AtLeast(const char* name, int64_t value, int64_t least);
-  bool AtMost(const char* name, int64_t value, int64_t most);
-  bool Equal(const char* name, int64_t value, const char* wanted_name, int64_t wanted);
+  bool AtLeast(const char* name, int64_t value, int64_t least) {
+    return value >= least || Because("%s [%" PRId64 " < %" PRId64 "]", name, value, least);
+  }
+  bool AtMost(const char* name, int64_t value, int64_t most) {
+    return value <= most || Because("%s [%" PRId64 " > %" PRId64 "]", name, value, most);
+  }
+  bool Equal(const char* name, int64_t value, const char* wanted_name, int64_t wanted) {
+    return value == wanted ||
+           Because("%s [%" PRId64 "], %s [%" PRId64 "]", name, value, wanted_name, wanted);
+  }
   /// For layers whose rows leave at the width at which they come: equal dimensions where both are
   /// set. One that is not set follows the input.
   bool SameWidth(int64_t input_dim, int64_t output_dim);

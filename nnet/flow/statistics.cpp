@@ -142,7 +142,8 @@ FieldList SlidingWindow::Fields() {
 }
 
 bool SlidingWindow::Validate(Refusal& why) {
-  generator.emplace(sliding_mode, window_size, hop_size, input_dim);
+  generator =
+      std::make_unique<feats_win_generator_t>(sliding_mode, window_size, hop_size, input_dim);
   return why.Equal("output dimension", output_dim, "input dimension", input_dim);
 }
 

@@ -5,7 +5,7 @@
 // windows, forming sums and pooling them gives one vector a window.
 
 #include <cstdint>
-#include <optional>
+#include <memory>
 
 #include "nnet/contract/nnet-component.h"
 #include "utils/rectify_feats.h"
@@ -83,7 +83,7 @@ class SlidingWindow final : public LayerOf<0x603> {
   int32_t hop_size = 0;
   int32_t sliding_mode = 0;
   int32_t chunk_count = 0;
-  std::optional<feats_win_generator_t> generator;
+  std::unique_ptr<feats_win_generator_t> generator;
 };
 
 }  // namespace tarev::nnet::handwriting_CTC
