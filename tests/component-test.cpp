@@ -233,7 +233,9 @@ TEST(Registry, KnowsEveryTypeUnderItsCodesAndMarkers) {
     EXPECT_EQ(layer->GetType(), row.code);
     EXPECT_EQ(layer->GetFixedType(), row.fixed == Fixed::kStaysFloat ? row.code : row.fixed_code);
     const bool own_class = row.fixed == Fixed::kOwnClass;
-    EXPECT_EQ(typeid(*fixed) != typeid(*layer), own_class);
+    const Component& twin = *fixed;
+    const Component& sibling = *layer;
+    EXPECT_EQ(typeid(twin) != typeid(sibling), own_class);
     EXPECT_EQ(fixed->GetType(), own_class ? row.fixed_code : row.code);
     EXPECT_EQ(fixed->GetFixedType(), layer->GetFixedType());
   }

@@ -5,6 +5,7 @@
 // arrays, the nested components and how its arrays are stored. Binary and text reading, writing,
 // fixed-point writing and mapping are walks of that description, declared at the end.
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -22,7 +23,7 @@ namespace tarev::nnet::handwriting_CTC {
 class Component;
 
 /// A dimension as a size; a negative one counts as none.
-constexpr size_t ToSize(int64_t n) { return n > 0 ? static_cast<size_t>(n) : 0; }
+constexpr size_t ToSize(std::integral auto n) { return n > 0 ? static_cast<size_t>(n) : 0; }
 
 /// A part of a block with a format of its own.
 class CustomPart {
@@ -100,11 +101,12 @@ struct ParameterRef {
 };
 using ParameterList = std::vector<ParameterRef>;
 
-inline ParameterRef Matrix(const char* name, FloatArray& array, int64_t rows, int64_t cols) {
+inline ParameterRef Matrix(const char* name, FloatArray& array, std::integral auto rows,
+                           std::integral auto cols) {
   return {
       .name = name, .array = &array, .rows = ToSize(rows), .cols = ToSize(cols), .is_matrix = true};
 }
-inline ParameterRef Vector(const char* name, FloatArray& array, int64_t size) {
+inline ParameterRef Vector(const char* name, FloatArray& array, std::integral auto size) {
   return {.name = name, .array = &array, .rows = 1, .cols = ToSize(size), .is_matrix = false};
 }
 /// `count` matrices of the shape, each of them bracketed in the text form.
