@@ -25,12 +25,16 @@ using tarev::nnet::handwriting_CTC::Highway;
 using tarev::nnet::handwriting_CTC::LayerNorm;
 using tarev::nnet::handwriting_CTC::NormalizeComponent;
 using tarev::nnet::handwriting_CTC::ParameterRef;
+using tarev::nnet::handwriting_CTC::Refusal;
 
 constexpr int kFrames = 128;
 constexpr int kDim = 256;
 constexpr std::size_t kFloats = std::size_t{kFrames} * kDim;
 
+// The fields are set; derives the shapes from them and fills the arrays.
 void FillParameters(Component& layer) {
+  Refusal why;
+  layer.Validate(why);
   std::uint64_t bytes = 0;
   for (const ParameterRef& parameter : layer.MutableParameters()) {
     parameter.array->Allocate(parameter.rows, parameter.cols, bytes);

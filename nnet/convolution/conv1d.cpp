@@ -114,9 +114,9 @@ bool ConvolutionParameters::ValidateShape(const Component& layer, Refusal& why) 
 // Visits the index in compute order and the index in the file of every weight.
 template <class Visit>
 void ConvolutionParameters::ForEachWeight(Visit visit) const {
-  if (shape_.Weights() == 0) return;
   const size_t k = ToSize(kernel_size);
   const size_t in = ToSize(in_per_group);
+  if (k == 0 || in == 0 || shape_.Weights() == 0) return;
   const size_t out = ToSize(out_per_group);
   const auto stored = [&](size_t group, size_t p, size_t c, size_t tap) {
     const size_t row =
