@@ -20,6 +20,10 @@ std::span<const float> Values(const ParameterRef& parameter) {
   return std::as_const(*parameter.array).values().first(parameter.count());
 }
 
+// A walk goes over the description in file order: fields, then arrays, then nested components. Between
+// fields and arrays the layer checks its fields (Validate), because the shapes of the arrays follow
+// from them; so no shape is used before it was checked, and nothing is allocated for a refused one.
+
 // ---- Fields ---------------------------------------------------------------------------------------
 
 template <class T>

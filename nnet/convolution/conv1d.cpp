@@ -111,6 +111,11 @@ bool ConvolutionParameters::ValidateShape(const Component& layer, Refusal& why) 
   return true;
 }
 
+// The file holds a row of taps for each pair of channels. The kernels sum over taps and input channels
+// with vectors across output channels, so they want the weights of neighbouring output channels side
+// by side, term after term in the order of the sum: that is the compute order, cut into blocks as
+// wide as the kernels' registers (BlockFrom).
+//
 // Visits the index in compute order and the index in the file of every weight.
 template <class Visit>
 void ConvolutionParameters::ForEachWeight(Visit visit) const {

@@ -13,7 +13,7 @@ namespace tarev::nnet::handwriting_CTC {
 
 // Splice.
 
-bool Splice::SetOffsetCount(Refusal& why) {
+bool Splice::ValidateOffsetCount(Refusal& why) {
   if (!why.AtLeast("input dimension", input_dim, 1) ||
       !why.AtLeast("output dimension", output_dim, 1) ||
       !why.Equal("output dimension modulo input dimension", output_dim % input_dim, "wanted", 0)) {
@@ -24,7 +24,7 @@ bool Splice::SetOffsetCount(Refusal& why) {
 }
 
 bool Splice::ReadPart(FILE* fp, Refusal& why) {
-  if (!SetOffsetCount(why)) return false;
+  if (!ValidateOffsetCount(why)) return false;
   if (!FileHolds(fp, ToSize(offset_count), sizeof(int32_t))) {
     return why.Because("offsets: %d wanted, %zu bytes left", offset_count, RemainingBytes(fp));
   }
@@ -33,7 +33,7 @@ bool Splice::ReadPart(FILE* fp, Refusal& why) {
 }
 
 bool Splice::ReadTextPart(FILE* fp, Refusal& why) {
-  if (!SetOffsetCount(why)) return false;
+  if (!ValidateOffsetCount(why)) return false;
   offsets = ReadTextIntegers(fp, 1, offset_count, MatrixOpening::kLenient);
   return true;
 }

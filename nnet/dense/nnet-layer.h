@@ -33,7 +33,7 @@ class Splice : public LayerOf<0x401>, public CustomPart {
   bool ReadPart(FILE* fp, Refusal& why) override;
   bool ReadTextPart(FILE* fp, Refusal& why) override;
   bool WritePart(FILE* fp) const override;
-  bool SetOffsetCount(Refusal& why);
+  bool ValidateOffsetCount(Refusal& why);
 };
 
 /// One value per column, which memory_bytes does not count.

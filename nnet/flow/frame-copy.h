@@ -1,12 +1,10 @@
 #ifndef NNET_FLOW_FRAME_COPY_H_
 #define NNET_FLOW_FRAME_COPY_H_
 
-// What the layers share that pick and copy frames.
+// How the layers of this room and their streaming twins copy rows.
 
 #include <algorithm>
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "nnet/contract/nnet-component.h"
 
@@ -26,15 +24,6 @@ inline float* CopyRows(const float* src, int64_t rows, int64_t src_step, int64_t
 inline float* CopyRows(const float* rows, int64_t count, int64_t width, float* out) {
   return std::copy_n(rows, BlockFloats(1, width, count), out);
 }
-
-/// A list of one frame index in decimal digits, or of none.
-std::vector<int32_t> ParseIndexes(const std::string& text);
-
-/// The frame of a call of so many that the index names; negative ones count from the end. Throws
-/// when there is none.
-int64_t FrameAt(const Component& layer, int32_t index, int64_t frames);
-/// Throws unless the call has all frames that the indexes name.
-void CheckIndexes(const Component& layer, const std::vector<int32_t>& indexes, int64_t frames);
 
 }  // namespace tarev::nnet::handwriting_CTC
 

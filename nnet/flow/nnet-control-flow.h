@@ -18,6 +18,15 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
+/// A list of one frame index in decimal digits, or of none.
+std::vector<int32_t> ParseIndexes(const std::string& text);
+
+/// The frame of a call of so many that the index names; negative ones count from the end. Throws
+/// when there is none.
+int64_t FrameAt(const Component& layer, int32_t index, int64_t frames);
+/// Throws unless the call has all frames that the indexes name.
+void CheckIndexes(const Component& layer, const std::vector<int32_t>& indexes, int64_t frames);
+
 /// The registers of one kind in a network by their names; the layers belong to the network.
 template <class Register>
 using RegisterMap = std::map<std::string, const Register*>;

@@ -64,6 +64,9 @@ void ProjectedLstmParameters::ReserveState(const RecurrentShape& shape, uint64_t
   AllocateState(state, 8 * shape.cells, memory_bytes);
 }
 
+// The state enters a frame in one half and leaves it in the other, and the halves change places after
+// every frame: the projection and the recurrence of the next frame read where this one wrote, without
+// a copy. After an odd number of frames the last state lies in the second half and is copied once.
 void ProjectedLstmParameters::Propagate(const float* in, size_t frames, const RecurrentShape& shape,
                                         Direction direction, float* gates, OutputRows out,
                                         StateSnapshot snapshot) {

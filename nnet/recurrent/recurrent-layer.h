@@ -78,7 +78,7 @@ class RecurrentLayer : public Component, public GateBuffer {
  protected:
   using Component::Component;
   /// Checks the fields against so many output values of one direction.
-  bool SetShape(int32_t outputs, Refusal& why) {
+  bool ValidateShape(int32_t outputs, Refusal& why) {
     proj_dim = outputs;
     gate_dim = static_cast<int32_t>(int64_t{Cell::kGates} * cell_dim);
     return why.AtLeast("<CellDim>", cell_dim, 1) && why.AtLeast("input dimension", input_dim, 0) &&
@@ -94,7 +94,7 @@ class RecurrentLayer : public Component, public GateBuffer {
 template <class Cell>
 class ForwardLayer : public RecurrentLayer<Cell>, public Cell {
  public:
-  bool Validate(Refusal& why) override { return this->SetShape(this->output_dim, why); }
+  bool Validate(Refusal& why) override { return this->ValidateShape(this->output_dim, why); }
   ParameterList MutableParameters() override { return Cell::List(this->Shape()); }
   void Reserve(int64_t frames) override {
     this->ReserveGates(frames, this->gate_dim, this->memory_bytes);
@@ -122,7 +122,7 @@ class BidirectionalLayer : public RecurrentLayer<Cell> {
  public:
   bool Validate(Refusal& why) override {
     return why.Equal("output dimension modulo 2", this->output_dim % 2, "wanted", 0) &&
-           this->SetShape(this->output_dim / 2, why);
+           this->ValidateShape(this->output_dim / 2, why);
   }
   ParameterList MutableParameters() override {
     return Join(forward.List(this->Shape()), backward.List(this->Shape()));

@@ -55,6 +55,8 @@ NnetForward::NnetForward(Nnet* network) : nnet_(network) {
   LinkLayers();
 }
 
+// Two visits, because a layer may need what a later one offers: a concatenation may name a register
+// that stands after it.
 void NnetForward::LinkLayers() {
   NetworkLinks links(Here());
   for (const auto visit : {&Component::Announce, &Component::Link}) {
@@ -65,6 +67,8 @@ void NnetForward::LinkLayers() {
   }
 }
 
+// Follows the most frames that a call of so many can bring to each layer, without running any. The
+// call itself makes what room is still missing, so stopping early costs time only.
 void NnetForward::ReserveFrames(int64_t frames) {
   const int64_t limit = FrameLimit(frames);
   int64_t n = frames;
@@ -114,8 +118,9 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
   cur_frames_ = shape.frames;
 }
 
-// The layer's plan is checked against what the layer before it gave, then the room is made, then the
-// layer runs.
+// One pass a layer: plan, check, make room, run. The plan is made right before the layer runs, with
+// the width and the frames that really reach it, since both may depend on what earlier layers did in
+// this call; nothing that a file claims is believed before that.
 BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockShape& shape,
                                  int call_id) {
   Component& layer = *nnet_->layers[position];

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "nnet/flow/frame-shape.h"
 #include "nnet/flow/nnet-control-flow.h"
+#include "nnet/flow/nnet-control-flow.shapes.h"
 #include "nnet/stream_nnet/chunk-layer.h"
 
 namespace tarev::nnet::handwriting_CTC {

@@ -1,8 +1,9 @@
-#ifndef NNET_FLOW_FRAME_SHAPE_H_
-#define NNET_FLOW_FRAME_SHAPE_H_
+#ifndef NNET_FLOW_NNET_CONTROL_FLOW_SHAPES_H_
+#define NNET_FLOW_NNET_CONTROL_FLOW_SHAPES_H_
 
-// Layers that pick, add or re-cut frames, and move between frame rows and planes. None computes. D
-// is the input dimension, O the output dimension, n the frames of a call.
+// The frame shapes of the control flow: layers that pick, add or re-cut frames, and move between frame
+// rows and planes. None computes. D is the input dimension, O the output dimension, n the frames of a
+// call. (Messages carry a file's name up to its first dot, the same for both parts of the family.)
 
 #include <cstdint>
 #include <string>
@@ -128,4 +129,4 @@ class TransposeComponent final : public LayerOf<0x501> {
 
 }  // namespace tarev::nnet::handwriting_CTC
 
-#endif  // NNET_FLOW_FRAME_SHAPE_H_
+#endif  // NNET_FLOW_NNET_CONTROL_FLOW_SHAPES_H_

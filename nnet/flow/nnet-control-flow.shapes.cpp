@@ -1,10 +1,11 @@
-#include "nnet/flow/frame-shape.h"
+#include "nnet/flow/nnet-control-flow.shapes.h"
 
 #include <algorithm>
 #include <cinttypes>
 
 #include "nnet/base/element-kernels.h"
 #include "nnet/flow/frame-copy.h"
+#include "nnet/flow/nnet-control-flow.h"
 #include "utils/messages.h"
 
 namespace tarev::nnet::handwriting_CTC {
