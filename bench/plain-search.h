@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ctc/beam-search.h"
+#include "ctc/ctc-result.h"
 #include "utils/fast-math.h"
 
 namespace handwriting_CTC {

@@ -85,10 +85,6 @@ class _beam_search_t {
   std::vector<_list_score_node> next_result_;
 };
 
-// ln(exp(v) + exp(s)), by the fast exponential: equal scores give v + ln 2, and scores more than
-// about 87.34 apart the larger one.
-float log_add(float v, float s);
-
 }  // namespace handwriting_CTC
 
 #endif  // CTC_BEAM_SEARCH_H_

@@ -8,6 +8,7 @@
 
 #include "bench/plain-search.h"
 #include "ctc/beam-search.h"
+#include "ctc/ctc-result.h"
 #include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
 #include "utils/fast-math.h"
