@@ -33,8 +33,7 @@ struct Options {
   bool json = false;
 };
 
-// ---- The document, which --json prints and which the table shows
-// ------------------------------------
+// ---- The document, which --json prints and which the table shows ----------------------------------
 
 std::string TypeText(int code) {
   std::array<char, 16> text{};
@@ -121,8 +120,7 @@ Json DescribeFile(const std::string& path) {
           {"fits_next", fits}};
 }
 
-// ---- The table
-// --------------------------------------------------------------------------------------
+// ---- The table ------------------------------------------------------------------------------------
 
 constexpr size_t kColumns = 9;
 using TableRow = std::array<std::string, kColumns>;

@@ -107,10 +107,10 @@ void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels
 
 void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
   if (frames > reserved_frames_) ReserveFrames(frames);
-  frame_limit_ = FrameLimit(frames);
+  const int64_t frame_limit = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
   for (size_t position = 0; position < nnet_->layers.size(); ++position) {
-    shape = RunLayer(position, in, shape, call_id);
+    shape = RunLayer(position, in, shape, call_id, frame_limit);
     std::swap(buffer_a_, buffer_b_);
   }
   std::swap(buffer_a_, buffer_b_);
@@ -122,12 +122,12 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
 // the width and the frames that really reach it, since both may depend on what earlier layers did in
 // this call; nothing that a file claims is believed before that.
 BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockShape& shape,
-                                 int call_id) {
+                                 int call_id, int64_t frame_limit) {
   Component& layer = *nnet_->layers[position];
   layer.CheckWidth(shape.dim);
-  if (shape.frames > frame_limit_) ThrowTooManyFrames(position, shape.frames, frame_limit_);
+  if (shape.frames > frame_limit) ThrowTooManyFrames(position, shape.frames, frame_limit);
   const CallPlan plan = layer.Plan(shape.frames, shape.dim);
-  if (plan.frames > frame_limit_) ThrowTooManyFrames(position, plan.frames, frame_limit_);
+  if (plan.frames > frame_limit) ThrowTooManyFrames(position, plan.frames, frame_limit);
   if (plan.reads > shape.floats()) ThrowTooLittleInput(position, shape, plan.reads);
   GrowBuffers(plan.writes);
   layer.Run(plan, position == 0 ? in : buffer_a_.data(), shape.frames, shape.dim, buffer_b_.data(),

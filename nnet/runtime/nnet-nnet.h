@@ -68,7 +68,8 @@ class NnetForward {
 
  private:
   void LinkLayers();
-  BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id);
+  BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id,
+                      int64_t frame_limit);
   [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
   [[noreturn]] void ThrowTooLittleInput(size_t position, const BlockShape& shape,
                                         uint64_t reads) const;
@@ -79,7 +80,6 @@ class NnetForward {
   int32_t input_dim_ = 0;
   int32_t output_dim_ = 0;
   int32_t forward_count_ = 0;
-  int64_t frame_limit_ = 0;  // of the call at hand
   int64_t reserved_frames_ = 0;
   FloatArray buffer_a_;
   FloatArray buffer_b_;
