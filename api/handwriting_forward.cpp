@@ -17,12 +17,12 @@ namespace {
 namespace runtime = tarev::nnet::handwriting_CTC;
 using runtime::Here;
 
-// The second network takes the first one's frames in chunks of this size; only the first chunk of
-// an input may be shorter, so that the last one ends with the input.
+// The second network takes the frames of the first in chunks of this size, a power of two. Only the
+// first chunk of an input may be shorter, so that the last one ends with the input.
 constexpr int kChunkFrames = 16;
 
-// The next stage takes a network's output row by row: one plane, a row a frame, as wide as
-// announced.
+// The next stage reads a network's output row by row: it must be one plane of `frames` rows of
+// `width` floats. Throws when the network gave anything else.
 void CheckOutput(const char* name, const runtime::BlockShape& shape, int64_t frames, int width) {
   if (shape.channels != 1) {
     runtime::ThrowError(Here(), "mismatched output channels! %s network [%d] vs [%d]", name,
@@ -39,6 +39,9 @@ void CheckOutput(const char* name, const runtime::BlockShape& shape, int64_t fra
   }
 }
 
+// The recognizer behind the opaque pointer: two networks, each with its executor, and the decoder
+// over the second one's output. An executor points to its network and is therefore destroyed before
+// it.
 struct handwriting_forward_t {
   std::unique_ptr<runtime::Nnet> nnet1;
   std::unique_ptr<runtime::NnetForward> forward1;
@@ -59,6 +62,8 @@ struct handwriting_forward_t {
     nnet1.reset();
   }
 
+  // Create in two steps, in the order of the file; false or an exception when the file does not
+  // hold what is wanted. Process is then one call of the exported function, and throws on failure.
   bool ReadFirst(FILE* fp, int max_frame_num);
   bool ReadSecond(FILE* fp, int nbest);
   int Process(const float* feature, int frame_num, int input_dim, int* output, int* len);
@@ -67,7 +72,8 @@ struct handwriting_forward_t {
   void ProcessChunk(int first, int frames, int width);
 };
 
-// Reads one network and builds an executor for so many frames over it.
+// Reads one network and builds an executor over it, with room for calls of `frames` frames. False
+// when the number of layers cannot be read; throws on any other failure.
 bool ReadNetwork(FILE* fp, int frames, std::unique_ptr<runtime::Nnet>& nnet,
                  std::unique_ptr<runtime::NnetForward>& forward) {
   nnet = std::make_unique<runtime::Nnet>();
@@ -93,6 +99,9 @@ bool handwriting_forward_t::ReadSecond(FILE* fp, int nbest) {
   return true;
 }
 
+// The first network sees the whole input at once, the second one its output in chunks, without a
+// copy: a chunk is a part of the first executor's output block. Every row of the second output is
+// one step of the search, which starts anew with the first row.
 int handwriting_forward_t::Process(const float* feature, int frame_num, int input_dim, int* output,
                                    int* len) {
   forward1->Reset();

@@ -53,8 +53,11 @@ void _beam_search_t::search_first_frame() {
   }
 }
 
-// The search runs on plain records, and nodes are made for those that survive the frame only: most
-// extensions that enter the heap are evicted again by a later one.
+// One frame of the search. Every path of the beam, extended by every label of the frame, is a
+// candidate, and the best beam_num candidates are the next beam. The candidates run through a heap
+// of plain records, and nodes are made only for those that survive the frame: most candidates that
+// enter the heap are evicted again by a later one, and a node costs an allocation and a reference
+// count.
 void _beam_search_t::search_one_frame() {
   if (beam_num == 0) return;
   collect_candidates();
@@ -74,8 +77,12 @@ void _beam_search_t::search_one_frame() {
 }
 
 // Leaves in `candidates_` what would be in `topn_result` if nodes were made for every candidate
-// that enters it: the heap starts as `topn_result` stands, and an entering candidate takes over the
-// place in `origins_` of the one that it replaces.
+// that enters it: the heap starts with the scores of `topn_result`, and an entering candidate takes
+// over the place in `origins_` of the one that it replaces.
+//
+// The root of the heap, its smallest score, is what a candidate has to beat. A path that cannot
+// beat it even with the frame's best label is passed over with one comparison; once the heap is
+// full of good candidates, that is most of the beam.
 void _beam_search_t::collect_candidates() {
   for (std::size_t i = 0; i < candidates_.size(); ++i) {
     candidates_[i] = {static_cast<int>(i), topn_result[i].score};

@@ -9,8 +9,9 @@
 
 namespace handwriting_CTC {
 
-// CTC beam search: keeps the best frame-level label paths of an input that arrives one frame at a
-// time, and turns them into the n-best label sequences at its end.
+// CTC beam search (connectionist temporal classification: Graves et al. 2006): keeps the best
+// frame-level label paths of an input that arrives one frame at a time, and turns them into the
+// n-best label sequences at its end.
 //
 // A frame is a row of `label_dim` log-domain scores, one a class; class 0 is the blank. The search
 // keeps raw paths, blanks and repeated labels included; paths that collapse to the same label
@@ -38,7 +39,7 @@ class _beam_search_t {
   // Extends the paths by a further frame.
   void process_one_frame(const float* frame);
 
-  // A whole input of `count` consecutive rows. The first row is read whatever `count` is.
+  // A whole input of `count` >= 1 consecutive rows. The first row is read whatever `count` is.
   void process_all_frame(const float* frames, int count);
 
   // The steps of the two functions above, which follow get_topn.
@@ -79,7 +80,7 @@ class _beam_search_t {
   void collect_candidates();
   float best_label_score() const;
 
-  // Working memory of search_one_frame, of one element a beam entry.
+  // Working memory of search_one_frame, one element for each beam entry.
   std::vector<_index_score_node> candidates_;  // heap; index is a place in `origins_`
   std::vector<_origin_t> origins_;
   std::vector<_list_score_node> next_result_;

@@ -7,7 +7,7 @@
 namespace handwriting_CTC {
 
 // ln(exp(v) + exp(s)), by the fast exponential: equal scores give v + ln 2, and scores more than
-// about 87.34 apart the larger one.
+// about 87.34 apart the larger one. Two scores of -infinity give NaN.
 float log_add(float v, float s);
 
 }  // namespace handwriting_CTC

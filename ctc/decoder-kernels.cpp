@@ -17,8 +17,9 @@ std::size_t FindGreater(const float* values, std::size_t from, std::size_t n, fl
   const std::size_t lanes = hn::Lanes(d);
   const auto thresholds = hn::Set(d, threshold);
   std::size_t i = from;
-  // Four vectors a step while there is nothing to find: the best scores of a long row are far
-  // apart.
+  // Four vectors a step while there is nothing to find, with one test for all of them: scores that
+  // beat the threshold are far apart in a long row. The step that finds one is then searched again
+  // vector by vector.
   for (; i + 4 * lanes <= n; i += 4 * lanes) {
     const auto g0 = hn::Gt(hn::LoadU(d, values + i), thresholds);
     const auto g1 = hn::Gt(hn::LoadU(d, values + i + lanes), thresholds);

@@ -9,16 +9,17 @@
 
 namespace handwriting_CTC {
 
-// Memory of path nodes, each with its reference count in the same cell. A released cell is handed
-// out again by a later allocation; memory returns to the heap only when the pool is destroyed, so
-// the pool holds what the longest input so far needed. For one thread at a time.
+// Memory of path nodes, each with its reference count in the same cell. A released cell is reused
+// by a later allocation; memory returns to the heap only when the pool is destroyed, so the pool
+// holds what the longest input so far needed. A path node is made for every survivor of every
+// frame: the general allocator would cost more than the search itself. For one thread at a time.
 class _path_pool_t {
  public:
   _path_pool_t() = default;
   _path_pool_t(const _path_pool_t&) = delete;
   _path_pool_t& operator=(const _path_pool_t&) = delete;
 
-  // A node with its own share of `parent`. The pool must outlive it.
+  // A node with its own share of `parent`. The pool must outlive it. Throws std::bad_alloc.
   std::shared_ptr<_hist_t> make_node(int label, const std::shared_ptr<_hist_t>& parent) {
     return std::allocate_shared<_hist_t>(_allocator_t<_hist_t>{this}, label, parent);
   }
@@ -26,6 +27,8 @@ class _path_pool_t {
  private:
   // The node, the two counts and the library's pointers to its own functions and to the pool.
   static constexpr std::size_t kCellBytes = sizeof(_hist_t) + 4 * sizeof(void*);
+  // Blocks double from the first size to the last, so that short inputs need little memory and long
+  // ones few blocks.
   static constexpr std::size_t kFirstBlockCells = 128;
   static constexpr std::size_t kMaxBlockCells = 8192;
 
@@ -56,6 +59,7 @@ class _path_pool_t {
     _path_pool_t* pool;
   };
 
+  // The free cells form a list through their own memory.
   void* take_cell() {
     if (free_ == nullptr) grow();
     _cell_t* const cell = free_;

@@ -17,7 +17,7 @@ namespace heap_detail {
 // and a mispredicted branch costs more than the levels that it would save.
 inline void sift_up(_index_score_node* heap, std::size_t hole, _index_score_node node) {
   const auto node_bits = std::bit_cast<std::uint64_t>(node);
-  std::uint64_t below = node_bits;          // the record that stood one level lower
+  std::uint64_t below = node_bits;          // the record that was one level lower
   std::uint64_t moves = ~std::uint64_t{0};  // all ones while the node moves up
   while (hole > 0) {
     const std::size_t parent = (hole - 1) / 2;
@@ -34,8 +34,11 @@ inline void sift_up(_index_score_node* heap, std::size_t hole, _index_score_node
 }  // namespace heap_detail
 
 // Replaces the root (the smallest score) of a non-empty heap under index_score_greater by `node`.
+//
 // Every record ends where std::pop_heap, followed by std::push_heap, would put it: which of several
-// equal scores is evicted first depends on that.
+// equal scores is evicted first depends on that. As in pop_heap, the hole at the root moves down to
+// a leaf along the smaller children, without a look at the record that will fill it; that record,
+// the last of the heap, then moves up from there, and after it the new one from the last place.
 inline void replace_root(std::vector<_index_score_node>& nodes, _index_score_node node) {
   _index_score_node* const heap = nodes.data();
   const std::size_t last = nodes.size() - 1;

@@ -9,6 +9,9 @@
 
 namespace handwriting_CTC {
 
+// A heap of the k best so far, whose root is what a score has to beat. The scan for the next such
+// score is vectorised: in a long row only few scores enter the heap, so nearly all of the time is
+// the scan.
 void get_topn(const float* scores, int n, std::vector<_index_score_node>& out) {
   const std::size_t k = out.size();
   const auto count = static_cast<std::size_t>(n);

@@ -64,12 +64,12 @@ inline bool result_score_greater(const _result_score_node& a, const _result_scor
 
 // Keeps the k = out.size() best of the n >= k scores in `out`, in heap order: the first is the
 // smallest of them. Of scores that tie for the last place the first ones stay. A NaN stays only
-// when it stands among the first k scores. Allocates nothing.
+// when it is among the first k scores. Allocates nothing.
 void get_topn(const float* scores, int n, std::vector<_index_score_node>& out);
 
 // Writes all n = out.size() scores to `out` and partitions them: none of the first m is smaller
-// than any of the rest. With m == n they stay in index order. 0 <= m <= n. An empty `out` stays empty.
-// Allocates nothing.
+// than any of the rest. With m == n they stay in index order. 0 <= m <= n. An empty `out` stays
+// empty. Allocates nothing.
 void get_topn(const float* scores, int n, std::vector<_index_score_node>& out, int m);
 
 }  // namespace handwriting_CTC

@@ -12,9 +12,9 @@
 // this header are compiled with -ffp-contract=off, so that no multiply and add are fused.
 namespace fast_math {
 
-// exp(x) = 2^(x / ln 2). With t = x * kExpScale + kExpBias, the integer part of t, read as the bits
-// of a float, has the exponent of that power of two; a polynomial in the mantissa corrects the
-// rest.
+// Schraudolph's exponential (1999): exp(x) = 2^(x / ln 2). With t = x * kExpScale + kExpBias, the
+// integer part of t, read as the bits of a float, has the exponent of that power of two and in its
+// mantissa m the linear approximation of the rest; a polynomial in m corrects it.
 inline constexpr float kExpScale = std::bit_cast<float>(std::uint32_t{0x4B38AA3B});  // 2^23 / ln 2
 inline constexpr float kExpBias = std::bit_cast<float>(std::uint32_t{0x4E7E0000});   // 127 * 2^23
 inline constexpr float kExpLimit = std::bit_cast<float>(std::uint32_t{0x4EFF0000});  // 255 * 2^23
@@ -26,8 +26,10 @@ inline constexpr float kExpA2 = std::bit_cast<float>(std::uint32_t{0x3E2A9DAF});
 inline constexpr float kExpA1 = std::bit_cast<float>(std::uint32_t{0x3E9FD1B2});
 inline constexpr float kExpA0 = std::bit_cast<float>(std::uint32_t{0x3F0286E8});
 
-// ln(x) = (bits(x) * kLogScale - kLogBias - kLogB1 * m - kLogB2 / (m + kLogB3)) * kLogLn2, with m
-// the mantissa of x in [0.5, 1).
+// The inverse: the bits of a float, read as an integer, are about linear in its logarithm, and a
+// rational function of the mantissa corrects them.
+//   ln(x) = (bits(x) * kLogScale - kLogBias - kLogB1 * m - kLogB2 / (m + kLogB3)) * kLogLn2
+// with m the mantissa of x in [0.5, 1).
 inline constexpr float kLogScale = std::bit_cast<float>(std::uint32_t{0x34000000});  // 2^-23
 inline constexpr float kLogBias = std::bit_cast<float>(std::uint32_t{0x42F87377});
 inline constexpr float kLogB1 = std::bit_cast<float>(std::uint32_t{0x3FBFBF75});

@@ -10,6 +10,8 @@ constexpr size_t kUnknownSizeBound = size_t{256} << 20;
 
 }  // namespace
 
+// A regular file is asked for its size through its descriptor: seeking to its end and back would
+// drop the stream's buffer, once for every array of a model.
 size_t RemainingBytes(FILE* fp) {
   const off_t position = ftello(fp);
   if (position < 0) return kUnknownSizeBound;

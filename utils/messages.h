@@ -1,9 +1,10 @@
 #ifndef UTILS_MESSAGES_H_
 #define UTILS_MESSAGES_H_
 
-// The roads by which the library reports a failure. A run-time failure is logged and thrown with
-// one text; an argument check prints one line to standard error. Readers and writers of parameter
-// blocks answer with a bool and say nothing.
+// The three ways in which the library reports a failure. A run-time failure is logged and thrown
+// with one text; an argument check prints one line to standard error; readers and writers of
+// parameter blocks answer with a bool and print nothing. All functions may be called from any
+// thread.
 
 #include <cstdarg>
 #include <source_location>
@@ -11,7 +12,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// The caller's place in the source, for the first argument of the functions below.
+/// The caller's place in the source, for the first argument of the functions below. Messages show
+/// its file stem and line.
 constexpr std::source_location Here(
     std::source_location here = std::source_location::current()) noexcept {
   return here;
@@ -30,7 +32,8 @@ std::string FormatText(const char* format, va_list arguments);
 [[noreturn, gnu::format(printf, 2, 3)]] void ThrowError(std::source_location where,
                                                         const char* format, ...);
 
-/// Prints the line of a failed argument check to standard error.
+/// Prints the line of a failed argument check to standard error: place, function and the condition
+/// that held.
 void PrintWrongParameters(std::source_location where, const char* function, const char* condition);
 
 /// Prints that line and throws std::runtime_error("Wrong parameter(s)!").

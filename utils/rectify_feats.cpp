@@ -36,7 +36,8 @@ int64_t feats_win_generator_t::complete_windows(int64_t available) const {
   return available < window_size ? 0 : (available - window_size) / hop_size + 1;
 }
 
-// Whether the end of the stream makes a window of what is left behind the complete ones.
+// Whether the end of the stream makes a window of what the complete ones leave: frames after the
+// last of them, or all frames when there is none.
 bool feats_win_generator_t::has_final_window(int64_t available) const {
   if (available < window_size) return available > 0;
   return (available - window_size) % hop_size != 0;
@@ -72,6 +73,10 @@ bool feats_win_generator_t::add_data(const float* feats, int64_t feats_fnum, boo
   return true;
 }
 
+// Window k begins k hops after the frame at `kept`. After the windows have been copied `kept` moves
+// on to the beginning of the next one, and frames before it are dropped: all of them when the final
+// window is a short one, all but a window of them when it may reach back. Dropping once a call
+// keeps the cost per frame constant.
 int64_t feats_win_generator_t::emit_windows(float* out) {
   const int64_t held = held_frames();
   const int64_t final_frames = final_window_frames(held - kept);
@@ -86,7 +91,7 @@ int64_t feats_win_generator_t::emit_windows(float* out) {
     std::copy_n(frames.data() + first * feat_dim, count * feat_dim, out + emitted * feat_dim);
     emitted += count;
   }
-  // The last window of the stream has no successor and lets go of nothing.
+  // The last window of the stream has no successor: the frames at its beginning are kept.
   const int64_t hops = is_last ? std::max<int64_t>(0, window_count - 1) : window_count;
   kept += hops * hop_size;
   const int64_t reach = mode == mode_t::FIXED_HOP ? 0 : window_size;

@@ -23,6 +23,7 @@ bool IsLineSpace(char c) { return c == ' ' || c == '\t'; }
 int32_t ToInt(const char* token) { return static_cast<int32_t>(std::strtol(token, nullptr, 10)); }
 float ToFloat(const char* token) { return static_cast<float>(std::strtod(token, nullptr)); }
 
+// T or F in either case; otherwise a number, of which 0 is false.
 bool ParseBool(const char* token) {
   switch (token[0]) {
     case 'T':
@@ -36,6 +37,7 @@ bool ParseBool(const char* token) {
   }
 }
 
+// The type letter says what the destination is; AddProperty has checked it.
 void StoreValue(Property& property, const char* token) {
   property.set = true;
   if (property.destination == nullptr) return;
@@ -62,7 +64,8 @@ void CheckRequired(const PropertyTable& table) {
   }
 }
 
-// A token of a matrix; its absence and a token that does not fit are format errors.
+// The next token of a matrix. The end of the stream and a token that does not fit, which both read
+// as empty, are format errors.
 void NextMatrixToken(FILE* fp, Token& token) {
   get_next_token(fp, token);
   if (token[0] == '\0') ThrowError(Here(), "wrong matrix format!");
@@ -77,7 +80,8 @@ void OpenMatrix(FILE* fp, MatrixOpening opening) {
   ThrowError(Here(), "wrong matrix format! [leading:%s]", token);
 }
 
-// Hands the values of one matrix to `store(index, token)` in row-major order.
+// Passes the values of one matrix to `store(index, token)` in row-major order. Values are counted
+// as they come, so a caller may append them: the shape alone allocates nothing.
 template <class Store>
 void ReadMatrix(FILE* fp, int rows, int cols, MatrixOpening opening, Store store) {
   OpenMatrix(fp, opening);

@@ -1,6 +1,6 @@
-// The vectorised kernels are compiled once for every vector target and
-// chosen at run time. No kernel uses a fused multiply-add and none changes the order of a sum, so
-// each gives the same bits on every target as the scalar definitions in utils/fast-math.h.
+// The vectorised kernels are compiled once for every vector target and chosen at run time. No
+// kernel uses a fused multiply-add and none changes the order of a sum, so each gives the same bits
+// on every target as the scalar definitions in utils/fast-math.h.
 
 #include "nnet/base/element-kernels.h"
 
@@ -127,8 +127,9 @@ float ScalarMax(const float* v, size_t n, float max) {
   return max;
 }
 
-// Keeps, lane by lane, what a forward scan from v[0] would keep; so a NaN at the front stays and
-// later ones are passed over. Lanes can disagree with the scan only in the sign of a zero.
+// Each lane keeps what a forward scan over its own elements, beginning with v[0], would keep; so a
+// NaN at the front stays and later ones are passed over. The largest value does not depend on the
+// order of the scan but for the sign of a zero, which is looked up at the end.
 float MaxOf(const float* v, size_t n) {
   const hn::ScalableTag<float> d;
   const size_t lanes = hn::Lanes(d);
@@ -145,8 +146,9 @@ float MaxOf(const float* v, size_t n) {
   return max == 0.0F ? *std::find(v, v + n, 0.0F) : max;
 }
 
-// Sums of up to kSumRows rows, each in element order; the rows' chains of additions run side by
-// side.
+// The sum of a row is defined in element order, so that it is the same on every target: one chain
+// of additions, each of which waits for the one before. Eight rows are summed side by side, so that
+// their chains overlap; a block of fewer rows is summed row by row.
 constexpr size_t kSumRows = 8;
 
 void SumRows(const float* X, size_t rows, size_t cols, float* sums) {
@@ -164,7 +166,9 @@ void SumRows(const float* X, size_t rows, size_t cols, float* sums) {
   }
 }
 
-// Exponentials of every row, then `FinishOp{1 / sum}` over it.
+// Softmax of blocks of kSumRows rows in three passes: the exponentials of each row, the sums of all
+// rows of the block, then `FinishOp{1 / sum}` over each row. The block is small enough to stay in
+// the cache from pass to pass.
 template <class FinishOp>
 void SoftmaxRows(const float* in, size_t rows, size_t cols, float* out) {
   for (size_t first = 0; first < rows; first += kSumRows) {
@@ -288,6 +292,8 @@ void sum_strided_rows(float* X, size_t rows, size_t cols, size_t step, size_t sp
   }
 }
 
+// In tiles, so that neither the rows read nor the rows written leave the cache between two uses of
+// a cache line.
 void transpose(const float* src, float* dst, size_t rows, size_t cols) {
   constexpr size_t kTile = 16;
   for (size_t r0 = 0; r0 < rows; r0 += kTile) {

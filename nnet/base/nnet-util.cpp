@@ -11,7 +11,8 @@ namespace tarev::nnet::handwriting_CTC {
 namespace {
 
 constexpr size_t kAlignment = 64;
-// Four gigabytes: far above any real array, and below what would take a machine down.
+// Four gigabytes: far above any real array, and little enough that one array cannot exhaust a
+// machine.
 constexpr size_t kMaxFloats = size_t{1} << 30;
 
 // Zero-filled floats, or null when the count overflows or the memory cannot be had.
@@ -57,6 +58,7 @@ FloatArray::FloatArray(FloatArray&& other) noexcept
       size_(std::exchange(other.size_, 0)),
       owned_(std::exchange(other.owned_, true)) {}
 
+// A swap: what this array held is freed with the other one.
 FloatArray& FloatArray::operator=(FloatArray&& other) noexcept {
   std::swap(data_, other.data_);
   std::swap(size_, other.size_);

@@ -9,19 +9,22 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Replaces *p by a zero-filled, 64-byte aligned array of rows x cols floats (null when that is
-/// none). Throws "alloc memory failed!" and leaves *p when the memory cannot be had.
+/// Sets *p to a new zero-filled, 64-byte aligned array of rows x cols floats, or to null when that
+/// is none; what *p pointed to before is not freed. Throws "alloc memory failed!" and leaves *p
+/// when the memory cannot be had, or the count exceeds 2^30 floats. Free with free_floats.
 void alloc_floats(float** p, size_t rows, size_t cols);
 
-/// Regrows *p from old_count x unit to new_count x unit floats; the old contents stay, what is
-/// added is zero. Throws "realloc memory failed!" and leaves *p.
+/// Replaces the array *p of old_count x unit floats by one of new_count x unit: the old contents
+/// stay as far as they fit, what is added is zero. Throws "realloc memory failed!" and leaves *p.
 void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit);
 
-/// Frees an array made by alloc_floats or grow_floats.
+/// Frees an array made by alloc_floats or grow_floats; null is ignored.
 void free_floats(float* p) noexcept;
 
 /// An owned float array that knows its size, or a view of mapped parameters that is never freed and
-/// never written. Bytes that it takes are added to the counter that the caller hands over.
+/// never written. It only grows, so that a buffer which has had the size of the largest call needs
+/// no further allocation. The bytes that it takes are added to the counter that the caller passes,
+/// which is never lowered.
 class FloatArray {
  public:
   FloatArray() = default;
@@ -31,19 +34,22 @@ class FloatArray {
   FloatArray& operator=(const FloatArray&) = delete;
   ~FloatArray();
 
-  /// Replaces the contents by rows x cols zeros.
+  /// Replaces the contents by rows x cols zeros. Throws as alloc_floats and keeps the contents
+  /// then.
   void Allocate(size_t rows, size_t cols, uint64_t& memory_bytes);
-  /// Makes room for at least `count` floats, keeping the contents; one comparison when there is
-  /// room.
+  /// Makes room for at least `count` floats, keeping the contents; what is added is zero, and
+  /// pointers into the array become invalid. One comparison when there is room. Not for views.
+  /// Throws as grow_floats and keeps the array then.
   void Grow(size_t count, uint64_t& memory_bytes) {
     if (count > size_) GrowTo(count, memory_bytes);
   }
-  /// The same for an array that nobody counts.
+  /// The same without counting the bytes.
   void Grow(size_t count) {
     uint64_t not_counted = 0;
     Grow(count, not_counted);
   }
-  /// Views `count` floats that belong to someone else and outlive this array.
+  /// Drops the contents and views `count` floats instead, which are owned elsewhere and must
+  /// outlive this array.
   void Map(const float* values, size_t count) noexcept;
 
   float* data() noexcept { return data_; }

@@ -9,9 +9,12 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-// A product of few rows is bound by the copies that an ordinary sgemm makes of both operands. The
-// AVX-512 kernel sets have kernels that copy nothing, taken while M x N x K <= 10^6 and M x N <=
-// 1200; there such a product is cut into calls of that size. Elsewhere whole calls are faster.
+// Streaming calls multiply a few rows with a large weight matrix. An ordinary sgemm first copies
+// both operands into the layout of its kernel, and for few rows those copies cost more than the
+// product. The AVX-512 kernel sets also have kernels that copy nothing, which the library takes
+// while M x N x K <= 10^6 and M x N <= 1200. On those machines such a product is cut into calls of
+// that size: tiles of 16 rows and as many outputs as fit, in multiples of 16 for whole vectors.
+// Elsewhere, and for many rows, whole calls are faster. A single row is a matrix-vector product.
 namespace {
 
 blasint ToBlas(size_t n) { return static_cast<blasint>(n); }
@@ -20,6 +23,7 @@ constexpr size_t kSmallProduct = 1'000'000;
 constexpr size_t kSmallResult = 1200;
 constexpr size_t kTileRows = 16;
 constexpr size_t kTileGrain = 16;
+// Above so many rows the copies are worth their cost.
 constexpr size_t kFewRows = 128;
 
 using Band = StridedRows<float>;
@@ -60,6 +64,7 @@ void TiledSgemm(ConstBand A, ConstBand B, Band C, size_t M, size_t N, size_t K, 
   }
 }
 
+// x = beta x, the result of a product without terms.
 void ScaleOrClear(Band x, size_t rows, size_t cols, float beta) {
   for (size_t r = 0; r < rows; ++r) {
     float* row = RowsFrom(x, r).data;

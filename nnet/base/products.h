@@ -1,8 +1,12 @@
 #ifndef NNET_BASE_PRODUCTS_H_
 #define NNET_BASE_PRODUCTS_H_
 
-// Dense products through CBLAS. Matrices are row-major; shapes are the caller's promise. Products
-// round as the BLAS library does. With beta 0 the previous contents of the result do not matter.
+// Dense products through CBLAS. Matrices are row-major without padding unless a stride says
+// otherwise; shapes are the caller's promise, and the result overlaps no operand. Products round as
+// the BLAS library does: the order of their sums depends on the processor's kernels and on the
+// number of rows, so the same row may differ in its last bits between a call for one frame and a
+// call for many. With beta 0 the previous contents of the result do not matter. A size of 0 is
+// allowed: a product over K = 0 terms is beta C.
 
 #include <cstddef>
 
@@ -11,7 +15,8 @@ namespace tarev::nnet::handwriting_CTC {
 /// C (M x N) = alpha A (M x K) B' + beta C, with B stored N x K.
 void matmul_trans_b(const float* A, const float* B, float* C, size_t M, size_t N, size_t K,
                     float alpha, float beta);
-/// Rows `stride` floats apart, such as a band of columns of a wider matrix.
+/// Rows `stride` floats apart, such as a band of columns of a wider matrix. A view: `data` is not
+/// owned.
 template <class T>
 struct StridedRows {
   T* data;
@@ -30,7 +35,8 @@ void vec_mul_vec(const float* a, const float* x, float* y, size_t n, float alpha
 /// x = alpha x. A factor of 0 gives zeros, whatever x holds.
 void scale_vec(float* x, size_t n, float alpha);
 
-/// Whether the BLAS library's core has the kernels that few-row products are cut for.
+/// Whether the BLAS library chose one of the kernel sets with kernels for small products (those for
+/// AVX-512), which products of few rows are then cut for.
 bool has_small_matrix_kernels();
 /// The name of the kernel set that the BLAS library chose for this processor.
 const char* blas_core_name();

@@ -21,7 +21,8 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-/// out[i] = op(in[i]). The tail runs through the same vector code on a padded copy.
+/// out[i] = op(in[i]) for n values; `in` and `out` may be the same array. The tail runs through the
+/// same vector code on a padded copy, so that a value gives the same bits wherever it is.
 template <class Op>
 void Map(const float* in, size_t n, float* out, const Op& op) {
   const hn::ScalableTag<float> d;
@@ -35,7 +36,7 @@ void Map(const float* in, size_t n, float* out, const Op& op) {
   std::copy_n(tail, n - i, out + i);
 }
 
-/// out[i] = op(a[i], b[i]).
+/// out[i] = op(a[i], b[i]), likewise; `out` may be `a` or `b`.
 template <class Op>
 void Map2(const float* a, const float* b, size_t n, float* out, const Op& op) {
   const hn::ScalableTag<float> d;
@@ -70,8 +71,9 @@ HWY_INLINE V ExpFromBits(D d, V t) {
   return hn::Mul(p, power);
 }
 
-/// e^-|x|, or 0 once it underflows or x is NaN. Since -(|x| c) + B and B - |x| c round alike, this
-/// is the one exponential that both branches of the sigmoid and of tanh need.
+/// e^-|x|, or 0 once it underflows or x is NaN. This one exponential e serves both branches of the
+/// sigmoid, 1 / (1 + e) and e / (1 + e), and of tanh; their scalar definitions use different signs
+/// of x, but -(|x| c) + B and B - |x| c round alike.
 template <class D, class V>
 HWY_INLINE V ExpOfMinusAbs(D d, V x) {
   const V t = hn::Sub(hn::Set(d, fast_math::kExpBias),
@@ -79,6 +81,8 @@ HWY_INLINE V ExpOfMinusAbs(D d, V x) {
   return hn::IfThenElseZero(hn::Gt(t, hn::Zero(d)), ExpFromBits(d, t));
 }
 
+/// 1 / (1 + e^-x) for x > 0, e^x / (1 + e^x) otherwise: the exponential never overflows. NaN stays
+/// NaN.
 template <class D, class V>
 HWY_INLINE V Sigmoid(D d, V x) {
   const V one = hn::Set(d, 1.0F);
@@ -87,6 +91,7 @@ HWY_INLINE V Sigmoid(D d, V x) {
   return hn::IfThenElse(hn::Eq(x, x), y, hn::Set(d, std::numeric_limits<float>::quiet_NaN()));
 }
 
+/// 2 / (1 + e^-2|x|) - 1 with the sign of x, the square of e^-|x| being e^-2|x|. NaN gives 1.
 template <class D, class V>
 HWY_INLINE V Tanh(D d, V x) {
   const V one = hn::Set(d, 1.0F);
@@ -97,7 +102,7 @@ HWY_INLINE V Tanh(D d, V x) {
   return hn::IfThenElse(hn::Eq(x, x), y, one);
 }
 
-/// fast_math::ExpOrLimits of x * kExpScale + kExpBias.
+/// fast_math::ExpOrLimits of x * kExpScale + kExpBias: e^x for every x, +infinity for NaN.
 template <class D, class V>
 HWY_INLINE V ExpOfDifference(D d, V x) {
   const V t =
@@ -107,7 +112,8 @@ HWY_INLINE V ExpOfDifference(D d, V x) {
   return hn::IfThenElse(hn::Lt(t, hn::Set(d, fast_math::kExpLimit)), e, infinity);
 }
 
-/// fast_math::FastLog. The bits become a float with one rounding: both halves convert exactly.
+/// fast_math::FastLog. Not every target converts unsigned integers: the bits are converted in two
+/// halves, each exactly, so that their sum is rounded once, as the scalar conversion is.
 template <class D, class V>
 HWY_INLINE V Log(D d, V x) {
   const hn::RebindToUnsigned<D> du;

@@ -10,6 +10,7 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
+// The values of an array, without spare rows.
 std::span<const float> Values(const ParameterRef& parameter) {
   return std::as_const(*parameter.array).values().first(parameter.count());
 }
@@ -26,7 +27,8 @@ int32_t ToIntIn(float value, int32_t low, int32_t high) {
   return static_cast<int32_t>(value);
 }
 
-// Both directions of one block's code.
+// Both directions of one block's code. A write after a read gives the same codes because each
+// decoded value encodes to the code it came from; where it does not, the reader keeps the codes.
 struct Coding {
   CodeForm form;
   float scale;
@@ -50,14 +52,15 @@ struct Coding {
   }
 };
 
-// The scale and zero point that spread the values over all codes.
+// The scale and zero point that spread the values over all codes, and those codes. NaNs are passed
+// over unless the first value is one: then the scale is NaN and all codes are 0.
 FixedBlock FitAsymmetric(std::span<const float> values) {
   FixedBlock block;
   block.codes.resize(values.size());
   if (values.empty()) return block;
   float lo = values[0];
   float hi = values[0];
-  for (const float value : values) {  // passes over NaNs
+  for (const float value : values) {  // neither comparison holds for a NaN
     if (value < lo) lo = value;
     if (value > hi) hi = value;
   }
@@ -68,7 +71,7 @@ FixedBlock FitAsymmetric(std::span<const float> values) {
     const Coding coding{CodeForm::kAsymmetric, block.scale, block.zero_point};
     std::ranges::transform(values, block.codes.begin(),
                            [&](float value) { return coding.Encode(value); });
-  } else if (lo != 0.0F) {  // one value: code 0 at a zero point of 127 stands for it
+  } else if (lo != 0.0F) {  // one value: code 0 with a zero point of 127 means it
     block.scale = 127.0F / std::fabs(lo);
     block.zero_point = lo > 0.0F ? 127 : -127;
   }

@@ -3,9 +3,12 @@
 
 // Arrays as 8-bit blocks.
 //
-// Symmetric: a float scale, then one signed byte a value; code q stands for q / scale.
-// Asymmetric: a float scale, an int32 zero point, for matrices a float sum of codes a row, then one
-// unsigned byte a value; code q stands for (q + zero point) / scale.
+//   Symmetric: a float scale, then one signed byte a value; code q means q / scale.
+//   Asymmetric: a float scale, an int32 zero point, for matrices a float sum of codes for each row,
+//   then one unsigned byte a value; code q means (q + zero point) / scale.
+//
+// A block is decoded when it is read and computation is in floats, so the form decides about the
+// size of a file and not about the kernels.
 
 #include <cstdint>
 #include <cstdio>
@@ -15,27 +18,31 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// What an array that was read from an 8-bit block keeps, so that writing it gives the same bytes.
+/// What is kept of the 8-bit block that an array was read from, so that a write gives the same
+/// bytes.
 struct FixedBlock {
   float scale = 1.0F;
   int32_t zero_point = 0;
-  /// As stored. No computation uses them.
+  /// As stored, one a row; empty for vectors and in symmetric form. No computation uses them.
   std::vector<float> row_sums;
-  /// The codes themselves. After a read they are kept only when the decoded floats cannot give them
+  /// The codes. After a read they are kept only when encoding the decoded floats does not give them
   /// back (a zero point too large for a float, a scale of 0).
   std::vector<uint8_t> codes;
 };
 
-/// Reads and decodes a block into the array, which is allocated; false when it is cut short.
+/// Reads and decodes a block into the array, which is allocated and counted in memory_bytes. False
+/// when the block is cut short. The shape must have been compared with the rest of the file.
 bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, FixedBlock& block,
                    uint64_t& memory_bytes);
-/// Encodes with the scale, zero point and row sums that were read.
+/// Writes with the scale, zero point and row sums that were read, and the codes where they are
+/// kept.
 bool WriteCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form,
                     const FixedBlock& block);
-/// Encodes with scales of its own: symmetric, so that the largest magnitude gets the code 127;
-/// asymmetric, so that the values spread over all 256 codes.
+/// Encodes with scales that fit the values: symmetric, so that the largest magnitude gets the code
+/// 127; asymmetric, so that the values spread over all 256 codes. Both write functions return false
+/// on the first failed write.
 bool WriteCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form);
-/// The bytes that such a block takes in the file; saturates.
+/// The bytes that such a block takes in the file. rows x cols must be known not to wrap around.
 size_t CodeBlockBytes(const ParameterRef& parameter, CodeForm form);
 
 }  // namespace tarev::nnet::handwriting_CTC

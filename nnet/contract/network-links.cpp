@@ -4,6 +4,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
+// Announcements come in network order, so running totals are sorted by position and one search
+// gives the total of all later layers.
 void NetworkLinks::ConsumeContext(int64_t frames) {
   consumed_.push_back({position_, (consumed_.empty() ? 0 : consumed_.back().total) + frames});
 }

@@ -14,11 +14,12 @@ namespace tarev::nnet::handwriting_CTC {
 
 /// Where the layers of one network meet while an executor is built over it. The executor visits all
 /// layers twice in network order: first each one announces what it offers (Component::Announce),
-/// then each one takes what it needs (Component::Link). What a family shares stands in a type of its
-/// own, so that neither the executor nor this class knows any layer.
+/// then each one takes what it needs (Component::Link). What a family shares has a type of its own,
+/// so that neither the executor nor this class knows any layer. It lives while the executor is
+/// built; layers keep what they took.
 class NetworkLinks {
  public:
-  /// `place` is the executor's, under which failures of linking are logged.
+  /// `place` is the executor's place in the source, under which failures of linking are logged.
   explicit NetworkLinks(std::source_location place) : place_(place) {}
 
   std::source_location place() const { return place_; }
@@ -34,9 +35,9 @@ class NetworkLinks {
     return *static_cast<State*>(slot.get());
   }
 
-  /// Announces that this layer consumes so many frames of context in every call.
+  /// Announces that the layer being visited consumes `frames` frames of context in every call.
   void ConsumeContext(int64_t frames);
-  /// Frames of context that the layers after this one consume.
+  /// The announced context of all layers after the one being visited; complete in the second visit.
   int64_t ContextAfter() const;
 
  private:

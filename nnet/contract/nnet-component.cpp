@@ -18,6 +18,7 @@ namespace {
 
 using Token = char[kTokenSize];
 
+// The marker under which a code is registered; throws for an unknown code.
 const std::string& MarkerOf(int code) {
   const auto entry = Component::component_map.find(code);
   if (entry == Component::component_map.end()) {
@@ -33,6 +34,7 @@ int NextToken(FILE* fp, Token& token) {
   return separator;
 }
 
+// A decimal number; what is none reads as 0, which the layer's own checks then see.
 int NextNumber(FILE* fp) {
   Token token;
   NextToken(fp, token);
@@ -51,8 +53,8 @@ bool NamesOutput(const char* token) {
   return StartsWith(token, "<OutputDim>") || StartsWith(token, "<OutputChannel>");
 }
 
-// The optional dimensions of a channel layer, in either order; a token that names neither is put
-// back.
+// The optional dimensions of a channel layer, in either order; a token that names neither is left
+// in the stream.
 void ReadChannelDims(FILE* fp, Component& layer) {
   Token token;
   const int separator = get_next_token(fp, token);
@@ -88,8 +90,8 @@ bool ReadChannelHeader(FILE* fp, Component& layer) {
   return true;
 }
 
-// Containers read what they nest through the reader that read them; a file must not be able to
-// exhaust the stack that way.
+// A container reads its components through the same reader that read it: the depth of that
+// recursion is bounded, so that a file cannot exhaust the stack.
 constexpr int kMaxNesting = 16;
 
 class NestingGuard {
@@ -114,6 +116,8 @@ void CheckReadable(FILE* fp, std::source_location where) {
   if (std::feof(fp) != 0) ThrowError(where, "end of file reached!");
 }
 
+// The message says only that the component failed; the reason travels with the exception, for
+// callers that want to name the place.
 [[noreturn]] void ThrowRefused(std::source_location where, const Component& layer) {
   constexpr const char* kMessage = "read component failed!";
   LogWarning(where, "%s", kMessage);

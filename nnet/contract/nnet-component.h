@@ -2,7 +2,7 @@
 #define NNET_CONTRACT_NNET_COMPONENT_H_
 
 // The contract between a layer and the rest of the runtime, with the readers and writers of a whole
-// component. Everything above sees a layer only through this class.
+// component. Executor, containers and tools see a layer only through this class.
 
 #include <cstdint>
 #include <cstdio>
@@ -31,8 +31,13 @@ constexpr int FixedTypeOf(int code) {
   return code;
 }
 
-/// What one call of a layer does at most: the frames it gives, the floats of its input block that it
-/// reads and the floats of its output block that it writes. The executor lends no layer less room.
+/// What a layer announces for one call, before it runs. `reads` and `writes` are bounds that the
+/// layer keeps: the executor refuses a call whose input holds fewer than `reads` floats, and lends
+/// an output buffer of at least `writes`.
+///
+/// `frames` is exact for most layers. A layer whose count depends on earlier calls or on other
+/// layers may give another number, up or down; it then sets output_frames while it runs, and
+/// `writes` covers what it gives.
 struct CallPlan {
   int64_t frames;
   uint64_t reads;
@@ -43,24 +48,31 @@ struct CallPlan {
 /// machine's memory.
 inline constexpr uint64_t kMaxBlockFloats = uint64_t{1} << 29;
 
-/// The most floats that a layer takes before its frames have come, where nothing in the model file
-/// but a number in its header asks for them. Larger buffers grow in the call that fills them.
+/// The most floats that a layer allocates ahead of its frames where nothing but a number in the
+/// header of the model file asks for them. Larger buffers grow in the call that fills them.
 inline constexpr uint64_t kMaxFloatsAhead = uint64_t{1} << 22;
 
 /// Tags the constructor of layers that work on one plane per channel.
 struct ChannelForm {};
 
-/// A layer. A block of n frames is n x channels x dim floats: frame after frame for one-dimensional
-/// layers, plane after plane for channel layers. The dimension handed from layer to layer is the
-/// one of a single channel. A layer owns its parameters and working buffers, never the memory it
-/// writes its output to. It is used by one thread at a time.
+/// A layer: its dimensions, its parameters, what it carries from call to call, and its computation.
+///
+/// A block of n frames is n x channels x dim floats: frame after frame for one-dimensional layers,
+/// plane after plane for channel layers. The dimension that is handed from layer to layer is the
+/// one of a single channel.
+///
+/// A layer owns its parameters and working buffers, never the blocks that it reads and writes.
+/// Layers that work in place change their input block; each says so. A layer is used by one thread
+/// at a time; different layers share nothing but what a network's linking shares. A call that
+/// throws leaves the layer fit for Reset and further calls, but what it carries is then not
+/// defined.
 class Component {
  public:
   virtual ~Component() = default;
   Component(const Component&) = delete;
   Component& operator=(const Component&) = delete;
 
-  // Identity.
+  // Identity. The markers carry their angle brackets and throw for a code that is not registered.
   virtual int GetType() const = 0;
   virtual int GetFixedType() const = 0;
   virtual void GetTypeMarker(std::string& out) const;
@@ -68,7 +80,8 @@ class Component {
   virtual const std::string& TypeMarker() const;
   virtual const std::string& FixedTypeMarker() const;
 
-  // Shape.
+  // Shape. A dimension that is not positive is not set. Layers without a width of their own adopt
+  // the caller's, so these may change with the first call.
   virtual int InputDim() const { return input_dim; }
   virtual int OutputDim() const { return output_dim; }
   virtual int InputChannel() const { return input_channel; }
@@ -76,6 +89,8 @@ class Component {
 
   /// Grows the working buffers for a call of `frames` input frames; never shrinks them.
   virtual void Reserve(int64_t /*frames*/) {}
+  /// Bytes of parameters and working buffers allocated so far; never falls. Layers say what they
+  /// leave out.
   virtual uint64_t MemoryBytes() const { return memory_bytes; }
   /// Frames that the last call produced.
   virtual int64_t OutputFrames() const { return output_frames; }
@@ -83,44 +98,50 @@ class Component {
   virtual int64_t CalcOutputFrames(int64_t in_frames) const {
     return in_frames > 0 ? in_frames : 0;
   }
-  /// Output frames of the next call, counting what a streaming layer holds over (there a bound).
+  /// Output frames of the next call as far as they can be known beforehand; see CallPlan::frames.
   virtual int64_t CalcStreamOutputFrames(int64_t in_frames) const {
     return CalcOutputFrames(in_frames);
   }
   /// Whether the caller's width must equal input_dim (when that is set).
   virtual bool CheckInputDim() const { return true; }
-  /// Clears what is carried from call to call.
+  /// Forgets what is carried from call to call; the next call begins a new input. Keeps all memory.
   virtual void Reset() {}
-  /// Frames of context that the layer consumes at the edges.
+  /// Frames at the edges of every call that the layer reads but gives no output for.
   virtual int64_t LeftContext() const { return 0; }
   virtual int64_t RightContext() const { return 0; }
 
   // The parameter block, described once. The readers and writers below walk the description.
 
-  /// The values in front of the arrays, in file order.
+  /// The values before the arrays, in file order. The pointers stay valid as long as the layer.
   virtual FieldList Fields() { return {}; }
   /// Checks header and fields against each other and derives what follows from them. Called after
-  /// the fields have been read and before anything else is.
+  /// the fields have been read and before arrays and nested components are. False, with the reason
+  /// in `why`, refuses the block.
   virtual bool Validate(Refusal& /*why*/) { return true; }
-  /// The arrays in file order, with the shapes that header and fields give them.
+  /// The arrays in file order, with the shapes that header and fields give them; valid once
+  /// Validate has held.
   virtual ParameterList MutableParameters() { return {}; }
   ParameterList Parameters() const { return const_cast<Component*>(this)->MutableParameters(); }
   /// The complete components after the arrays, in file order.
   virtual NestedList Nested() { return {}; }
-  /// Checks a nested component right after it was read, before the next one is; null stands for one
-  /// that the text form lacks.
+  /// Checks nested component `index` right after it was read and before the next one is; it is null
+  /// where the text form lacks it. The default accepts any component that is there.
   virtual bool AcceptNested(size_t index, Refusal& why);
   /// How all arrays are stored.
   virtual BlockForm Form() const { return {}; }
-  /// Of a layer that is stored as 8-bit blocks: what it keeps of them, an entry an array.
+  /// For a layer that is stored as 8-bit blocks: what it keeps of them, one entry for each array.
+  /// Null for all others.
   virtual std::vector<FixedBlock>* StoredCodes() { return nullptr; }
   /// Why the last read of the block failed.
   const Refusal& LastRefusal() const { return refusal_; }
 
-  // False on the first short read or write and on a failed check.
+  // The block alone, without the header. False on the first short read or write and on a failed
+  // check; LastRefusal then tells the reason of a read. The layer may hold part of the block then
+  // and must not run. The text reader also throws, as the readers of properties and matrices do.
   virtual bool ReadData(FILE* fp) { return ReadBlock(fp, *this, refusal_); }
-  /// Takes the block from an image in memory that outlives the layer and advances the cursor past
-  /// it. Only AffineTransform and Blstm do.
+  /// Takes the block from an image in memory, without copying, and advances the cursor past it. The
+  /// image must outlive the layer, and is trusted to be complete. Only AffineTransform and Blstm
+  /// read it; all others leave the cursor where it is.
   virtual bool MapData(const char** /*cursor*/) { return true; }
   virtual bool ReadTextData(FILE* fp, bool binary) {
     return binary ? ReadData(fp) : ReadTextBlock(fp, *this, refusal_);
@@ -128,8 +149,9 @@ class Component {
   virtual bool WriteData(FILE* fp) const { return WriteBlock(fp, *this); }
   virtual bool WriteFixedData(FILE* fp) const { return WriteFixedBlock(fp, *this); }
 
-  /// Computes one call: reads `frames` frames of width in_dim, writes the output frames. A layer
-  /// whose frame count is only bounded beforehand stores the exact one in output_frames.
+  /// Computes one call: reads `frames` frames of width in_dim from `in` and writes the output
+  /// frames to `out`; the blocks do not overlap unless the layer allows it, and hold what Plan asks
+  /// for. Throws when the width or the number of frames does not fit the layer.
   virtual void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                             int call_id) = 0;
   /// The entry that Propagate calls. A negative call_id marks the end of the input.
@@ -138,17 +160,18 @@ class Component {
     PropagateFnc(in, frames, in_dim, out, call_id);
   }
 
-  // What the runtime asks for beside the computation.
+  // What the runtime asks for beside the computation. None of it changes what a call computes.
 
-  /// What a call of so many frames of that width does at most. The default is whole blocks: every
-  /// input channel and every output channel at the widths that this call will use. A layer with
-  /// another rule answers for itself.
+  /// The plan of a call of `frames` frames of width in_dim, from the layer's present state. The
+  /// default is whole blocks: every input and output channel at the widths that this call will use.
   virtual CallPlan Plan(int64_t frames, int in_dim) const;
-  /// The most frames that a call of so many can give, asked in network order while room is made
-  /// ahead of the call.
+  /// The most frames that a call of `in_frames` gives, asked in network order while room is made
+  /// ahead of the call. A hint, which sizes the buffers of the layers after this one.
   virtual int64_t MostFrames(int64_t in_frames) const { return CalcStreamOutputFrames(in_frames); }
-  /// Offers other layers of the network what they may need, and takes what only layers before this
-  /// one offer; then, when all have announced themselves, takes the rest.
+  /// The two visits of linking, each to all layers in network order. Announce offers what layers
+  /// after this one may need, and takes what layers before it have offered; Link takes what any
+  /// layer has offered. Both throw when something is missing or taken twice. Building another
+  /// executor over the network repeats them.
   virtual void Announce(NetworkLinks& /*links*/) {}
   virtual void Link(NetworkLinks& /*links*/) {}
   /// Whether every call gives one frame for each frame it takes, whatever came before, so that a
@@ -161,14 +184,16 @@ class Component {
   virtual bool GivesPlanes() const { return is_2d; }
   /// Number of values in the arrays, those of nested layers included.
   virtual uint64_t ParameterCount() const;
-  /// The layers and registers that this one is linked to, for a person to read; empty without any.
+  /// The layers and registers that this one is linked to, as text for a reader; empty without any.
   virtual std::string Links() const { return {}; }
   /// Whether WriteFixedData gives a block that reads back under GetFixedType.
   virtual bool HasFixedForm() const { return true; }
 
   /// Throws when CheckInputDim asks for it and in_dim is not the layer's own.
   void CheckWidth(int in_dim) const;
-  /// Runs the layer once: width check, frame count, computation, and the width that came out.
+  /// Runs the layer once on blocks of the caller, who answers for their sizes: checks the width,
+  /// computes, and stores in *out_dim the width that came out. output_frames holds the frames
+  /// given.
   void Propagate(const float* in, int64_t frames, int in_dim, float* out, int* out_dim,
                  int call_id);
   /// The same for a caller that has checked the width and holds the plan of the call.
@@ -177,24 +202,29 @@ class Component {
     output_frames = plan.frames;
     PropagateChunk(in, frames, in_dim, out, call_id);
   }
-  /// Runs a nested layer in the room that its container has: throws before anything is computed
-  /// when the call would read beyond `in` or write beyond `out`. What it leaves of `out` is zero
-  /// then.
+  /// Runs a nested layer within the blocks that its container has. Throws before anything is
+  /// computed when the call would read more than `in` or write more than `out`. What the layer does
+  /// not write of `out` is zero afterwards.
   void PropagateWithin(std::span<const float> in, int64_t frames, int in_dim, std::span<float> out,
                        int call_id);
 
   // Whole components.
 
-  /// Reads one binary component, header and block; the caller owns it. Throws on every failure, and
-  /// when components are nested too deeply.
+  /// Reads one binary component, header and block; the caller owns it. Throws ComponentRefused when
+  /// the block is refused, and std::runtime_error when the stream ends, the type is unknown or
+  /// components are nested more than 16 deep. The stream is then somewhere inside the component.
   static Component* Read(FILE* fp);
-  /// The same for binary; otherwise reads the text form and returns null at "</Nnet>".
+  /// The same for `binary`; otherwise reads the text form and returns null at "</Nnet>".
   static Component* Read(FILE* fp, bool binary);
-  /// Writes header and block, under GetType and under GetFixedType.
+  /// Writes header and block, under GetType and under GetFixedType. False on the first failed
+  /// write.
   bool Write(FILE* fp) const;
   bool WriteFixed(FILE* fp) const;
 
-  // The registry. Both maps are built when the library is loaded and only read afterwards.
+  // The registry: by type code, the marker and the factory; by marker, the code and the factory.
+  // Both maps are built when the library is loaded and only read afterwards, by any thread. A
+  // factory takes the two dimensions, or the two channels of a channel layer; its caller owns the
+  // result.
 
   using Factory = Component* (*)(int first, int second);
   using ComponentMap = std::map<int, std::pair<std::string, Factory>>;
@@ -202,6 +232,7 @@ class Component {
   static const ComponentMap component_map;
   static const MarkerMap marker_map;
 
+  /// From the header; see Shape above for values that are not set.
   int32_t input_dim = 0;
   int32_t output_dim = 0;
   bool input_dim_set = false;
@@ -209,6 +240,7 @@ class Component {
   int32_t input_channel = 1;
   int32_t output_channel = 1;
   bool is_2d = false;
+  /// Frames that the last call gave.
   int64_t output_frames = 0;
   uint64_t memory_bytes = 0;
 
@@ -216,7 +248,7 @@ class Component {
   Component(int input_dim_arg, int output_dim_arg);
   Component(ChannelForm form, int input_channel_arg, int output_channel_arg);
 
-  /// Throws the dimension message: this layer stores parameters for rows of `wanted` floats.
+  /// Throws the dimension message: this layer has parameters for rows of `wanted` floats.
   [[noreturn]] void ThrowWidthMismatch(int wanted, int in_dim) const;
   void RequireWidth(int wanted, int in_dim) const {
     if (wanted != in_dim) ThrowWidthMismatch(wanted, in_dim);
@@ -238,24 +270,28 @@ class Component {
   bool WriteHeader(FILE* fp, int code) const;
 };
 
-/// Creates a layer of the given code, owned by the caller.
+/// Creates a layer of the given code, owned by the caller. Throws when no layer has it. `first` and
+/// `second` are the input and output dimension, or the channels of a channel layer.
 Component* NewComponentOfType(int code, int first, int second);
 
-/// Reads the dimensions of a text component after its marker; returns the type code.
+/// Reads the two values of a text component that follow its marker: bare with the output first, or
+/// named in either order. Returns the type code of the marker. Throws when the marker is unknown or
+/// a value is missing.
 int ReadComponentHeader(FILE* fp, const char* marker, int* first, int* second);
 
 /// channels x dim x frames in 64 bits; negative factors count as none, overflow saturates.
 uint64_t BlockFloats(int64_t channels, int64_t dim, int64_t frames);
 
-/// The base of layers that work on one plane per channel.
+/// The base of layers that work on one plane per channel. Their header carries channels and
+/// dimensions; constructed with the channels alone, the dimensions not set.
 class ChannelComponent : public Component {
  protected:
   ChannelComponent(int input_channel_arg, int output_channel_arg)
       : Component(ChannelForm(), input_channel_arg, output_channel_arg) {}
 };
 
-/// Gives a layer class its two type codes. Codes stand at the leaf of a family, so that everything
-/// below it is compiled once.
+/// Gives a layer class its two type codes. A code belongs to the leaf of a family, so that
+/// everything below it is compiled once.
 template <int kCode, class Base = Component, int kFixedCode = FixedTypeOf(kCode)>
 class LayerOf : public Base {
  public:
@@ -265,8 +301,8 @@ class LayerOf : public Base {
   int GetFixedType() const override { return kFixedCode; }
 };
 
-/// The twin of a layer that is stored as 8-bit blocks. The codes become floats when they are read;
-/// from then on it computes as its float twin.
+/// The twin of a layer that is stored as 8-bit blocks. The codes are decoded to floats when they
+/// are read, and it then computes as its float twin does.
 template <int kCode, class Base>
 class FixedLayerOf : public LayerOf<kCode, Base> {
  public:

@@ -13,6 +13,12 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
+// Every walk goes over the description in the order of the file: fields, arrays, nested components.
+// Readers let the layer check the fields in between (Validate), since the shapes of the arrays
+// follow from them; a reader therefore asks for the arrays only after that. One description serves
+// reading and writing, so the two cannot drift apart, and each check of a size exists once for all
+// layers.
+
 bool InBinary(const Field& field) { return field.use != FieldUse::kTextOnly; }
 bool InText(const Field& field) { return field.use != FieldUse::kBinaryOnly; }
 
@@ -56,6 +62,8 @@ bool ReadFields(FILE* fp, const FieldList& fields, Refusal& why) {
   });
 }
 
+// Properties form one line, in any order, and custom parts follow them; so the properties are
+// collected first, whatever their place in the list.
 bool ReadTextFields(FILE* fp, const FieldList& fields, Refusal& why) {
   PropertyTable properties;
   std::vector<CustomPart*> parts;
@@ -90,9 +98,11 @@ bool WriteFields(FILE* fp, const FieldList& fields) {
   });
 }
 
-// ---- Arrays ---------------------------------------------------------------------------------------
+// ---- Arrays ------------------------------------------------------------------------------------
 
-// How the arrays of a layer are stored in its own binary form.
+// Reads the arrays of one layer in its own stored form: 8-bit blocks when `codes` is set, otherwise
+// 32-bit or 16-bit floats. Each array is checked against the rest of the file, allocated, filled
+// and brought into the order in which the layer holds it.
 struct ArrayReader {
   BlockForm form;
   std::vector<FixedBlock>* codes = nullptr;
@@ -104,7 +114,8 @@ struct ArrayReader {
     return parameter.count() * (form.floats == FloatForm::kHalf ? sizeof(uint16_t) : sizeof(float));
   }
 
-  // A shape from a model file: its bytes must not wrap, and must still be in the file.
+  // A shape from a model file is trusted only after this: its bytes must not wrap around and must
+  // still be in the file. The bound leaves room for four-byte values and row sums.
   bool Holds(FILE* fp, const ParameterRef& parameter) const {
     constexpr size_t kMostValues = SIZE_MAX / 16;
     const size_t rows = std::max<size_t>(parameter.rows, 1);
@@ -143,7 +154,8 @@ struct ArrayReader {
     return true;
   }
 
-  // Values stay as they are read; of 8-bit blocks only the scales are derived.
+  // Text holds decimal values whatever the stored form. They are kept as they are; a fixed-point
+  // layer derives the scales that a write will use.
   void ReadText(FILE* fp, const ParameterRef& parameter, size_t index) const {
     std::vector<float> values;
     if (parameter.text_by_row) {
@@ -166,6 +178,8 @@ struct ArrayReader {
   }
 };
 
+// Calls visit(arrays, reader) with the layer's arrays and the reader of its stored form. Entries of
+// stored codes are made anew, one for each array.
 template <class Visit>
 void VisitArrays(Component& layer, Refusal& why, Visit visit) {
   const ParameterList arrays = layer.MutableParameters();
@@ -203,6 +217,8 @@ bool WriteFloats(FILE* fp, const ParameterRef& parameter, FloatForm form) {
   return WriteArray(fp, std::span<const uint16_t>(halves));
 }
 
+// Three cases: a fixed-point layer repeats the codes that it read, the fixed-point write of a float
+// layer encodes, everything else writes floats.
 bool WriteArrays(FILE* fp, const Component& layer, bool fixed) {
   const ParameterList arrays = layer.Parameters();
   const BlockForm form = layer.Form();
@@ -218,8 +234,10 @@ bool WriteArrays(FILE* fp, const Component& layer, bool fixed) {
   return true;
 }
 
-// ---- Nested components ----------------------------------------------------------------------------
+// ---- Nested components -------------------------------------------------------------------------
 
+// A refusal inside a nested component is passed on with its place in this one, so that the reason
+// names the whole way from the outermost component.
 bool ReadNested(FILE* fp, Component& layer, bool binary, Refusal& why) {
   const NestedList nested = layer.Nested();
   for (size_t i = 0; i < nested.size(); ++i) {

@@ -1,9 +1,9 @@
 #ifndef NNET_CONTRACT_PARAMETER_BLOCK_H_
 #define NNET_CONTRACT_PARAMETER_BLOCK_H_
 
-// The description of a parameter block. A layer says its block once: the fields in front, the
-// arrays, the nested components and how its arrays are stored. Binary and text reading, writing,
-// fixed-point writing and mapping are walks of that description, declared at the end.
+// The description of a parameter block. A layer describes its block once: the fields, the arrays
+// after them, the nested components and how its arrays are stored. Binary and text reading,
+// writing, fixed-point writing and mapping are walks of that description, declared at the end.
 
 #include <concepts>
 #include <cstddef>
@@ -25,7 +25,9 @@ class Component;
 /// A dimension as a size; a negative one counts as none.
 constexpr size_t ToSize(std::integral auto n) { return n > 0 ? static_cast<size_t>(n) : 0; }
 
-/// A part of a block with a format of its own.
+/// A part of a block with a format of its own, which the walks hand over to the layer. Readers
+/// return false on a short read or a failed check and give the reason in `why`; the text reader may
+/// also throw. A part without a text form keeps the default and reads nothing there.
 class CustomPart {
  public:
   CustomPart() = default;
@@ -45,9 +47,10 @@ enum class FieldUse {
   kBinaryOnly,  // absent from the text form
 };
 
-/// A value in front of the arrays. Its type in the file follows from the member's: int32, float,
-/// one byte for a bool, a byte count and the bytes for a string. `name` is the text property's;
-/// where there is none it serves reasons only. A null int32 is read from the text form and dropped.
+/// A value before the arrays. Its type in the file follows from the member's: int32, float, one
+/// byte for a bool, a byte count and the bytes for a string. `name` is that of the text property; a
+/// field without one carries a description, which only reasons show. A null int32 pointer is read
+/// from the text form and dropped.
 struct Field {
   const char* name;
   std::variant<int32_t*, float*, bool*, std::string*, CustomPart*> value;
@@ -60,7 +63,9 @@ inline Field IgnoredField(const char* name) {
   return {name, static_cast<int32_t*>(nullptr), FieldUse::kTextOnly};
 }
 
-/// The order in which an array is held, where it is not that of the file.
+/// The order in which an array is held in memory, where it is not that of the file: Held turns what
+/// was read into what the layer computes with, Stored turns it back for a write. Stored(Held(x))
+/// must give x.
 class ArrayOrder {
  public:
   ArrayOrder() = default;
@@ -78,8 +83,8 @@ struct TextShape {
   int cols;
 };
 
-/// One array of a block: where its values live and the shape that the file gives them. After the
-/// values the array may hold further rows of zeros.
+/// One array of a block: where its values are kept and the shape that the file gives them. Spare
+/// rows of zeros may follow the values in memory; the file has none.
 struct ParameterRef {
   const char* name;
   FloatArray* array;
@@ -88,9 +93,10 @@ struct ParameterRef {
   /// Vectors have one row, and no row sums in asymmetric 8-bit form.
   bool is_matrix;
   size_t spare_rows = 0;
-  /// Whether it stands in front of the other arrays in the text form.
+  /// Whether the text form has it before the other arrays.
   bool text_first = false;
-  /// With one row of the shape for each row of the array: how each is cut into a text matrix.
+  /// Whether each row of the array is a bracketed matrix of its own in the text form, of the shape
+  /// text_row.
   bool text_by_row = false;
   TextShape text_row = {1, 0};
   const ArrayOrder* order = nullptr;
@@ -118,13 +124,15 @@ inline ParameterRef Matrices(const char* name, FloatArray& array, int64_t count,
   matrices.order = order;
   return matrices;
 }
+/// The same array, left out of memory_bytes.
 inline ParameterRef Uncounted(ParameterRef parameter) {
   parameter.counted = false;
   return parameter;
 }
-/// The arrays of two directions, one after the other.
+/// The arrays of both lists, those of `first` before the others.
 ParameterList Join(ParameterList first, const ParameterList& second);
 
+/// A complete component that a block contains; null until it is read.
 using NestedLayer = std::unique_ptr<Component>;
 
 /// A complete component inside a block, under the name that messages give it.
@@ -136,10 +144,11 @@ using NestedList = std::vector<NestedRef>;
 
 /// How a float array is stored in the binary form.
 enum class FloatForm { kSingle, kHalf };
-/// What the fixed-point write makes of an array; see fixed-block.h.
+/// What the fixed-point write makes of an array, and how a fixed-point layer stores it; see
+/// fixed-block.h. kNone keeps floats.
 enum class CodeForm { kNone, kSymmetric, kAsymmetric };
 
-/// What holds for all arrays of a block.
+/// What holds for all arrays of a block; `opening` is that of matrices in the text form.
 struct BlockForm {
   FloatForm floats = FloatForm::kSingle;
   CodeForm codes = CodeForm::kNone;
@@ -147,17 +156,20 @@ struct BlockForm {
 };
 
 // The walks. Readers compare an array with the rest of the file before they allocate it, check the
-// fields before the arrays (Component::Validate) and say why they failed. The text reader throws as
-// the readers of properties and matrices do.
+// fields before the arrays (Component::Validate), and answer false with the reason in `why`. The
+// text reader also throws, as the readers of properties and matrices do. Writers answer false on
+// the first failed write.
 
 bool ReadBlock(FILE* fp, Component& layer, Refusal& why);
 bool ReadTextBlock(FILE* fp, Component& layer, Refusal& why);
 bool WriteBlock(FILE* fp, const Component& layer);
-/// Writes 8-bit blocks where the layer's form has them, and nested components in their fixed-point
-/// form.
+/// Writes 8-bit blocks where the layer's form has them and floats elsewhere; nested components in
+/// their fixed-point form.
 bool WriteFixedBlock(FILE* fp, const Component& layer);
-/// Points the arrays into an image of the binary block with 32-bit floats and advances the cursor;
-/// false when the floats are not aligned.
+/// Points the arrays into an image of the binary block, which holds int32 fields and 32-bit floats,
+/// and advances the cursor. Counts the mapped bytes in memory_bytes. False, with the cursor where
+/// it was, when the fields fail their check or the floats are not aligned. Bounds are not checked:
+/// the image must be complete.
 bool MapBlock(const char** cursor, Component& layer);
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -10,20 +10,21 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Why a parameter block was refused. Readers answer with a bool; this travels beside it to whoever
-/// asks. Every check returns whether it held, keeps the first reason that is given, and says what
-/// was found and what was wanted.
+/// Why a parameter block was refused. Readers answer with a bool; this carries the reason beside
+/// it, for a caller that wants it. Every check returns whether it held and otherwise says what was
+/// found and what was wanted. Of several reasons the first is kept, being the closest to the cause.
 class Refusal {
  public:
   const std::string& text() const { return text_; }
   void Clear() { text_.clear(); }
 
-  /// Gives the reason; false, for the caller to return.
+  /// Gives the reason. Always false, for the caller to return.
   [[gnu::format(printf, 2, 3)]] bool Because(const char* format, ...);
   /// The same, and logs the text as a warning of that place in the source.
   [[gnu::format(printf, 3, 4)]] bool LogBecause(std::source_location where, const char* format,
                                                 ...);
 
+  /// Checks. `name` is what the reason calls the value.
   bool Require(bool holds, const char* otherwise) { return holds || Because("%s", otherwise); }
   bool AtLeast(const char* name, int64_t value, int64_t least) {
     return value >= least || Because("%s [%" PRId64 " < %" PRId64 "]", name, value, least);
@@ -43,15 +44,15 @@ class Refusal {
   std::string text_;
 };
 
-/// What the reader of a whole component throws when the block is refused: the message that readers
-/// have always had, with the reason beside it.
+/// What the reader of a whole component throws when its block is refused: a message that is the
+/// same for all, and the reason beside it.
 class ComponentRefused : public std::runtime_error {
  public:
   ComponentRefused(const char* message, std::string reason)
       : std::runtime_error(message), reason_(std::move(reason)) {}
 
   const std::string& reason() const { return reason_; }
-  /// Says where in its container the refused component stands.
+  /// Puts a place before the reason: that of the component in its container.
   void AddPlace(const std::string& place) { reason_.insert(0, place + ": "); }
 
  private:

@@ -30,7 +30,7 @@ Component* Make(int first, int second) {
   return std::make_unique<Layer>(first, second).release();
 }
 
-// One layer type: its code, the word inside its marker, and who is built for the float and for the
+// One layer type: its code, the word inside its marker, and the factories for the float and for the
 // fixed-point code. Most layers have one class for both.
 struct Row {
   int code;
@@ -44,7 +44,8 @@ constexpr Row RowOf(const char* name) {
   return {Layer::kType, name, &Make<Layer>, &Make<FixedLayer>};
 }
 
-// Adding a layer adds a row. Codes are part of the model format.
+// Adding a layer adds a row. The codes are part of the model format. A row gives two entries: the
+// layer, and the "Fixed" layer under the code of the family's fixed-point twin.
 constexpr Row kRows[] = {
     RowOf<AffineTransform, FixedAffineTransform>("AffineTransform"),
     RowOf<LinearTransform, FixedLinearTransform>("LinearTransform"),

@@ -5,7 +5,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// The entries by marker. Throws when two entries have one marker.
+/// The entries of `components` by their markers, each with its code and factory. Throws when two
+/// entries have one marker. The maps themselves are Component::component_map and marker_map.
 Component::MarkerMap BuildMarkerMap(const Component::ComponentMap& components);
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -12,9 +12,8 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// Beside the bound on a block, frame counts are bounded: so that they leave room for arithmetic,
-// and so that a few bytes of padding or stride in a model cannot turn a short call into hours of
-// work.
+// Frame counts are bounded beside the floats of a block: they leave room for arithmetic, and a few
+// bytes of padding or stride in a model cannot turn a short call into hours of work.
 constexpr int64_t kMaxFrames = int64_t{1} << 26;
 constexpr int64_t kMaxGrowth = 1024;
 constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
@@ -22,7 +21,7 @@ constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
 // The shortest component is a one-dimensional header without parameters.
 constexpr size_t kMinComponentBytes = 12;
 
-// The most frames that a layer may take or give in a call of so many frames.
+// The most frames that any layer may take or give in a call of `call_frames` frames.
 int64_t FrameLimit(int64_t call_frames) {
   if (call_frames >= kMaxFrames / kMaxGrowth) return kMaxFrames;
   return std::max(kFramesAlwaysAllowed, call_frames * kMaxGrowth);
@@ -91,6 +90,8 @@ void NnetForward::ReserveFrames(int64_t frames) {
   if (whole) reserved_frames_ = std::max(reserved_frames_, frames);
 }
 
+// Both buffers, since every layer but the first reads one and writes the other; the first reads the
+// caller's block, so that a network of one layer needs only one.
 void NnetForward::GrowBuffers(uint64_t floats) {
   if (floats > kMaxBlockFloats) {
     ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
@@ -105,6 +106,10 @@ void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels
   Propagate(in, frames, dim, forward_count_, channels);
 }
 
+// The pass: plan, check, run, layer by layer. Layer k reads buffer A (the first one the caller's
+// block) and writes buffer B, then the two change places. The exchange after the last layer is
+// undone, so that the result is in B. No layer relies on what the layer before it promised, but
+// only on the block that is really there.
 void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
   if (frames > reserved_frames_) ReserveFrames(frames);
   const int64_t frame_limit = FrameLimit(frames);
@@ -133,7 +138,7 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockSh
   layer.Run(plan, position == 0 ? in : buffer_a_.data(), shape.frames, shape.dim, buffer_b_.data(),
             call_id);
   const BlockShape produced{layer.OutputChannel(), layer.output_dim, layer.OutputFrames()};
-  // A layer whose header claims more than it writes hands on zeros, not what an earlier call left.
+  // Zeros, so that what an earlier call left in the buffer does not leak into this one.
   if (const uint64_t floats = produced.floats(); floats > plan.writes) {
     GrowBuffers(floats);
     zero_vec(buffer_b_.data() + plan.writes, floats - plan.writes);

@@ -18,8 +18,9 @@ struct Nnet {
   std::vector<std::unique_ptr<Component>> layers;
 };
 
-/// Appends the components of one binary network. False when the count cannot be read; throws when a
-/// component cannot. What was appended stays in `nnet`, and the stream stands after what was read.
+/// Reads one binary network into `nnet`, which must be empty. False when the count cannot be read,
+/// throws when a component cannot. What was read until then stays in `nnet`. The stream is left
+/// after what was read, on success just after the network.
 bool ReadNnet(Nnet& nnet, FILE* fp);
 
 /// The shape of a frame block: channels x frames x dim floats.
@@ -34,35 +35,41 @@ struct BlockShape {
 /// Runs one network. Frames move between layers through two buffers that are exchanged after every
 /// layer and only grow; once they have the size of the largest call, a call allocates nothing.
 ///
-/// Right before a layer runs the executor checks, with the width that really reaches it, that the
-/// layer finds all the input it will read and room for all it will write. An executor and its
-/// network are used by one thread at a time.
+/// Model files are not trusted: right before a layer runs, the executor checks with the width that
+/// really reaches it that the layer finds all the input it will read and room for all it will
+/// write. A call that is refused throws std::runtime_error; Reset makes the executor ready for a
+/// new input. An executor and its network are used by one thread at a time.
 class NnetForward {
  public:
   /// Builds over a network that has been read completely, has at least one layer and outlives the
-  /// executor; links the layers that refer to each other.
+  /// executor; links the layers that refer to each other. Throws when there is no layer or linking
+  /// fails.
   explicit NnetForward(Nnet* network);
   NnetForward(const NnetForward&) = delete;
   NnetForward& operator=(const NnetForward&) = delete;
   ~NnetForward() = default;
 
-  /// Makes buffers and layers ready for a call of so many input frames. A hint: nothing is reserved
-  /// for a layer that so many frames would take beyond its bounds, nor for those after it.
+  /// Makes buffers and layers ready for calls of `frames` input frames. A hint: where that many
+  /// frames would take a layer beyond its bounds, nothing is reserved for it and the layers after
+  /// it.
   void ReserveFrames(int64_t frames);
-  /// Counts the call and runs it with that count as call_id. `in` holds `channels` planes (1: rows)
-  /// of `frames` frames of width `dim`; layers that work in place change it.
+  /// Counts the call and runs it with that count, which starts at 1, as call_id. `in` holds
+  /// `channels` planes (1: rows) of `frames` frames of width `dim`; layers that work in place
+  /// change it, so it must be writable.
   void Forward(const float* in, int64_t frames, int dim, int channels = 1);
   /// Runs the network once with the caller's call_id; a negative one marks the end of the input.
   void Propagate(const float* in, int64_t frames, int dim, int call_id, int channels = 1);
   /// Prepares for a new input: clears the call count and what the layers carry.
   void Reset();
 
-  /// The result of the last call, valid until the next one.
+  /// The result of the last call, valid until the next one; of no meaning after a call that threw.
+  /// The executor owns it.
   const float* Output() const { return buffer_b_.data(); }
   int64_t OutputFrames() const { return cur_frames_; }
   /// Shape of that result as the last layer reported it.
   const BlockShape& OutputShape() const { return output_shape_; }
-  /// Dimensions of the first and the last layer when the executor was built.
+  /// Dimensions of the first and the last layer when the executor was built; not positive where the
+  /// layer takes its width from the input.
   int InputDim() const { return input_dim_; }
   int OutputDim() const { return output_dim_; }
 
