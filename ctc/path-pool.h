@@ -11,8 +11,8 @@ namespace handwriting_CTC {
 
 // Memory of path nodes, each with its reference count in the same cell. A released cell is reused
 // by a later allocation; memory returns to the heap only when the pool is destroyed, so the pool
-// holds what the longest input so far needed. A path node is made for every survivor of every
-// frame: the general allocator would cost more than the search itself. For one thread at a time.
+// holds what the longest input so far needed. Every survivor of every frame gets a node, and taking
+// or returning a cell is a few instructions. For one thread at a time.
 class _path_pool_t {
  public:
   _path_pool_t() = default;

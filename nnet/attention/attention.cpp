@@ -12,9 +12,12 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// Query rows whose scores are formed at a time: they stay in the cache until the context is formed.
+// Query rows whose scores are formed at a time: the scores stay in the cache until the context is
+// formed, and need room for so many rows only, however long the call is.
 constexpr int64_t kQueryTile = 128;
 
+// Runs a nested layer within the given blocks. A layer that is said to map frames one to one is
+// still held to it: what follows reads as many rows as went in.
 void RunFrameForFrame(Component& layer, std::span<const float> in, int64_t frames, int in_dim,
                       std::span<float> out, int call_id) {
   layer.PropagateWithin(in, frames, in_dim, out, call_id);
@@ -44,6 +47,9 @@ void AttentionLayer::ReserveScores(int64_t queries, int64_t keys) {
   GrowBlock(scores_, BlockFloats(1, std::min(queries, kQueryTile), keys));
 }
 
+// Three steps for each tile of query rows and each head: scores, softmax of each score row,
+// weighted sum of the values. A head is a band of columns, which the products read and write in
+// place, so that rows need not be split into heads and joined again.
 void AttentionLayer::Attend(const float* query, int64_t queries, const float* key,
                             const float* value, int64_t keys, float* context) {
   const size_t d = ToSize(model_dim);
@@ -114,8 +120,9 @@ bool AttentionLayer::HasFixedForm() const {
                              [](const Component* layer) { return layer->HasFixedForm(); });
 }
 
-// A width that a header claims without parameters gets its room only when a call brings rows of it,
-// and so does what a call could not have.
+// Room is made ahead only when the model file has parameters for the width that its header claims,
+// and when a call could have that room; otherwise it is made by a call that really brings such
+// rows.
 void AttentionLayer::Reserve(int64_t frames) {
   if (frames <= frame_capacity || model_dim < 1 || ParameterCount() < ToSize(model_dim)) return;
   if (std::max(RowFloats(frames), HiddenFloats(frames)) <= kMaxBlockFloats) GrowBuffers(frames);

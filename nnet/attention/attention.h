@@ -1,8 +1,8 @@
 #ifndef NNET_ATTENTION_ATTENTION_H_
 #define NNET_ATTENTION_ATTENTION_H_
 
-// What the transformer blocks share: the arithmetic of attention heads, and the nested layers that
-// project, feed forward and normalise.
+// What the transformer blocks share: scaled dot-product attention in heads (Vaswani et al. 2017),
+// and the nested layers that project, feed forward and normalise.
 
 #include <array>
 #include <cstddef>
@@ -17,10 +17,10 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// A transformer block: a head count and complete nested layers, all of which map frames one to
-/// one, rows of model_dim to rows of model_dim but for the two feed-forward layers, which pass
-/// through a hidden width that is no smaller. Head h of a row is its columns h * head_dim up to
-/// (h + 1) * head_dim.
+/// The base of transformer blocks: a head count and complete nested layers, all of which map frames
+/// one to one, rows of model_dim to rows of model_dim but for the two feed-forward layers, which
+/// pass through a hidden width that is no smaller. Head h of a row is its columns h * head_dim up
+/// to (h + 1) * head_dim. Reading refuses blocks of which this does not hold.
 class AttentionLayer : public Component {
  public:
   FieldList Fields() override { return {{"<HeadNum>", &head_num}}; }
@@ -46,30 +46,35 @@ class AttentionLayer : public Component {
 
   /// The place in the source under which refusals are logged.
   virtual std::source_location Place() const = 0;
+  /// Makes room for a call of `frames` frames; throws when a buffer would be too large.
   virtual void GrowBuffers(int64_t frames) = 0;
 
-  /// Grows a buffer to so many floats; throws when that is more than a block may hold.
+  /// Grows a buffer to `floats` floats; throws when that is more than a block may hold.
   void GrowBlock(FloatArray& buffer, uint64_t floats);
-  /// Makes room for the scores of one tile of query rows against so many keys.
+  /// Makes room for the scores of one tile of query rows against `keys` keys.
   void ReserveScores(int64_t queries, int64_t keys);
   /// For each head, context = softmax(query key' / sqrt(head_dim)) value. Rows are model_dim wide,
-  /// `queries` of query and context, `keys` of key and value. Without keys the context is 0.
+  /// `queries` of query and context, `keys` of key and value. Without keys the context is 0. Needs
+  /// ReserveScores for these counts.
   void Attend(const float* query, int64_t queries, const float* key, const float* value,
               int64_t keys, float* context);
-  /// Floats that the first feed-forward layer writes for so many frames.
+  /// Floats that the first feed-forward layer writes for `frames` frames.
   uint64_t HiddenFloats(int64_t frames) const;
   /// Runs a nested layer on `frames` rows of model_dim floats, giving rows of model_dim floats.
+  /// Throws when the layer does not keep within them or gives another number of frames.
   void RunNested(Component& layer, const float* in, int64_t frames, float* out);
   /// Runs both feed-forward layers with a rectifier between them. `hidden` holds HiddenFloats; `in`
   /// and `out` may be the same.
   void FeedForward(const float* in, int64_t frames, float* hidden, float* out);
-  /// Floats of so many rows of model_dim.
+  /// Floats of `frames` rows of model_dim.
   uint64_t RowFloats(int64_t frames) const { return BlockFloats(1, model_dim, frames); }
   /// rows += other, over `frames` rows of model_dim floats.
   void AddRows(float* rows, int64_t frames, const float* other) const;
+  /// Counts a call in propagate_count.
   void CountCall();
 
  private:
+  /// The nested components that have been read so far.
   std::vector<const Component*> ReadComponents() const;
 
   /// The scores of some query rows of one head against all keys.

@@ -58,6 +58,9 @@ void Decoder::PropagateFnc(const float* in, int64_t frames, int in_dim, float* o
   for (int64_t t = 0; t < frames; ++t) Step(rows + RowFloats(t), out + RowFloats(t));
 }
 
+// A step computes one row: keys and values of the steps before are kept, so the cost of a step
+// grows with the length of the sequence only in the attention itself. `out` serves as the buffer
+// between sub-layers; the sums are formed in the input row.
 void Decoder::Step(float* row, float* out) {
   CountCall();
   RunNested(*sub_layers[0], row, 1, out);
@@ -69,7 +72,8 @@ void Decoder::Step(float* row, float* out) {
   AddRows(out, 1, row);
 }
 
-// Of the causal attention over all steps only the newest query row is of use, and it sees them all.
+// Causal attention over all steps, of which only the row of the newest step is needed. That one
+// sees all steps, so no mask is.
 void Decoder::AttendToSteps(float* row, float* out) {
   RunNested(*self_atten_layers[0], out, 1, query.data());
   RunNested(*self_atten_layers[1], out, 1, key_cache.data() + RowFloats(step_count));
@@ -89,6 +93,7 @@ void Decoder::AttendToMemory(float* row, float* out) {
   AddRows(row, 1, out);
 }
 
+// Once for a memory, in the first step that sees it.
 void Decoder::ProjectMemory() {
   if (memory_ready) return;
   if (memory_frames > 0) {

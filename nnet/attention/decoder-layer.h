@@ -5,10 +5,10 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// A pre-normalised transformer decoder block that advances frame by frame through a sequence. A
-/// step attends over itself and the steps before it, then over a memory that the application may
-/// set, then feeds forward:
-///   X' = X + SelfAttention(Norm0(X)), X'' = X' + MemoryAttention(Norm1(X')),
+/// A pre-normalised transformer decoder block (Vaswani et al. 2017, with the normalisation before
+/// each sub-layer) that advances frame by frame through a sequence. A step attends over itself and
+/// the steps before it, then over a memory that the application may set, then feeds forward:
+///   X' = X + SelfAttention(Norm0(X)),  X'' = X' + MemoryAttention(Norm1(X')),
 ///   output = X'' + FeedForward(Norm2(X'')).
 /// X'' replaces the input rows. A call of several frames is as many steps; a sequence lasts from
 /// reset to reset and may have any number of them.
@@ -19,9 +19,10 @@ class Decoder final : public LayerOf<0x10a, AttentionLayer> {
   void Reset() override;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
-  /// Makes the steps up to the next reset attend over `frames` rows of model_dim floats. They are
-  /// not copied: they must stay until the next step, which projects them, and projections that work
-  /// in place change them. Without a memory that attention sees zeros.
+  /// Makes the steps up to the next reset attend over `frames` rows of model_dim floats. The rows
+  /// are not copied: they must stay until the next step has projected them, and projections that
+  /// work in place change them. Without a memory that attention sees zeros. Throws "Wrong
+  /// parameter(s)!" for a negative count and for missing rows.
   void SetMemory(float* rows, int64_t frames);
 
   std::array<NestedLayer, 4> cross_atten_layers;  // query, key, value and output projection
@@ -32,11 +33,13 @@ class Decoder final : public LayerOf<0x10a, AttentionLayer> {
   FloatArray cross_query;  // of the newest step, one row
   /// One row: the attention context, then the hidden row of the feed-forward layers.
   FloatArray context_buffer;
+  /// Steps since the last reset.
   int64_t step_count = 0;
   float* memory = nullptr;
   int64_t memory_frames = 0;
   FloatArray memory_keys;
   FloatArray memory_values;
+  /// Whether the memory has been projected to keys and values.
   bool memory_ready = false;
 
  protected:

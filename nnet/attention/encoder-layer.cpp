@@ -26,6 +26,9 @@ void Encoder::GrowBuffers(int64_t frames) {
   frame_capacity = std::max(frame_capacity, frames);
 }
 
+// The output block serves as the buffer of every intermediate result, so that only queries, keys,
+// values and the context need room of their own; the sums are formed in the input rows. The hidden
+// rows of the feed-forward layers take the place of the context.
 void Encoder::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                            int /*call_id*/) {
   RequireWidth(model_dim, in_dim);

@@ -5,8 +5,10 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// A pre-normalised transformer encoder block. X' = X + SelfAttention(Norm0(X)) over the frames of
-/// a call, without mask; output = X' + FeedForward(Norm1(X')). X' replaces the input rows.
+/// A pre-normalised transformer encoder block (Vaswani et al. 2017, with the normalisation before
+/// each sub-layer). X' = X + SelfAttention(Norm0(X)) over the frames of a call, without mask;
+/// output = X' + FeedForward(Norm1(X')). X' replaces the input rows. Nothing is carried from call
+/// to call but what nested layers carry.
 class Encoder final : public LayerOf<0x109, AttentionLayer> {
  public:
   using LayerOf::LayerOf;

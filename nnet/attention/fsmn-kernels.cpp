@@ -12,8 +12,10 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-// kFrames frames from `in` on, columns [begin, end) in steps of kVectors vectors: frames share the
-// weights, and the sums' chains of additions run side by side in registers.
+// kFrames frames from `in` on, columns [begin, end) in steps of kVectors vectors. A sum runs in tap
+// order and each of its additions waits for the one before, so a tile of frames and columns is
+// summed side by side in registers, and its frames share every vector of weights that is loaded.
+// The memory is stored for the blocks that depend on it, the output in the same pass.
 template <size_t kFrames, size_t kVectors, class D>
 void Columns(D d, const FsmnTaps& shape, size_t begin, size_t end, const float* in, float* memory,
              float* out) {
@@ -55,7 +57,8 @@ void Columns(D d, const FsmnTaps& shape, size_t begin, size_t end, const float* 
   }
 }
 
-// Two vectors a step use a cache line of every row whole.
+// All columns of kFrames frames. Pairs of vectors first, which give twelve chains with six frames,
+// then single vectors, then single values.
 template <size_t kFrames>
 void Rows(const FsmnTaps& shape, const float* in, float* memory, float* out) {
   const hn::ScalableTag<float> d;
@@ -77,6 +80,7 @@ size_t Tiles(const FsmnTaps& shape, const float* in, size_t i, size_t frames, fl
   return i;
 }
 
+// Tiles of six frames fill the registers; smaller ones take the frames that are left.
 void Frames(const FsmnTaps& shape, const float* in, size_t frames, float* memory, float* out) {
   size_t i = Tiles<6>(shape, in, 0, frames, memory, out);
   i = Tiles<2>(shape, in, i, frames, memory, out);

@@ -15,9 +15,11 @@ struct FsmnTaps {
   size_t dim;
 };
 
-/// For each of `frames` output frames i:
+/// For each of `frames` output frames i, column by column:
 ///   memory[i] = 0 + filter[0] in[i] + filter[1] in[i + stride] + …, every product rounded and
 ///   added in tap order, out[i] = memory[i] + in[i + left * stride].
+/// `in` has frames + (taps - 1) stride rows; `memory` and `out` have `frames`, and overlap neither
+/// `in` nor each other.
 void fsmn_frames(const FsmnTaps& shape, const float* in, size_t frames, float* memory, float* out);
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -60,8 +60,10 @@ bool Fsmn::ReadTextData(FILE* fp, bool binary) {
   return read;
 }
 
-// A block depends on the depend-th one before it among the blocks of the network. Its first row
-// lies later than that of the other by the left contexts of all blocks after the other.
+// Blocks are announced in network order, and a block depends on one before it, so one visit is
+// enough. Its first output row is a later frame of the input than that of the other block, by the
+// left contexts of all blocks after the other one up to this: that is the offset between their
+// rows.
 void Fsmn::Announce(NetworkLinks& links) {
   std::vector<MetBlock>& met = links.Shared<std::vector<MetBlock>>();
   const int64_t left_contexts = LeftContext() + (met.empty() ? 0 : met.back().left_contexts);
@@ -107,7 +109,7 @@ void Fsmn::CheckSkip(int64_t out_frames) const {
 }
 
 void Fsmn::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int /*call_id*/) {
-  output_frames = 0;  // until the rows stand: others read as many
+  output_frames = 0;  // until the rows are there: other blocks rely on it
   RequireWidth(dim, in_dim);
   const int64_t out_frames = frames - LeftContext() - RightContext();
   if (out_frames <= 0) {

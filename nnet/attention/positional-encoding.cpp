@@ -14,6 +14,8 @@ CallPlan PositionalEncoding::Plan(int64_t frames, int in_dim) const {
   return {CalcOutputFrames(frames), floats, floats};
 }
 
+// Column by column, so that each frequency is computed once. Sines and cosines are those of the
+// standard library: the table is computed once and read by every call.
 void PositionalEncoding::GrowTable(int64_t rows, int32_t dim) {
   if (dim != table_dim) {  // a layer without a width of its own was given another one
     table_rows = 0;

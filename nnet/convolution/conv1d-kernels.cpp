@@ -17,12 +17,16 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-// Sums that are formed side by side in registers. With the weights and an input value beside them
-// they fill the sixteen registers of AVX2, and twelve chains hide the latency of the additions.
+// A sum must not be split, and each of its additions waits for the one before. So a tile of sums is
+// formed side by side in registers: several frames of one block of channels. The frames share every
+// vector of weights that is loaded, the channels every input value. Twelve chains hide the latency
+// of the additions, and with the weights and an input value beside them they fit the sixteen
+// registers of AVX2.
 constexpr size_t kChains = 12;
 // A depthwise sum is short and every product loads an input of its own: fewer chains do.
 constexpr size_t kDepthwiseChains = 6;
-// Blocks that are computed side by side where a run has a single frame.
+// Blocks that are computed side by side where a run has a single frame, which alone has too few
+// chains.
 constexpr size_t kBlocksOfOneFrame = 4;
 
 // Where a tile starts: its first frame in a block, or in blocks that lie block_stride apart in the
@@ -43,9 +47,9 @@ constexpr size_t VectorsOf() {
   return kWidth / hn::MaxLanes(BlockTag<kWidth>());
 }
 
-// kFrames frames x kBlocks blocks. In a depthwise convolution every channel reads an input value of
-// its own, otherwise all channels share one. The loops over frames and vectors must be unrolled for
-// the sums to stay in registers.
+// The sums of kFrames frames x kBlocks blocks. In a depthwise convolution every channel reads an
+// input value of its own, otherwise all channels share one. The loops over frames and vectors must
+// be unrolled for the sums to stay in registers.
 template <size_t kWidth, size_t kBlocks, bool kDepthwise, size_t kFrames>
 void Tile(const ConvolutionRun& run, const TilePlace& at) {
   const BlockTag<kWidth> d;
@@ -105,7 +109,8 @@ void Tile(const ConvolutionRun& run, const TilePlace& at) {
 
 using TileFunction = void (*)(const ConvolutionRun&, const TilePlace&);
 
-// Tiles of one block by their number of frames, from 1 on.
+// The tile functions of one block by their number of frames, from 1 on: the number of sums in
+// registers must be a constant.
 template <size_t kWidth, bool kDepthwise, size_t... kLess>
 constexpr std::array<TileFunction, sizeof...(kLess)> TilesOf(std::index_sequence<kLess...>) {
   return {&Tile<kWidth, 1, kDepthwise, kLess + 1>...};
@@ -127,8 +132,8 @@ void RunBlock(const ConvolutionRun& run, TilePlace at) {
   }
 }
 
-// A block of which not all channels exist, at the end of a row: goes through a buffer, a few frames
-// at a time.
+// A block of which not all channels exist, at the end of a row, where a whole vector would be
+// stored beyond the row: the sums go through a buffer, a few frames at a time.
 void RunPartialBlock(const ConvolutionRun& run, TilePlace at, size_t channels) {
   constexpr size_t kFrames = 4 * kChains;
   HWY_ALIGN float rows[kFrames * kNarrowBlock];
@@ -152,8 +157,9 @@ void RunPartialBlock(const ConvolutionRun& run, TilePlace at, size_t channels) {
 // A sum that starts from 0 is never -0, so that adding 0 changes no bit of it.
 constexpr float kNoBias[kBlocksOfOneFrame * kWideBlock] = {};
 
-// One group, after whose first channel an output row has `room` channels. A block of which not all
-// channels exist may write into the groups after it, which are computed later.
+// One group, block by block. `room` is the number of channels that an output row has from the
+// group's first one on. A block of which not all channels exist may store into the groups after it
+// while there is room, since those are computed later.
 template <bool kDepthwise>
 void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const TilePlace& group,
               size_t room) {
@@ -195,7 +201,8 @@ void Convolve(const ConvolutionShape& shape, const float* weights, const float* 
   }
 }
 
-// Columns [begin, end) of one output frame in steps of the tag's lanes.
+// Columns [begin, end) of one output frame in steps of the tag's lanes. Where taps lie in the
+// padding one comparison with 0 serves all of them.
 template <class D>
 void PoolColumns(D d, size_t begin, size_t end, const PoolRun& run, const float* in, float* out) {
   const auto zero = hn::Zero(d);

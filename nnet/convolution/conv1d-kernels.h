@@ -11,7 +11,8 @@
 namespace tarev::nnet::handwriting_CTC {
 
 /// Output channels that are computed together: `width` of them from `offset` on, of which the first
-/// `channels` exist. Wide blocks fill a register of the widest target, several of a narrower one.
+/// `channels` exist. Wide blocks fill a register of the widest target and several of a narrower
+/// one.
 struct ChannelBlock {
   size_t offset;
   size_t width;
@@ -20,8 +21,8 @@ struct ChannelBlock {
 inline constexpr size_t kWideBlock = 16;
 inline constexpr size_t kNarrowBlock = 8;
 
-/// The block that follows those for the channels before `next`. The last one overlaps the block
-/// before it where that keeps it full; both then compute the same values.
+/// The block that follows those for the channels before `next`, with next < channels. The last one
+/// overlaps the block before it where that keeps it full; both then compute the same values.
 constexpr ChannelBlock BlockFrom(size_t next, size_t channels) {
   const size_t left = channels - next;
   if (left >= kWideBlock) return {next, kWideBlock, kWideBlock};
@@ -33,8 +34,9 @@ constexpr ChannelBlock BlockFrom(size_t next, size_t channels) {
 /// Channels of a convolution, and the number of terms of a complete sum.
 ///
 /// Weights in compute order are, for every group and every block of it, a row of `width` weights
-/// for each term. A depthwise convolution counts as one group whose output channels each read an
-/// input channel of their own.
+/// for each term: the weights that one step of the kernel needs lie side by side, and a block is
+/// read from front to back. A depthwise convolution counts as one group whose output channels each
+/// read an input channel of their own.
 struct ConvolutionShape {
   size_t groups = 0;
   size_t in_per_group = 0;
@@ -42,7 +44,8 @@ struct ConvolutionShape {
   size_t terms = 0;
   bool depthwise = false;
 
-  /// Floats that the weights of one group and of all of them take in compute order.
+  /// Floats that the weights of one group, and of all groups, take in compute order. Lanes without
+  /// a channel hold zeros.
   size_t GroupWeights() const {
     const size_t tail = out_per_group % kWideBlock;
     const size_t tail_width = tail == 0 ? 0 : tail <= kNarrowBlock ? kNarrowBlock : kWideBlock;
@@ -59,8 +62,9 @@ struct TermLoop {
   ptrdiff_t weight_step;
 };
 
-/// Output frames whose sums have the same terms. `in` is where the first term of the first frame
-/// finds its first channel, `first_row` the row of its weight.
+/// Output frames whose sums have the same terms, so that one pair of loops serves all of them. `in`
+/// is where the first term of the first frame finds its first channel, `first_row` the row of its
+/// weight. Steps are in floats and may be negative.
 struct ConvolutionRun {
   const float* in;
   ptrdiff_t in_frame_step;
@@ -72,12 +76,14 @@ struct ConvolutionRun {
   TermLoop inner;
 };
 
-/// Computes all output channels of a run; without a bias 0 is added.
+/// Computes all output channels of a run: each value is a sum that starts from 0 and runs over the
+/// terms in loop order, product by product, then the bias; without a bias 0 is added. The same bits
+/// on every vector target.
 void convolve_run(const ConvolutionShape& shape, const float* weights, const float* bias,
                   const ConvolutionRun& run);
 
 /// Output frames whose windows see the same taps. `in` is where the first frame finds its first
-/// one. Taps that lie before or after those are in the padding and count as 0.
+/// one; steps are in floats. Taps that lie before or after those are in the padding and count as 0.
 struct PoolRun {
   const float* in;
   ptrdiff_t in_frame_step;
@@ -89,8 +95,9 @@ struct PoolRun {
   bool padding_after;
 };
 
-/// The largest value under the window in every column, the lowest finite float without any; a later
-/// value replaces an earlier one only when it is strictly greater.
+/// The largest value under the window in each of `columns` columns, the lowest finite float without
+/// any; a later value replaces an earlier one only when it is strictly greater, so NaNs are passed
+/// over.
 void max_pool_run(const PoolRun& run, size_t columns);
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -12,11 +12,11 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// Toward infinity; the divisor is positive.
+// Rounds toward infinity; the divisor is positive.
 int64_t CeilDiv(int64_t a, int64_t b) { return a / b + (a % b > 0 ? 1 : 0); }
 
-// Taps that step over `frames` frames: tap j of output frame t looks at t * stride + first + j *
-// step.
+// Taps that step over `frames` frames: tap j of output frame t reads input frame
+//   t * stride + first + j * step.
 struct TapWalk {
   int64_t stride;
   int64_t first;
@@ -33,8 +33,10 @@ struct TapRange {
   int64_t next_frame;
 };
 
-// As t grows, taps leave at the end of the range and enter at its beginning. A walk therefore has
-// at most 2 taps + 1 ranges, however many frames there are.
+// Only at the edges of the input do output frames see part of the taps. As t grows, taps leave at
+// the end of the range and enter at its beginning, so a walk has at most 2 taps + 1 ranges, however
+// many frames there are. Each range becomes one run of the kernels, whose inner loops then have no
+// test for the edges, and no input is copied for the sake of padding.
 TapRange TapsOf(const TapWalk& walk, int64_t t) {
   const int64_t position = t * walk.stride + walk.first;
   const int64_t begin = std::clamp<int64_t>(CeilDiv(-position, walk.step), 0, walk.taps);
@@ -50,6 +52,7 @@ TapRange TapsOf(const TapWalk& walk, int64_t t) {
   return {begin, std::max(begin, end), next};
 }
 
+// Passes the result of a check on and logs its failure.
 bool Logged(bool valid, const Refusal& why) {
   if (!valid) LogWarning(Here(), "wrong window or channels! %s", why.text().c_str());
   return valid;
@@ -159,6 +162,8 @@ std::vector<float> ConvolutionParameters::Stored(const FloatArray& held) const {
   return stored;
 }
 
+// Turns the taps of a run into the two loops over its terms. A sum without terms must not look at
+// the input at all: its loops have no steps, and frames do not move on.
 void ConvolutionParameters::Run(ConvolutionRun run, const Taps& taps) const {
   if (taps.count > 0 && in_per_group > 0) {
     const bool taps_first = term_order_ == TermOrder::kTapsFirst;
@@ -186,6 +191,7 @@ FieldList Conv1dParameters::ConvolutionFields() {
   return fields;
 }
 
+// One run for each range of taps, from the first output frame to the last.
 void Conv1dParameters::Convolve(const float* in, int64_t frames, int64_t padding,
                                 int64_t out_frames, float* out) const {
   if (OutDim() == 0) return;
@@ -250,9 +256,12 @@ void ConvTranspose1dParameters::FillWithBias(int64_t out_frames, float* out) con
   }
 }
 
-// Output frames that lie a stride apart see the same taps, every few of the kernel, and from one of
-// them to the next the input moves on by one frame. Such a phase is an ordinary convolution of
-// stride 1 with taps that step backwards.
+// Scattering each input frame over the output would add to memory once a tap. Instead each output
+// frame gathers what reaches it: output frames that lie a stride apart see the same taps, every few
+// of the kernel (every spacing-th, spacing = stride / gcd(stride, dilation)), and from one of them
+// to the next the input moves on by one frame. Such a phase is an ordinary convolution of stride 1
+// with taps that step backwards, and runs through the same kernel. Output frames of no phase are
+// reached by no tap and hold the bias.
 void ConvTranspose1dParameters::Convolve(const float* in, int64_t frames, int64_t padding,
                                          int64_t out_frames, float* out) const {
   const int64_t spacing = stride / std::gcd(stride, dilation);
@@ -266,6 +275,7 @@ void ConvTranspose1dParameters::Convolve(const float* in, int64_t frames, int64_
   }
 }
 
+// The frames of a phase in runs of equal taps, as in the convolution.
 void ConvTranspose1dParameters::ConvolvePhase(const Phase& phase, const float* in, int64_t frames,
                                               int64_t out_frames, float* out) const {
   const int64_t common = std::gcd(stride, dilation);
@@ -273,7 +283,7 @@ void ConvTranspose1dParameters::ConvolvePhase(const Phase& phase, const float* i
   const int64_t step = dilation / common;
   const int64_t taps = CeilDiv(kernel_size - phase.tap, spacing);
   const int64_t count = CeilDiv(out_frames - phase.frame, stride);
-  // The walk counts the taps from the last one on, so that they step forwards.
+  // The walk counts the taps from the last one on, so that they step forwards, as TapsOf needs.
   const TapWalk walk = {1, phase.input - (taps - 1) * step, step, taps,
                         std::max<int64_t>(frames, 0)};
   for (int64_t m = 0; m < count;) {
@@ -317,6 +327,8 @@ void ConvTranspose1d::PropagateFnc(const float* in, int64_t frames, int /*in_dim
 
 // Pooling.
 
+// One run for each range of taps. How many taps lie in the padding does not matter for a largest
+// value, only whether any does on either side.
 void MaxPool1dParameters::Pool(const float* in, int64_t frames, int64_t padding, size_t columns,
                                int64_t out_frames, float* out) const {
   if (columns == 0) return;

@@ -3,8 +3,8 @@
 
 // Convolution, transposed convolution and pooling along the frame axis of a call. D is the input
 // dimension (input channels), O the output dimension (output channels), k the number of taps. The
-// parameter blocks know nothing of calls: streaming layers own them too and say themselves which
-// frames a call sees.
+// parameter structs know nothing of calls: streaming layers use them too and decide themselves
+// which frames a call sees.
 
 #include <cstdint>
 #include <vector>
@@ -15,39 +15,42 @@
 namespace tarev::nnet::handwriting_CTC {
 
 /// A window of taps that slides over the frames, and the frames of padding around them.
+/// ValidateWindow sets effective_kernel; the functions below need it.
 struct WindowParameters {
   int32_t kernel_size = 0;
   int32_t stride = 1;
   int32_t padding_left = 0;
   int32_t padding_right = 0;
   int32_t dilation = 1;
-  /// Frames that the taps span, (k - 1) dilation + 1.
+  /// Frames that the taps span, (k - 1) dilation + 1; not positive without taps.
   int64_t effective_kernel = 0;
 
-  /// Frames at which the window finds all its taps in `frames` frames and their padding.
+  /// Positions at which the whole window lies within `frames` frames and their padding; less than 1
+  /// when there is none.
   int64_t WindowPositions(int64_t frames) const {
     return frames + padding_left + padding_right - effective_kernel + 1;
   }
   /// Every stride-th of them; 0 when there is none.
   int64_t WindowFrames(int64_t frames) const;
-  /// Whether there are as many as frames, however many these are.
+  /// Whether that is one for each frame, however many frames there are.
   bool KeepsFrames() const {
     return stride == 1 && int64_t{padding_left} + padding_right == effective_kernel - 1;
   }
 
  protected:
+  /// The fields of the window, in file order.
   FieldList WindowFields();
-  /// Checks the fields and derives the span.
+  /// Checks the fields and derives the span. False, with the reason in `why` and in the log.
   bool ValidateWindow(Refusal& why);
 };
 
-/// In which order a sum runs over taps and input channels.
+/// In which order a sum runs over taps and input channels: which of the two is the outer loop.
 enum class TermOrder { kTapsFirst, kChannelsFirst };
 
 /// What both convolutions store beside the window. After reading, the kernel is held in compute
-/// order alone; a write restores the order of the file.
+/// order only (see ConvolutionShape); a write restores the order of the file.
 struct ConvolutionParameters : WindowParameters, ArrayOrder {
-  int64_t kernel_rows = 0;  // D x O / groups rows of k values
+  int64_t kernel_rows = 0;  // D x O / groups, each row k values
   int32_t groups = 1;
   int32_t in_per_group = 0;
   int32_t out_per_group = 0;
@@ -65,13 +68,14 @@ struct ConvolutionParameters : WindowParameters, ArrayOrder {
   enum class RowOrder { kByOutput, kByInput };
   ConvolutionParameters(RowOrder rows, TermOrder terms) : row_order_(rows), term_order_(terms) {}
 
-  /// Checks the fields against the layer's dimensions and derives the rest.
+  /// Checks the fields against the layer's dimensions and derives the rest. False, with the reason
+  /// in `why` and in the log.
   bool ValidateShape(const Component& layer, Refusal& why);
 
   ptrdiff_t InDim() const { return ptrdiff_t{groups} * in_per_group; }
   ptrdiff_t OutDim() const { return ptrdiff_t{groups} * out_per_group; }
   /// Taps `first`, `first` + spacing, … of the kernel. For the first output frame of a run they
-  /// look at the input frames in_frame, in_frame + in_step, …
+  /// read the input frames in_frame, in_frame + in_step, …
   struct Taps {
     int64_t first;
     int64_t count;
@@ -79,10 +83,13 @@ struct ConvolutionParameters : WindowParameters, ArrayOrder {
     int64_t in_frame;
     int64_t in_step;
   };
-  /// Computes a run of which everything but the terms is filled in; run.in is the call's input.
+  /// Computes a run of which everything but the loops over its terms is filled in. run.in is the
+  /// call's first input row; without taps the frames get the bias.
   void Run(ConvolutionRun run, const Taps& taps) const;
 
  private:
+  /// Pairs the index in compute order and the index in the file of every weight, for both
+  /// directions of the ArrayOrder below.
   template <class Visit>
   void ForEachWeight(Visit visit) const;
   FloatArray Held(const FloatArray& stored) const override;
@@ -99,15 +106,15 @@ struct Conv1dParameters : ConvolutionParameters {
   explicit Conv1dParameters(TermOrder terms = TermOrder::kTapsFirst)
       : ConvolutionParameters(RowOrder::kByOutput, terms) {}
 
-  /// The fields in front of the kernel, in file order.
+  /// The fields before the kernel, in file order.
   FieldList ConvolutionFields();
-  /// Computes `out_frames` frames from `frames` frames that `padding` frames stand before. Taps
-  /// outside the input add nothing.
+  /// Computes `out_frames` frames of O values from `frames` rows of D values, with `padding` frames
+  /// of zeros before them. Taps outside the input add nothing.
   void Convolve(const float* in, int64_t frames, int64_t padding, int64_t out_frames,
                 float* out) const;
 };
 
-/// The transpose: input frame t, channel i adds in[t][i] kernel[i][p][j] to output frame
+/// The transpose of Conv1d: input frame t, channel i adds in[t][i] kernel[i][p][j] to output frame
 ///   t stride - padding + j dilation, channel p of i's group; then the bias is added everywhere.
 /// The sum of an output value runs over input channels, then taps.
 struct ConvTranspose1dParameters : ConvolutionParameters {
@@ -116,19 +123,20 @@ struct ConvTranspose1dParameters : ConvolutionParameters {
 
   int32_t output_padding = 0;
 
-  /// The fields in front of the kernel, in file order.
+  /// The fields before the kernel, in file order.
   FieldList ConvolutionFields();
   bool ValidateShape(const Component& layer, Refusal& why);
   /// Output frames without any trimming, for at least one input frame.
   int64_t SpreadFrames(int64_t frames) const {
     return (frames - 1) * stride + (int64_t{kernel_size} - 1) * dilation + 1;
   }
-  /// Computes frames [padding, padding + out_frames) of those.
+  /// Computes frames [padding, padding + out_frames) of those from `frames` rows of D values.
+  /// Frames that no tap reaches hold the bias.
   void Convolve(const float* in, int64_t frames, int64_t padding, int64_t out_frames,
                 float* out) const;
 
  private:
-  /// Output frames `frame`, `frame` + stride, …: tap `tap`, the first one that reaches them, brings
+  /// Output frames `frame`, `frame` + stride, …: `tap`, the first tap that reaches them, joins
   /// input frame `input` to the first of them.
   struct Phase {
     int64_t tap;
@@ -140,13 +148,15 @@ struct ConvTranspose1dParameters : ConvolutionParameters {
   void FillWithBias(int64_t out_frames, float* out) const;
 };
 
-/// Output frame t, every column: the largest in[t stride - padding + j dilation] over the taps j;
-/// a tap in the padding counts as 0.
+/// Output frame t, every column: the largest in[t stride - padding + j dilation] over the taps j; a
+/// tap in the padding counts as 0. Reads `frames` rows of `columns` values, writes `out_frames`.
 struct MaxPool1dParameters : WindowParameters {
   void Pool(const float* in, int64_t frames, int64_t padding, size_t columns, int64_t out_frames,
             float* out) const;
 };
 
+/// A convolution over the frames of each call by itself: n frames become as many as the window has
+/// positions, every stride-th of them. A call that gives no frame throws.
 class Conv1d final : public LayerOf<0x307>, public Conv1dParameters {
  public:
   using LayerOf::LayerOf;
@@ -159,6 +169,8 @@ class Conv1d final : public LayerOf<0x307>, public Conv1dParameters {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
+/// A transposed convolution over each call by itself: n frames become (n - 1) stride + (k - 1)
+/// dilation + 1 less both paddings, plus output_padding. A call that gives no frame throws.
 class ConvTranspose1d : public LayerOf<0x308>, public ConvTranspose1dParameters {
  public:
   using LayerOf::LayerOf;
@@ -171,7 +183,8 @@ class ConvTranspose1d : public LayerOf<0x308>, public ConvTranspose1dParameters 
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// Keeps the caller's width. Its fixed-point code is its float code.
+/// Pooling over the frames of each call by itself, column by column. Keeps the caller's width. Its
+/// fixed-point code is its float code. A call that gives no frame throws.
 class MaxPool1d : public LayerOf<0x309, Component, 0x309>, public MaxPool1dParameters {
  public:
   using LayerOf::LayerOf;

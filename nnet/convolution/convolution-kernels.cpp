@@ -19,7 +19,9 @@ using PlaneTag = hn::CappedTag<float, kPlaneGrain>;
 using PlaneVec = hn::Vec<PlaneTag>;
 constexpr size_t kLanes = hn::MaxLanes(PlaneTag());
 
-// Output channels that share the input values they load.
+// Output channels that share the input values they load. A tile is one vector of positions in so
+// many output planes: every input vector is loaded once for all of them, and their sums stay in
+// registers over all input channels.
 constexpr size_t kChannels = 4;
 
 // Calls tile(first channel) with the number of channels as a constant.
@@ -30,6 +32,7 @@ HWY_INLINE void ForChannelTiles(size_t channels, const Tile& tile) {
   for (; o < channels; ++o) tile.template Run<1>(o);
 }
 
+// One vector of positions, from `position` on, of `kCount` output channels from `o` on.
 struct ConvolutionTile {
   const PlaneConvolution& shape;
   const float* a;
@@ -75,6 +78,9 @@ struct ConvolutionTile {
   }
 };
 
+// The same with two sums a position, which are stored interleaved. The last addition is selected
+// and not multiplied by 0: the value from the other row may be an infinity or a NaN, and adding +0
+// would change a sum of -0.
 struct DeconvolutionTile {
   const PlaneConvolution& shape;
   const float* x;

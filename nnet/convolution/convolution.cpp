@@ -108,7 +108,10 @@ void SimpleLayer::ThrowWidths(int64_t out_width) const {
              TypeMarker().c_str(), input_dim, out_width);
 }
 
-// Halving.
+// Halving. The kernel reads the values at 2x - 1, 2x and 2x + 1 for every output position x. Read
+// from the input they lie two apart and end at the edges of a row; gathered once into three stacks
+// of planes, with the zeros of the padding in them, they are whole vectors for every output
+// channel.
 
 void SimpleConv2d1x3s2::Reserve(int64_t frames) {
   if (BlockFloats(input_channel, output_dim, frames) > kMaxFloatsAhead) return;
@@ -123,8 +126,8 @@ void SimpleConv2d1x3s2::Reserve(int64_t frames) {
 // its order; the gathering is shared by all output channels.
 void SimpleConv2d1x3s2::Gather(const Tensor3& in, size_t out_width) {
   for (Tensor3& tap : taps_) tap.Reshape(out_width, in.height, in.channels, memory_bytes);
-  // Positions whose last value lies inside the row; at most one is left, which sees the zero
-  // after.
+  // Positions whose value at 2x + 1 lies inside the row. At most one position is left, which sees
+  // the zero after the row.
   const size_t whole = std::min(out_width, in.width / 2);
   for (size_t c = 0; c < in.channels; ++c) {
     for (size_t t = 0; t < in.height; ++t) {
@@ -153,7 +156,10 @@ void SimpleConv2d1x3s2::PropagateFnc(const float* in, int64_t frames, int in_dim
                   taps_[0].Plane(0), taps_[1].Plane(0), taps_[2].Plane(0), out);
 }
 
-// Doubling.
+// Doubling. Output 2x has one term a channel, output 2x + 1 two: in[x] w2 and in[x + 1] w0. So the
+// kernel reads the input and the input one position further. The input is copied, since the
+// caller's planes have no spare room for whole vectors; the plane of ones tells where the next
+// position is in the same row.
 
 void SimpleDeconv2d1x3s2::Reserve(int64_t frames) {
   if (BlockFloats(input_channel, input_dim, frames) > kMaxFloatsAhead) return;
@@ -173,7 +179,7 @@ void SimpleDeconv2d1x3s2::Gather(const Tensor3& in) {
   has_next_.Reshape(in.width, in.height, 1, memory_bytes);
   for (size_t c = 0; c < in.channels; ++c) {
     std::copy_n(in.Plane(c), in.PlaneSize(), here_.Plane(c));
-    // The value that this takes from the row below has no weight.
+    // At the end of a row this takes the first value of the next row, which has_next_ masks.
     std::copy_n(in.Plane(c) + 1, in.PlaneSize() - 1, next_.Plane(c));
   }
   std::fill_n(has_next_.Plane(0), in.PlaneSize(), 1.0F);

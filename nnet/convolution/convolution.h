@@ -15,8 +15,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// A stack of planes, `room` floats from plane to plane. It owns its values or views those of
-/// somebody else, who outlives it.
+/// A stack of planes, `room` floats from plane to plane. It owns its values or views values that
+/// are owned elsewhere and outlive it; a view has no spare room and must not be written.
 class Tensor3 {
  public:
   Tensor3() = default;
@@ -28,7 +28,7 @@ class Tensor3 {
         view_(values) {}
 
   /// Takes the shape in memory of its own, which only grows, with room for whole vectors in every
-  /// plane. What the planes hold is not defined then.
+  /// plane. The planes hold nothing of meaning then.
   void Reshape(size_t width_arg, size_t height_arg, size_t channels_arg, uint64_t& memory_bytes);
 
   size_t PlaneSize() const { return width * height; }
@@ -47,7 +47,8 @@ class Tensor3 {
   const float* view_ = nullptr;
 };
 
-/// A layer that a model may hold but that does not compute.
+/// The base of layers that a model may hold but that do not compute: a call throws. They can be
+/// read, written and converted.
 class StoredLayer : public ChannelComponent {
  public:
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
@@ -59,6 +60,7 @@ class StoredLayer : public ChannelComponent {
   using ChannelComponent::ChannelComponent;
 };
 
+/// A general convolution over planes; stored only.
 class Conv2d final : public LayerOf<0x301, StoredLayer> {
  public:
   using LayerOf::LayerOf;
@@ -80,13 +82,15 @@ class Conv2d final : public LayerOf<0x301, StoredLayer> {
   int32_t has_bias = 0;
   FloatArray kernel;  // blocks x kernel_height x kernel_width
   FloatArray bias_vector;
+  /// Floats of the kernel.
   int64_t kernel_count = 0;
 
  private:
   int64_t blocks_ = 0;  // input channels x output channels / groups
 };
 
-/// A layer that consists of whole components. Their fixed-point form is their float form.
+/// The base of layers that consist of whole components of any type; stored only. Their fixed-point
+/// form is their float form.
 class CompositeLayer : public StoredLayer {
  public:
   NestedList Nested() override;
@@ -97,10 +101,11 @@ class CompositeLayer : public StoredLayer {
 
  protected:
   using StoredLayer::StoredLayer;
-  /// What is expected at the positions.
+  /// What messages call the component at each position.
   virtual std::span<const char* const> Names() const = 0;
 };
 
+/// A composite with the given code and names of its components, in file order.
 template <int kCode, const auto& kNames>
 class CompositeOf final : public LayerOf<kCode, CompositeLayer> {
  public:
@@ -119,8 +124,8 @@ using ConvBN2d = CompositeOf<0x302, kConvBN2dParts>;
 using ConvDW2d = CompositeOf<0x303, kConvDW2dParts>;
 using SeperableConv2d = CompositeOf<0x304, kSeperableConv2dParts>;
 
-/// What the two simple convolutions have in common: three weights over the feature axis for every
-/// output and input channel, and a bias.
+/// The base of the two simple convolutions: three weights over the feature axis for every output
+/// and input channel, and a bias. Frames do not influence each other.
 class SimpleLayer : public ChannelComponent {
  public:
   bool Validate(Refusal& why) override;
@@ -132,9 +137,10 @@ class SimpleLayer : public ChannelComponent {
 
  protected:
   using ChannelComponent::ChannelComponent;
-  /// Output positions for so many input positions where the model sets none.
+  /// Output positions for in_width input positions where the model sets none.
   virtual int64_t DefaultWidth(int64_t in_width) const = 0;
-  /// Takes the widths of this call; false when there is nothing to compute.
+  /// Takes the widths of this call; false when there is nothing to compute. Throws when the output
+  /// width is more than an int32 holds.
   bool AdoptWidths(int64_t frames, int in_dim);
   /// Throws: the output width does not fit the input width.
   [[noreturn]] void ThrowWidths(int64_t out_width) const;
@@ -143,8 +149,10 @@ class SimpleLayer : public ChannelComponent {
   int64_t OutWidth(int in_dim) const { return output_dim_set ? output_dim : DefaultWidth(in_dim); }
 };
 
-/// Halves the feature axis: out[x] = bias + the sum over input channels of
+/// A convolution of stride 2, which halves the feature axis: out[x] = bias + the sum over input
+/// channels of
 ///   in[2x - 1] w0 + in[2x] w1 + in[2x + 1] w2,  a zero on either side of the row.
+/// A call throws when the output dimension is more than (W + 1) / 2.
 class SimpleConv2d1x3s2 final : public LayerOf<0x305, SimpleLayer> {
  public:
   using LayerOf::LayerOf;
@@ -155,14 +163,16 @@ class SimpleConv2d1x3s2 final : public LayerOf<0x305, SimpleLayer> {
   int64_t DefaultWidth(int64_t in_width) const override { return in_width / 2; }
 
  private:
+  /// Fills taps_ for rows of out_width output positions.
   void Gather(const Tensor3& in, size_t out_width);
 
   /// The input values at 2x - 1, 2x and 2x + 1 for every output position.
   std::array<Tensor3, 3> taps_;
 };
 
-/// Doubles the feature axis: in[x] adds in[x] w0 to out[2x - 1], in[x] w1 to out[2x] and in[x] w2
-/// to out[2x + 1], channel by channel, position by position; out[-1] is cropped.
+/// A transposed convolution of stride 2, which doubles the feature axis: in[x] adds in[x] w0 to
+/// out[2x - 1], in[x] w1 to out[2x] and in[x] w2 to out[2x + 1], channel by channel, position by
+/// position; out[-1] is cropped. A call throws when the output dimension is not 2 W.
 class SimpleDeconv2d1x3s2 final : public LayerOf<0x306, SimpleLayer> {
  public:
   using LayerOf::LayerOf;
@@ -173,6 +183,7 @@ class SimpleDeconv2d1x3s2 final : public LayerOf<0x306, SimpleLayer> {
   int64_t DefaultWidth(int64_t in_width) const override { return 2 * in_width; }
 
  private:
+  /// Fills the three stacks below.
   void Gather(const Tensor3& in);
 
   /// The input, the input one position further, and a plane of 1 where that lies in the same row.

@@ -1,13 +1,15 @@
 #ifndef NNET_DENSE_ACTIVATION_H_
 #define NNET_DENSE_ACTIVATION_H_
 
-// Element-wise and row-wise layers. None changes the width of a row.
+// Element-wise and row-wise layers. None changes the width of a row or the number of frames, and
+// none carries anything from call to call. Exponentials and logarithms are those of
+// utils/fast-math.h.
 
 #include "nnet/contract/nnet-component.h"
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// A layer that gives a row for every row it takes, at the same width. A width that the model does
+/// The base of layers that give a row for every row, at the same width. A width that the model does
 /// not set follows the caller's.
 class RowLayer : public Component {
  public:
@@ -16,24 +18,26 @@ class RowLayer : public Component {
 
  protected:
   using Component::Component;
-  /// Adapts the dimensions and returns the width of the rows of this call.
+  /// Adopts the caller's width where none is set and returns the width of the rows of this call.
+  /// Throws when the output dimension is set and another.
   size_t AdoptRow(int in_dim) {
     AdoptSameWidth(in_dim);
     return ToSize(input_dim);
   }
 };
 
-/// The same with parameters for every column: rows must have the width that those have.
+/// The same with parameters for every column: rows must have the width of the parameters.
 class ColumnLayer : public RowLayer {
  protected:
   using RowLayer::RowLayer;
+  /// Throws unless in_dim is that width; returns it.
   size_t RequireRow(int in_dim) {
     RequireWidth(input_dim, in_dim);
     return AdoptRow(in_dim);
   }
 };
 
-/// The same as RowLayer over input_channel planes.
+/// As RowLayer, over the rows of input_channel planes.
 class PlaneLayer : public ChannelComponent {
  public:
   bool Validate(Refusal& why) override;
@@ -48,31 +52,35 @@ class PlaneLayer : public ChannelComponent {
   }
 };
 
+/// y = e^(x - max) / Σ e^(x - max) over each row.
 class Softmax final : public LayerOf<0x201, RowLayer> {
  public:
   using LayerOf::LayerOf;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
+/// y = 1 / (1 + e^-x).
 class Sigmoid final : public LayerOf<0x202, RowLayer> {
  public:
   using LayerOf::LayerOf;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
+/// y = max(x, 0); NaN gives 0.
 class Relu final : public LayerOf<0x203, RowLayer> {
  public:
   using LayerOf::LayerOf;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
+/// y = ln of the softmax of each row; at least about -88.
 class LogSoftmax final : public LayerOf<0x204, RowLayer> {
  public:
   using LayerOf::LayerOf;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// x where x > 0, else alpha x.
+/// y = x where x > 0, else alpha x (He et al. 2015), with one alpha for all columns.
 class PRelu final : public LayerOf<0x205, RowLayer> {
  public:
   using LayerOf::LayerOf;
@@ -83,12 +91,14 @@ class PRelu final : public LayerOf<0x205, RowLayer> {
   float alpha = 0.0F;
 };
 
+/// y = max(x, 0) over planes; NaN gives 0.
 class Relu2d final : public LayerOf<0x206, PlaneLayer> {
  public:
   using LayerOf::LayerOf;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
+/// y = x where x > 0, else alpha x, over planes, with one alpha for all channels.
 class PRelu2d final : public LayerOf<0x207, PlaneLayer> {
  public:
   using LayerOf::LayerOf;

@@ -52,6 +52,7 @@ void EmbeddingLayer::PropagateFnc(const float* in, int64_t frames, int in_dim, f
   scale_vec(out, ToSize(frames) * ToSize(weight_rows), scale);
 }
 
+// The image holds the rows of the header alone, so a mapped layer has no spare rows.
 bool AffineTransform::MapData(const char** cursor) {
   if (!MapBlock(cursor, *this)) return false;
   row_capacity = weight_rows;

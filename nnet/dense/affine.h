@@ -1,7 +1,9 @@
 #ifndef NNET_DENSE_AFFINE_H_
 #define NNET_DENSE_AFFINE_H_
 
-// Layers that apply one dense weight matrix to every frame, and their fixed-point twins.
+// Layers that apply one dense weight matrix to every frame, and their fixed-point twins. Rows of
+// input_dim values become rows of output_dim; an input row of another width is refused. Frames do
+// not influence each other.
 
 #include <cstdint>
 
@@ -9,8 +11,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// y = W x. Row r of `weights` holds the weights of output r; the array has room for `row_capacity`
-/// rows, those beyond `weight_rows` are zeros.
+/// y = W x. Row r of `weights` holds the weights of output r. The array has room for `row_capacity`
+/// rows, a multiple of eight; those from `weight_rows` on are zeros.
 class LinearLayer : public Component {
  public:
   bool Validate(Refusal& why) override;
@@ -20,18 +22,21 @@ class LinearLayer : public Component {
   }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
+  /// The dimensions of the header, set by Validate.
   int32_t weight_rows = 0;
   int32_t weight_cols = 0;
   FloatArray weights;
+  /// Whether row_capacity is larger than weight_rows.
   bool padded = false;
   int32_t row_capacity = 0;
 
  protected:
   using Component::Component;
+  /// The weights with their spare rows; the text form has them first.
   ParameterRef Weights();
 };
 
-/// y = W x + b. The bias comes first in the binary form, the weights come first in the text form.
+/// y = W x + b. The binary form has the bias first, the text form the weights.
 class AffineLayer : public LinearLayer {
  public:
   ParameterList MutableParameters() override;
@@ -58,16 +63,18 @@ class EmbeddingLayer : public LinearLayer {
   using LinearLayer::LinearLayer;
 };
 
+/// y = W x + b with 32-bit floats in the file, which can be mapped.
 class AffineTransform final : public LayerOf<0x100, AffineLayer> {
  public:
   using LayerOf::LayerOf;
   bool MapData(const char** cursor) override;
 };
 
+/// y = W x + b, stored as asymmetric 8-bit blocks.
 class FixedAffineTransform final : public FixedLayerOf<0x800, AffineLayer> {
  public:
   using FixedLayerOf::FixedLayerOf;
-  /// There is no text form, and nobody reads the binary one through here.
+  /// Always false: there is no text form, and the binary form is read by ReadData.
   bool ReadTextData(FILE* /*fp*/, bool /*binary*/) override { return false; }
 };
 

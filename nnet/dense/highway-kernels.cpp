@@ -12,6 +12,8 @@ HWY_BEFORE_NAMESPACE();
 namespace tarev::nnet::handwriting_CTC {
 namespace HWY_NAMESPACE {
 
+// Values [begin, end) in steps of the tag's lanes. One pass in place of rectifier, sigmoid and two
+// products: each array is read once, and the tail runs through the same code one value at a time.
 template <class D>
 void MixSpan(D d, size_t begin, size_t end, const float* transform, const float* gate,
              const float* in, float* out) {

@@ -84,7 +84,7 @@ bool ColumnVectorLayer::Validate(Refusal& why) {
   return ColumnLayer::Validate(why) && why.AtLeast("input dimension", dim, 0);
 }
 
-// The three below go row by row, so that each row is touched while it is close.
+// The three layers below go row by row, so that the second step finds a row still in the cache.
 
 void AddShift::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                             int /*call_id*/) {
@@ -106,7 +106,8 @@ void Rescale::PropagateFnc(const float* in, int64_t frames, int in_dim, float* o
   }
 }
 
-// The text form carries weights: they become what the binary form carries.
+// The text form has weights. They become what the binary form has: logarithms of the weights
+// divided by their sum.
 bool Prior::ReadTextData(FILE* fp, bool binary) {
   if (!ColumnVectorLayer::ReadTextData(fp, binary)) return false;
   if (binary) return true;

@@ -12,8 +12,10 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Stacks each frame with its neighbours at fixed offsets. Consumes the context that the first and
-/// the last offset reach into, so a call gives that many frames less.
+/// Stacks each frame with its neighbours at fixed offsets: an output row is the input rows t +
+/// offset, one after another, for t from the left context on. Consumes the context that the first
+/// and the last offset reach into: n frames become n - left - right, and a call with no more frames
+/// than its context throws.
 class Splice : public LayerOf<0x401>, public CustomPart {
  public:
   using LayerOf::LayerOf;
@@ -29,14 +31,14 @@ class Splice : public LayerOf<0x401>, public CustomPart {
   std::vector<int32_t> offsets;  // ascending, first <= 0 <= last
 
  private:
-  // The offsets, as many as the dimensions say.
+  // The offsets as int32, as many as output_dim / input_dim; no count is stored.
   bool ReadPart(FILE* fp, Refusal& why) override;
   bool ReadTextPart(FILE* fp, Refusal& why) override;
   bool WritePart(FILE* fp) const override;
   bool ValidateOffsetCount(Refusal& why);
 };
 
-/// One value per column, which memory_bytes does not count.
+/// The base of layers with one value for each column. memory_bytes does not count these values.
 class ColumnVectorLayer : public ColumnLayer {
  public:
   bool Validate(Refusal& why) override;
@@ -48,7 +50,7 @@ class ColumnVectorLayer : public ColumnLayer {
   using ColumnLayer::ColumnLayer;
 };
 
-/// x + shift. Works in place: after a call the input rows hold the output.
+/// y = x + shift, column by column. Works in place: after a call the input rows hold the output.
 class AddShift final : public LayerOf<0x402, ColumnVectorLayer> {
  public:
   using LayerOf::LayerOf;
@@ -58,7 +60,7 @@ class AddShift final : public LayerOf<0x402, ColumnVectorLayer> {
   FloatArray shift;
 };
 
-/// x * scale. Works in place: after a call the input rows hold the output.
+/// y = x scale, column by column. Works in place: after a call the input rows hold the output.
 class Rescale final : public LayerOf<0x403, ColumnVectorLayer> {
  public:
   using LayerOf::LayerOf;
@@ -68,8 +70,9 @@ class Rescale final : public LayerOf<0x403, ColumnVectorLayer> {
   FloatArray scale;
 };
 
-/// x - prior. The text form holds prior weights, which the read turns into logarithms of
-/// probabilities; the binary form holds those.
+/// y = x - prior, column by column: log posteriors become scaled log likelihoods. The text form
+/// holds prior weights, which the read turns into logarithms of probabilities; the binary form
+/// holds those.
 class Prior final : public LayerOf<0x600, ColumnVectorLayer> {
  public:
   using LayerOf::LayerOf;
@@ -80,7 +83,8 @@ class Prior final : public LayerOf<0x600, ColumnVectorLayer> {
   FloatArray prior;
 };
 
-/// The sum of the equal blocks of a row, each with a weight of its own.
+/// The weighted sum of the equal blocks of a row: y = Σ over k of weights[k] times the values k O …
+/// (k + 1) O - 1 of the row, where D = input_num O.
 class AddComponent final : public LayerOf<0x408> {
  public:
   using LayerOf::LayerOf;

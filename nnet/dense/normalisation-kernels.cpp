@@ -23,7 +23,8 @@ struct Moments {
 
 #if HWY_TARGET != HWY_SCALAR
 
-// Moments of as many rows as D has lanes. The squares of floats are exact in double.
+// Moments of as many rows as D has lanes, row r in lane r, so that every sum runs in element order
+// and the rows' chains of additions overlap. The squares of floats are exact in double.
 template <class D>
 void GroupMoments(D d, const float* X, size_t cols, Moments* moments) {
   const hn::Half<D> half;
@@ -49,7 +50,7 @@ void GroupMoments(D d, const float* X, size_t cols, Moments* moments) {
   for (size_t r = 0; r < hn::Lanes(d); ++r) moments[r] = {sums[r], squares[r]};
 }
 
-// Sums of squares of as many rows as D has lanes.
+// Sums of squares of as many rows as D has lanes, likewise.
 template <class D>
 void GroupSquares(D d, const float* X, size_t cols, float* sums) {
   auto sum = hn::Zero(d);
@@ -60,6 +61,7 @@ void GroupSquares(D d, const float* X, size_t cols, float* sums) {
 
 #endif
 
+// Single rows at the end of a block: the same sums, one value at a time.
 void GroupMoments(hn::CappedTag<float, 1> /*d*/, const float* row, size_t cols, Moments* moments) {
   for (size_t c = 0; c < cols; ++c) {
     const double x = row[c];
@@ -96,6 +98,8 @@ void NormSpan(D d, size_t begin, size_t end, const float* in, size_t rows, size_
   }
 }
 
+// Two passes over a group of rows that stays in the cache: the moments of all its rows, then the
+// normalised values, column by column, so that gain and offset are widened once for the group.
 void LayerNormRows(const float* in, size_t rows, size_t cols, const float* gamma, const float* beta,
                    float epsilon, float* out) {
   const hn::ScalableTag<double> dd;
@@ -125,7 +129,7 @@ struct MulOp {
   }
 };
 
-// A row of almost nothing but zeros is not blown up beyond the factor of a mean square of 2^-66.
+// The factor of a row of almost nothing but zeros is limited to that of a mean square of 2^-66.
 float RmsFactor(float mean_square) {
   return mean_square >= 0x1p-66F ? 1.0F / std::sqrt(mean_square) : 0x1p33F;
 }

@@ -2,7 +2,8 @@
 #define NNET_DENSE_NORMALISATION_KERNELS_H_
 
 // Row normalisations. The sums of each row run in element order on every machine; many rows are
-// summed side by side. `in` and `out` may be the same array.
+// summed side by side. Matrices are rows x cols, row-major; `in` and `out` may be the same array.
+// The results are the same bits on every vector target.
 
 #include <cstddef>
 
@@ -13,11 +14,14 @@ namespace tarev::nnet::handwriting_CTC {
 double cal_mean(double sum, size_t n);
 double std_deviation(double sum, double sum_of_squares, size_t n);
 
-/// out = (x - mean) * gamma / (epsilon + deviation) + beta, in double precision throughout.
+/// Layer normalisation (Ba et al. 2016) with the unbiased deviation and epsilon added to that, not
+/// to the variance: out = (x - mean) * gamma / (epsilon + deviation) + beta for each row, gamma and
+/// beta of cols values. In double precision throughout; only the result is rounded to float.
 void layer_norm(const float* in, size_t rows, size_t cols, const float* gamma, const float* beta,
                 float epsilon, float* out);
 
-/// Scales every row to the root mean square `target_rms`; the factor is at most 2^33.
+/// Scales every row to the root mean square `target_rms`: out = x / sqrt(Σx² / (cols target_rms²)).
+/// The factor is at most 2^33, so rows of zeros stay zeros.
 void rms_norm(const float* in, size_t rows, size_t cols, float target_rms, float* out);
 
 /// out = in * scale + shift over n values, the product rounded before the sum.

@@ -9,8 +9,8 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// Rows become scale * row + offset in their own place and are then copied out; row by row, so that
-// each is touched while it is close.
+// Rows become scale * row + offset in place and are then copied out; row by row, so that the later
+// steps find the row still in the cache.
 void ScaleRowsInPlace(const float* in, size_t rows, size_t cols, const FloatArray& scale,
                       const FloatArray& offset, float* out) {
   float* row = const_cast<float*>(in);  // works in place

@@ -11,7 +11,7 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Scales every row to the root mean square `target_rms`.
+/// Scales every row to the root mean square `target_rms`; see rms_norm.
 class NormalizeComponent final : public LayerOf<0x404, RowLayer> {
  public:
   using LayerOf::LayerOf;
@@ -21,9 +21,10 @@ class NormalizeComponent final : public LayerOf<0x404, RowLayer> {
   float target_rms = 1.0F;
 };
 
-/// y = target_rms (x - mean) / sqrt(variance + epsilon) per column. The first call folds the
-/// statistics: `variance` then holds the scale and `mean` the offset, and so does what is written.
-/// Works in place: after a call the input rows hold the output.
+/// Batch normalisation (Ioffe and Szegedy 2015) without gain and offset, per column: y = target_rms
+/// (x - mean) / sqrt(variance + epsilon). The first call folds the statistics: `variance` then
+/// holds the scale and `mean` the offset, and so does what is written. Works in place: after a call
+/// the input rows hold the output.
 class BatchNormComponent final : public LayerOf<0x405, ColumnLayer> {
  public:
   using LayerOf::LayerOf;
@@ -44,7 +45,8 @@ class BatchNormComponent final : public LayerOf<0x405, ColumnLayer> {
   void Fold();
 };
 
-/// Statistics, gain and offset of a batch normalisation, n values each.
+/// Statistics, gain and offset of a batch normalisation, n values each; n is the number of columns
+/// or of channels.
 struct BatchNormParameters {
   float epsilon = 0.0F;
   FloatArray mean;
@@ -58,9 +60,9 @@ struct BatchNormParameters {
   float Shift(size_t i, float scale) const { return beta[i] - mean[i] * scale; }
 };
 
-/// y = gamma (x - mean) / sqrt(variance + epsilon) + beta per column. The first call folds the
-/// statistics: `gamma` then holds the scale and `beta` the offset, and so does what is written.
-/// Works in place: after a call the input rows hold the output.
+/// Batch normalisation per column: y = gamma (x - mean) / sqrt(variance + epsilon) + beta. The
+/// first call folds the statistics: `gamma` then holds the scale and `beta` the offset, and so does
+/// what is written. Works in place: after a call the input rows hold the output.
 class BatchNorm1d final : public LayerOf<0x409, ColumnLayer>, public BatchNormParameters {
  public:
   using LayerOf::LayerOf;
@@ -85,8 +87,8 @@ class BatchNorm2d final : public LayerOf<0x407, PlaneLayer>, public BatchNormPar
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// y = gamma (x - mean) / (epsilon + deviation) + beta with mean and unbiased standard deviation of
-/// each row.
+/// Layer normalisation: y = gamma (x - mean) / (epsilon + deviation) + beta with mean and unbiased
+/// standard deviation of each row; see layer_norm.
 class LayerNorm final : public LayerOf<0x406, ColumnLayer> {
  public:
   LayerNorm(int first, int second);

@@ -1,6 +1,10 @@
-// The columns of a block of rows, for sums along rows that run in element order: one lane a row, so
-// that the chains of additions of many rows run side by side. Included after hwy/highway.h, once
-// per target.
+// The columns of a block of rows, for sums along rows that run in element order. Such a sum is one
+// chain of additions, and a vector along the row would split it. Instead one lane holds one row: a
+// vector is a column of as many rows as there are lanes, and one addition of vectors advances the
+// sums of all of them. Rows are contiguous, so columns are made by transposing blocks of four
+// columns in registers.
+//
+// Included after hwy/highway.h, once per target.
 
 #if defined(NNET_ROW_COLUMNS_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef NNET_ROW_COLUMNS_INL_H_
@@ -19,7 +23,9 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 #if HWY_TARGET != HWY_SCALAR  // where all groups are single rows
 
-/// Four floats of every fourth row: block b of the result is X[4 b][0..3].
+/// Four floats of every fourth row: 128-bit block b of the result is X[4 b][0..3]. The interleaving
+/// instructions work within such blocks, so one sequence of them transposes 4 x 4 values in each
+/// block, whatever the width of the vector.
 template <class D>
 HWY_INLINE hn::Vec<D> LoadRowBlocks(D d, const float* X, size_t cols) {
   if constexpr (hn::MaxLanes(D()) > 4) {
@@ -32,7 +38,8 @@ HWY_INLINE hn::Vec<D> LoadRowBlocks(D d, const float* X, size_t cols) {
 }
 
 /// Calls consume(v) for every column in order; lane r of v is the value of row r. D has at least
-/// four lanes, X as many rows.
+/// four lanes, X as many rows as D has lanes. Columns left over after the last four are gathered
+/// one by one.
 template <class D, class Consume>
 HWY_INLINE void ForEachColumn(D d, const float* X, size_t cols, const Consume& consume) {
   size_t c = 0;

@@ -15,6 +15,8 @@ namespace {
 
 using Token = char[kTokenSize];
 
+// Room ahead of a call, up to what a header alone may ask for; the call that brings the rows makes
+// the rest.
 void GrowAhead(FloatArray& buffer, uint64_t floats, uint64_t& memory_bytes) {
   if (floats <= kMaxFloatsAhead) buffer.Grow(floats, memory_bytes);
 }
@@ -28,7 +30,7 @@ bool NextWord(char*& line, Token& token) {
   return true;
 }
 
-// A count in front of so many entries of at least 4 bytes each.
+// A count before as many entries of at least 4 bytes each, checked against the rest of the file.
 bool ReadCount(FILE* fp, const char* name, int32_t& count, Refusal& why) {
   constexpr size_t kLeastBytes = 4;
   if (!ReadValues(fp, count)) return why.Because("%s: cut short", name);
@@ -77,7 +79,7 @@ bool RegisterComponent::ReadPart(FILE* fp, Refusal& why) {
   if (got == kMarkSize && std::memcmp(mark, "EXT", kMarkSize) == 0) {
     return fread_string(fp, slice_index) || why.Because("slice index: no complete string");
   }
-  // A block without the extension: what was read belongs to the next component.
+  // The block has no extension: what was read belongs to the next component.
   return std::fseek(fp, -static_cast<long>(got), SEEK_CUR) == 0 ||
          why.Because("the stream cannot be read again from before the next component");
 }

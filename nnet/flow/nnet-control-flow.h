@@ -40,7 +40,9 @@ void AnnounceRegister(NetworkLinks& links, const Register& entry) {
              Register::kKind, entry.register_name.c_str());
 }
 
-/// Keeps all rows of a call, or those of the given frame indexes; negative ones count from the end.
+/// Gives its input unchanged and keeps a copy under its name until its next call: all rows, or the
+/// one row that the slice index names; a negative index counts from the end. A call without frames
+/// keeps none. A call that lacks the named frame throws.
 class RegisterComponent final : public LayerOf<0x700>, public CustomPart {
  public:
   /// What messages call this kind of register.
@@ -56,7 +58,7 @@ class RegisterComponent final : public LayerOf<0x700>, public CustomPart {
   CallPlan Plan(int64_t frames, int in_dim) const override { return SameRowsPlan(frames, in_dim); }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
-  /// Rows of O values that the buffer holds for a concatenation.
+  /// Rows of O values that the buffer holds for a concatenation; never more than were stored.
   int64_t HeldFrames() const;
 
   std::string register_name;
@@ -67,12 +69,14 @@ class RegisterComponent final : public LayerOf<0x700>, public CustomPart {
   int64_t frame_capacity = 0;
 
  private:
-  // The extension of the binary form that carries the slice index.
+  // The optional extension of the binary form that carries the slice index: the bytes "EXT" and a
+  // string. A block without it is followed by the next component, whose first bytes are then left
+  // in the stream.
   bool ReadPart(FILE* fp, Refusal& why) override;
   bool WritePart(FILE* fp) const override;
 };
 
-/// Keeps all planes of a call.
+/// Gives its planes unchanged and keeps a copy of all of them under its name until its next call.
 class Register2dComponent final : public LayerOf<0x701, ChannelComponent> {
  public:
   static constexpr const char* kKind = "register2d";
@@ -93,11 +97,11 @@ class Register2dComponent final : public LayerOf<0x701, ChannelComponent> {
   int64_t frame_capacity = 0;
 };
 
-/// The parameter block of a concatenation: which parts an output row consists of, in order. The text
-/// form is one line of "<RegisterName> name" and "<Input>".
+/// The parameter block of a concatenation: which parts an output row consists of, in order. The
+/// text form is one line of "<RegisterName> name" and "<Input>".
 struct ConcatenationParts : CustomPart {
   std::vector<std::string> register_names;
-  /// Part numbers at which the layer's own input stands; the others are the registers in order.
+  /// Numbers of the parts that are the layer's own input; the others are the registers in order.
   std::vector<int32_t> input_positions;
   int32_t part_count = 0;
 
@@ -107,18 +111,20 @@ struct ConcatenationParts : CustomPart {
 
   bool UsesInput() const { return !input_positions.empty(); }
   bool IsInput(int32_t part) const { return part_is_input_[ToSize(part)]; }
+  /// The parts in order, as text for a reader.
   std::string Describe() const;
 
  protected:
   FieldList PartFields() { return {{"parts", this}}; }
+  /// Refuses input positions that are no part number or repeat; IsInput is valid afterwards.
   bool ValidateParts(Refusal& why);
 
  private:
   std::vector<bool> part_is_input_;
 };
 
-/// The same with the registers that the names stand for. Their sizes and the input's add up to the
-/// output's: dimensions of rows or channels of planes, which the pointers to members tell.
+/// The same with the registers of those names. Their sizes and the input's add up to the output's:
+/// dimensions of rows or channels of planes, which the pointers to members tell.
 template <class Register>
 struct LinkedParts : ConcatenationParts {
   using Size = int32_t Component::*;
@@ -126,11 +132,14 @@ struct LinkedParts : ConcatenationParts {
   std::vector<const Register*> registers;
 
  protected:
+  /// The size that the parts have together.
   int64_t TotalSize(const Component& layer, Size input, Size output) const {
     int64_t size = static_cast<int64_t>(input_positions.size()) * (layer.*input);
     for (const Register* part : registers) size += part->*output;
     return size;
   }
+  /// Looks the names up among the announced registers. Throws when one is missing or the sizes do
+  /// not add up.
   void FindRegisters(NetworkLinks& links, const Component& layer, Size input, Size output) {
     registers.clear();
     const RegisterMap<Register>& known = links.Shared<RegisterMap<Register>>();
@@ -143,7 +152,8 @@ struct LinkedParts : ConcatenationParts {
     }
     RequireSize(links.place(), TotalSize(layer, input, output), layer.*output);
   }
-  /// Throws unless every name is linked and the sizes still add up, right before a call.
+  /// Throws unless every name is linked and the sizes still add up, right before a call: a register
+  /// may have adopted another width since.
   void CheckSizes(std::source_location where, const Component& layer, Size input,
                   Size output) const {
     if (registers.size() != register_names.size()) {
@@ -161,7 +171,10 @@ struct LinkedParts : ConcatenationParts {
   }
 };
 
-/// Joins rows, frame by frame. Without its own input it has as many frames as its first register.
+/// Joins rows, frame by frame: D and the widths of the registers add up to O. With its own input
+/// among the parts it has as many frames as that, otherwise as many as its first register. A call
+/// throws when a register holds fewer; a register that runs after this layer still holds the rows
+/// of the call before.
 class ConcatenateComponent final : public LayerOf<0x702>, public LinkedParts<RegisterComponent> {
  public:
   using LayerOf::LayerOf;
@@ -180,7 +193,8 @@ class ConcatenateComponent final : public LayerOf<0x702>, public LinkedParts<Reg
   void CheckRegisters(int64_t frames) const;
 };
 
-/// Stacks planes along the channel axis.
+/// Stacks planes along the channel axis. A call throws unless all registers hold planes of the
+/// call's frames and of one width.
 class Concatenate2dComponent final : public LayerOf<0x703, ChannelComponent>,
                                      public LinkedParts<Register2dComponent> {
  public:

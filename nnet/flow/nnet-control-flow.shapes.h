@@ -13,7 +13,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Planes to rows: row t is the rows t of all input channels, one after another.
+/// Planes to rows: row t is the rows t of all input channels, one after another. A call throws
+/// unless O = input_channels D.
 class FlattenComponent final : public LayerOf<0x704> {
  public:
   using LayerOf::LayerOf;
@@ -28,7 +29,7 @@ class FlattenComponent final : public LayerOf<0x704> {
   int32_t input_channels = 0;
 };
 
-/// Rows to planes, the inverse.
+/// Rows to planes, the inverse. A call throws unless D = output_channels O.
 class DeflattenComponent final : public LayerOf<0x705> {
  public:
   using LayerOf::LayerOf;
@@ -47,7 +48,8 @@ class DeflattenComponent final : public LayerOf<0x705> {
   int32_t output_channels = 0;
 };
 
-/// The frames of the given indexes; negative ones count from the end of the call.
+/// The frame of the given index; a negative one counts from the end of the call. A call that has
+/// frames but not that one throws.
 class SliceComponent final : public LayerOf<0x706> {
  public:
   using LayerOf::LayerOf;
@@ -61,7 +63,7 @@ class SliceComponent final : public LayerOf<0x706> {
   std::vector<int32_t> indexes;
 };
 
-/// Frames that are added at both ends.
+/// The parameter block of a padding: how many frames are added at either end of a call.
 struct FramePadding {
   int32_t padding_left = 0;
   int32_t padding_right = 0;
@@ -73,7 +75,9 @@ struct FramePadding {
   int64_t PaddedFrames(int64_t frames) const { return frames + padding_left + padding_right; }
 };
 
-/// Mirrors the frames next to each end, not the end itself.
+/// Adds the mirror images of the frames next to each end, not of the end itself: frames L, L - 1,
+/// …, 1 before and n - 2, …, n - 1 - R after. A call that has frames, but not more than max(L, R),
+/// throws.
 class ReflectionPad final : public LayerOf<0x707>, public FramePadding {
  public:
   using LayerOf::LayerOf;
@@ -86,13 +90,14 @@ class ReflectionPad final : public LayerOf<0x707>, public FramePadding {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// The parameter block of a padding with one value.
+/// The same with the value that the frames hold.
 struct ConstantPadParameters : FramePadding {
   float value = 0.0F;
 
   FieldList ConstantPadFields();
 };
 
+/// Adds frames that hold one value. A call without frames gives the added ones.
 class ConstantPad final : public LayerOf<0x708>, public ConstantPadParameters {
  public:
   using LayerOf::LayerOf;
@@ -106,7 +111,8 @@ class ConstantPad final : public LayerOf<0x708>, public ConstantPadParameters {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// Reads the same floats as rows of O values. Values of a last row that is not full are dropped.
+/// Reads the same floats as rows of O values: floor(D n / O) of them. What does not fill a last row
+/// is dropped.
 class ViewComponent final : public LayerOf<0x500> {
  public:
   using LayerOf::LayerOf;

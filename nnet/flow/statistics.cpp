@@ -30,7 +30,8 @@ int64_t StatisticsExtraction::CalcOutputFrames(int64_t in_frames) const {
   return std::max<int64_t>(0, in_frames - (LeftContext() + RightContext()));
 }
 
-// Every input frame has a row while the sums are formed; those of the last frames are no output.
+// Every input frame has a row while the sums are formed; those of the last frames, whose spans are
+// not complete, are no output.
 CallPlan StatisticsExtraction::Plan(int64_t frames, int /*in_dim*/) const {
   return {CalcOutputFrames(frames), BlockFloats(1, input_dim, frames),
           BlockFloats(1, RowWidth(), frames)};
@@ -51,6 +52,8 @@ bool StatisticsExtraction::Validate(Refusal& why) {
          why.Equal("output dimension", output_dim, "row of statistics", RowWidth());
 }
 
+// The values of every frame are copied to its row, and rows are then added up in place: a row only
+// reads rows after it, which are still as they were copied. Sums run in frame order.
 void StatisticsExtraction::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                         int /*call_id*/) {
   RequireWidth(input_dim, in_dim);
@@ -119,6 +122,8 @@ void StatisticsPooling::PropagateFnc(const float* in, int64_t frames, int in_dim
   }
 }
 
+// Sums in the first row of the block, then means in the output row, then deviations where the means
+// of the squares are.
 void StatisticsPooling::PoolBlock(float* rows, int64_t count, float* out) const {
   const size_t dim = ToSize(input_dim);
   for (size_t r = 1; r < ToSize(count); ++r) add_vec_to_rows(rows, 1, dim, rows + r * dim, 1.0F);

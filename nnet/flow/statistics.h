@@ -2,7 +2,8 @@
 #define NNET_FLOW_STATISTICS_H_
 
 // Layers that turn a sequence of frames into statistics over windows of frames. Cutting into
-// windows, forming sums and pooling them gives one vector a window.
+// windows, forming sums and pooling them gives one vector for each window. D is the input
+// dimension, O the output dimension.
 
 #include <cstdint>
 #include <memory>
@@ -12,8 +13,10 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Row r becomes [count, sums of x, sums of x^2] over frames r, r + input_period, … of a span of
-/// output_period frames. With variance the input rows are left squared.
+/// Row r becomes [count, sums of x, sums of x²] (without variance [count, sums of x]) over the
+/// frames r, r + input_period, … of a span of output_period frames. n frames become n - right
+/// context, and a call of no more frames than that throws. With variance the input rows are left
+/// squared.
 class StatisticsExtraction final : public LayerOf<0x601> {
  public:
   using LayerOf::LayerOf;
@@ -34,8 +37,9 @@ class StatisticsExtraction final : public LayerOf<0x601> {
 };
 
 /// Pools blocks of `pool_frames` rows of statistics (0: all rows of a call; the last block takes
-/// what remains) into rows of means and, in place of the second half, standard deviations. The sums
-/// are formed in the input rows.
+/// what remains) into one row each: means and, in place of the second half,
+/// sqrt(max(variance_floor, mean of squares - mean²)). The sums are formed in the input rows. The
+/// periods and contexts of the block are stored only.
 class StatisticsPooling final : public LayerOf<0x602> {
  public:
   using LayerOf::LayerOf;
@@ -50,11 +54,12 @@ class StatisticsPooling final : public LayerOf<0x602> {
   int32_t input_period = 1;
   int32_t left_context = -1;
   int32_t right_context = -1;
-  /// Leading slots of an output row, which stay 0; with any, no deviations are formed.
+  /// Leading values of an output row, which stay 0; with any, no deviations are formed.
   int32_t num_log_count_features = 0;
   bool output_stddevs = true;
   float variance_floor = 1.0e-10F;
-  /// The window of the layer in front, when that cuts windows; set when the network is linked.
+  /// The window of the layer before this one, when that cuts windows; set when the network is
+  /// linked.
   int32_t pool_frames = 0;
 
  private:
@@ -62,12 +67,15 @@ class StatisticsPooling final : public LayerOf<0x602> {
 };
 
 /// Cuts the stream into windows of `window_size` frames, `hop_size` apart, and gives their frames
-/// one window after another. Frames of windows that are not complete wait for the next call.
+/// one window after another. Frames of windows that are not complete wait for the next call; a call
+/// with a negative call_id ends the stream. Reading throws "Wrong parameter(s)!" for sizes that
+/// make no window.
 class SlidingWindow final : public LayerOf<0x603> {
  public:
   using LayerOf::LayerOf;
-  /// Always throws: the count depends on what earlier calls left.
+  /// Always throws: the number depends on what earlier calls left.
   int64_t CalcOutputFrames(int64_t in_frames) const override;
+  /// An estimate from the frames alone; windows that overlap may give more, which Plan allows for.
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
   CallPlan Plan(int64_t frames, int in_dim) const override;
   void Reset() override;
@@ -82,6 +90,7 @@ class SlidingWindow final : public LayerOf<0x603> {
   int32_t window_size = 0;
   int32_t hop_size = 0;
   int32_t sliding_mode = 0;
+  /// Calls of PropagateFnc since the last reset, which pass it as call_id.
   int32_t chunk_count = 0;
   std::unique_ptr<feats_win_generator_t> generator;
 };

@@ -18,6 +18,10 @@ void GruParameters::ReserveState(const RecurrentShape& shape, uint64_t& memory_b
   AllocateState(state, 2 * shape.cells, memory_bytes);
 }
 
+// The input part of all gates is one product over all frames. Per frame the recurrent part of r and
+// z is added onto the gate row, that of n goes to a vector of its own, because r is applied to it
+// before it is added. The output row is the state: the next step reads h where this one wrote it,
+// and only the last row is copied to the state.
 void GruParameters::Propagate(const float* in, size_t frames, const RecurrentShape& shape,
                               Direction direction, float* gates, OutputRows out) {
   const size_t h = shape.cells;

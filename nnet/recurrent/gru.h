@@ -1,10 +1,15 @@
 #ifndef NNET_RECURRENT_GRU_H_
 #define NNET_RECURRENT_GRU_H_
 
-// Gated recurrent unit layers, one direction or both, and their fixed-point twins. H is the hidden
-// size (`cell_dim` in the block and in the shared classes), D the input dimension. Gate blocks are r (reset), z (update), n (candidate). Per frame:
-//   r = sigmoid(W_r x + U_r h + ...),  z = sigmoid(W_z x + U_z h + ...),
-//   n = tanh(W_n x + b_n + r (U_n h + c_n)),  h = (1 - z) n + z h.
+// Gated recurrent unit layers (Cho et al. 2014), one direction or both, and their fixed-point
+// twins; the form in which r is applied after the recurrent product. H is the hidden size
+// (`cell_dim` in the block and in the shared classes), D the input dimension. Gate blocks are r
+// (reset), z (update) and n (candidate). For each frame, with W and b the input weights and bias, R
+// and c the recurrent ones:
+//   r = sigmoid(W_r x + b_r + R_r h + c_r),  z = sigmoid(W_z x + b_z + R_z h + c_z),
+//   m = tanh(W_n x + b_n + r (R_n h + c_n)),  h' = (1 - z) m + z h.
+// Block n of the recurrent bias lies inside the product with r, so that the two biases cannot be
+// added up.
 
 #include <cstdint>
 
@@ -13,7 +18,7 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// One direction: parameters and state.
+/// One direction of a GRU: parameters and state. Used by one thread at a time.
 struct GruParameters {
   static constexpr int kGates = 3;
   static constexpr bool kProjects = false;
@@ -25,7 +30,7 @@ struct GruParameters {
   FloatArray recurrent_bias;     // 3H; block n lies inside the product with r
   FloatArray state;              // 2H: h and a vector of scratch
 
-  /// As in LstmParameters.
+  /// The functions of a cell, as LstmParameters declares them.
   ParameterList List(const RecurrentShape& shape);
   void ReserveState(const RecurrentShape& shape, uint64_t& memory_bytes);
   void Propagate(const float* in, size_t frames, const RecurrentShape& shape, Direction direction,

@@ -9,8 +9,8 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// The gate rows of all Blstm layers of a network, which run one after the other. The layers own
-// them together, so they stay for as long as one of the layers does.
+// The gate rows of all Blstm layers of a network, which run one after the other. The layers share
+// the ownership, so the rows stay for as long as one of the layers does.
 struct SharedGates {
   std::shared_ptr<FloatArray> rows = std::make_shared<FloatArray>();
 };
@@ -30,6 +30,10 @@ void LstmParameters::ReserveState(const RecurrentShape& shape, uint64_t& memory_
   AllocateState(state, 4 * shape.cells, memory_bytes);
 }
 
+// The input part of all gates is one matrix product over all frames, which reads the weights once;
+// per frame there remain one matrix-vector product and one pass over the gates. The output row is
+// the state: the next step reads h where this one wrote it, and only the last row is copied to the
+// state. The cell is updated in place.
 void LstmParameters::Propagate(const float* in, size_t frames, const RecurrentShape& shape,
                                Direction direction, float* gates, OutputRows out) {
   const size_t c = shape.cells;
@@ -114,6 +118,8 @@ void ProjectedLstmLayer::Reset() {
   ClearState(saved_state);
 }
 
+// The saved state is where this call begins; the cell replaces it by the state after the frame that
+// the next call will continue from, as it passes it.
 void ProjectedLstmLayer::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                       int /*call_id*/) {
   RequireWidth(input_dim, in_dim);

@@ -1,9 +1,14 @@
 #ifndef NNET_RECURRENT_LSTM_H_
 #define NNET_RECURRENT_LSTM_H_
 
-// Long short-term memory layers: one direction or both, with or without peepholes and projection,
-// and their fixed-point twins. c is the cell dimension, P the projection dimension, D the input
-// dimension.
+// Long short-term memory layers (Hochreiter and Schmidhuber 1997, with the forget gate and the
+// peepholes of Gers et al. 2000, 2002, and the projection of Sak et al. 2014): one direction or
+// both, with or without peepholes and projection, and their fixed-point twins. c is the cell
+// dimension, P the projection dimension, D the input dimension. With G the gate row of a frame, W x
+// + R h and the biases:
+//   c' = sigmoid(G_f) c + sigmoid(G_i) tanh(G_g),  h' = sigmoid(G_o) tanh(c').
+// Peepholes add p_i c, p_f c and p_o c' to the gates i, f and o; a projection gives r' = P_w h' +
+// P_b, which takes the place of h in R h and in the output.
 
 #include <cstdint>
 
@@ -12,7 +17,9 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// One direction without projection: parameters and state. Gate blocks are i, f, g, o.
+/// One direction without projection: parameters and state. Gate blocks are i, f, g, o. Used by one
+/// thread at a time. All cells have the functions below, which RecurrentLayer and its subclasses
+/// call.
 struct LstmParameters {
   static constexpr int kGates = 4;
   static constexpr bool kProjects = false;
@@ -22,18 +29,21 @@ struct LstmParameters {
   FloatArray recurrent_weights;  // 4c x c
   FloatArray input_bias;         // 4c, added to every gate row before the recurrence
   FloatArray recurrent_bias;     // 4c, added inside the recurrence
-  FloatArray state;              // 4c: h, cell and two vectors of scratch
+  FloatArray state;              // 4c: h and cell; the other half is not used
 
-  /// The arrays in file order.
+  /// The arrays in file order, in the shapes of the file.
   ParameterList List(const RecurrentShape& shape);
+  /// Allocates the state, zero-filled, unless it is there.
   void ReserveState(const RecurrentShape& shape, uint64_t& memory_bytes);
-  /// Runs over the frames in the given direction from the state that the last call left. `gates`
-  /// has room for frames x kGates x cells floats.
+  /// Runs over `frames` rows of D values in the given direction from the state that the last call
+  /// left, and leaves the state of its last step. Writes output row t for frame t. `gates` has room
+  /// for frames x kGates x cells floats, which are overwritten. The state must be reserved.
   void Propagate(const float* in, size_t frames, const RecurrentShape& shape, Direction direction,
                  float* gates, OutputRows out);
 };
 
-/// Where a projected LSTM copies its state (the first 4c floats) after one frame of a call.
+/// Where a projected LSTM copies its state (the 4c floats that a step computes) after one frame of
+/// a call. A frame outside the call copies nothing.
 struct StateSnapshot {
   int64_t frame = -1;
   float* state = nullptr;
@@ -53,9 +63,9 @@ struct ProjectedLstmParameters {
   FloatArray peephole_output;     // c
   FloatArray projection_weights;  // P x c
   FloatArray projection_bias;     // P
-  /// 8c: two halves of cell, tanh of the cell, m and r, c values each. One half is the state that
-  /// enters a frame, the other the state that the frame computes; after each frame they change
-  /// places, and a call ends with its last state in the first half.
+  /// 8c: two halves of cell, tanh of the cell, m and r, c values each (r has P of them). One half
+  /// is the state that enters a frame, the other the state that the frame computes; after each
+  /// frame they change places, and a call ends with its last state in the first half.
   FloatArray state;
 
   ParameterList List(const RecurrentShape& shape);
@@ -69,7 +79,7 @@ extern template class ForwardLayer<ProjectedLstmParameters>;
 extern template class BidirectionalLayer<LstmParameters>;
 extern template class BidirectionalLayer<ProjectedLstmParameters>;
 
-/// Output row h; c is the output dimension and no field of the block.
+/// An LSTM in forward direction, output row h; c is the output dimension and no field of the block.
 class LstmLayer : public ForwardLayer<LstmParameters> {
  public:
   FieldList Fields() override { return {}; }
@@ -79,9 +89,12 @@ class LstmLayer : public ForwardLayer<LstmParameters> {
   using ForwardLayer::ForwardLayer;
 };
 
-/// Output row r; P is the output dimension, P <= c. A call continues from the state after the frame
-/// that lies `overlap_frames` before the end of the previous call, since that many frames come again
-/// when splices after this layer consume context.
+/// A projected LSTM in forward direction, output row r; P is the output dimension, P <= c.
+///
+/// When splices after this layer consume context, the caller repeats as many frames at the
+/// beginning of the next call. A call therefore continues from the state after the frame that lies
+/// `overlap_frames` before the end of the previous call. A call of no more than overlap_frames
+/// frames leaves that state as it was.
 class ProjectedLstmLayer : public ForwardLayer<ProjectedLstmParameters> {
  public:
   void Reserve(int64_t frames) override;
@@ -96,8 +109,8 @@ class ProjectedLstmLayer : public ForwardLayer<ProjectedLstmParameters> {
   using ForwardLayer::ForwardLayer;
 };
 
-/// Output row [h forward, h backward]; 2c is the output dimension. Parameters are binary16 in the
-/// file; the fixed-point write gives asymmetric blocks.
+/// A bidirectional LSTM, output row [h forward, h backward]; 2c is the output dimension. Parameters
+/// are binary16 in the file; the fixed-point write gives asymmetric blocks.
 class BlstmLayer : public BidirectionalLayer<LstmParameters> {
  public:
   BlockForm Form() const override {
@@ -108,12 +121,14 @@ class BlstmLayer : public BidirectionalLayer<LstmParameters> {
   using BidirectionalLayer::BidirectionalLayer;
 };
 
+/// The float layer, whose block can be mapped.
 class Blstm final : public LayerOf<0x10e, BlstmLayer> {
  public:
   using LayerOf::LayerOf;
-  /// The image holds 32-bit floats.
+  /// The image holds 32-bit floats, unlike the file.
   bool MapData(const char** cursor) override { return MapBlock(cursor, *this); }
-  /// All layers of this class in a network share their gate rows.
+  /// All layers of this class in a network share their gate rows, which then do not count in
+  /// memory_bytes.
   void Link(NetworkLinks& links) override;
 };
 

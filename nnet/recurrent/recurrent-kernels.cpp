@@ -12,8 +12,10 @@ HWY_BEFORE_NAMESPACE();
 namespace tarev::nnet::handwriting_CTC {
 namespace HWY_NAMESPACE {
 
-// The state updates below run over [begin, end) in steps of the tag's lanes; what is left at the
-// end runs through the same code one value at a time.
+// One pass for a whole frame: a vector of every gate is loaded, and activations, cell and output
+// are computed in registers, so that nothing but the state and the output is stored. The updates
+// run over [begin, end) in steps of the tag's lanes; the tail runs through the same code one value
+// at a time, so that a value gives the same bits wherever it is.
 template <class D>
 void LstmSpan(D d, size_t begin, size_t end, const float* gates, const float* bias, size_t n,
               float* cell, float* hidden) {

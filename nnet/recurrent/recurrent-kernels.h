@@ -9,11 +9,13 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// LSTM with gate blocks i, f, g, o of n values. With G = gates + bias:
+/// LSTM with gate blocks i, f, g, o of n values. `hidden` is written, `cell` is updated in place.
+/// With G = gates + bias:
 ///   cell = sigmoid(G_f) cell + sigmoid(G_i) tanh(G_g),  hidden = sigmoid(G_o) tanh(cell).
 void lstm_cell(const float* gates, const float* bias, size_t n, float* cell, float* hidden);
 
-/// The arrays of one frame of an LSTM with peepholes, n values each; gate blocks g, i, f, o.
+/// The arrays of one frame of an LSTM with peepholes, n values each, of the gates 4n; gate blocks
+/// g, i, f, o. The last three are written.
 struct PeepholeFrame {
   const float* gates;
   const float* peephole_input;
@@ -29,8 +31,9 @@ struct PeepholeFrame {
 ///   hidden = sigmoid(G_o + p_o cell) tanh(cell).
 void peephole_lstm_cell(const PeepholeFrame& frame, size_t n);
 
-/// The arrays of one frame of a GRU; gate blocks r, z, n. `gates` holds the input part of all three
-/// and the recurrent part of r and z; `candidate` is the recurrent part of n.
+/// The arrays of one frame of a GRU; gate blocks r, z, n. `gates` holds the input part of all
+/// three, with the input bias, and the recurrent part of r and z; `candidate` is the recurrent part
+/// of n. `hidden` is written; it may be `previous_hidden`.
 struct GruFrame {
   const float* gates;
   const float* candidate;

@@ -9,7 +9,8 @@
 //   kGates      gate blocks, each of `cells` values, in a gate row
 //   kProjects   whether its output is a projection of its cells
 //   kClips      whether exporters write "<ClipGradient>", which has a meaning for training only
-//   List, ReserveState, ResetState, Propagate   as LstmParameters declares them.
+//   state       what it carries from call to call; zeros at the beginning of an input
+//   List, ReserveState, Propagate   as LstmParameters declares them.
 
 #include <algorithm>
 #include <cstdint>
@@ -19,7 +20,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Sizes of one direction: input values, cells (of a GRU: its hidden size), output values.
+/// Sizes of one direction: values of an input row, cells (of a GRU: its hidden size), values of an
+/// output row.
 struct RecurrentShape {
   size_t input;
   size_t cells;
@@ -32,22 +34,23 @@ constexpr size_t StepIndex(Direction direction, size_t k, size_t frames) {
   return direction == Direction::kForward ? k : frames - 1 - k;
 }
 
-/// Rows of `outputs` values, `stride` floats apart.
+/// Output rows of one direction, `stride` floats apart; not owned.
 struct OutputRows {
   float* data;
   size_t stride;
 };
 
 /// The gate rows of a call: the layer's own or, once linked, those that all layers of a network
-/// share. They grow and never shrink; contents are not kept.
+/// share. They grow and never shrink; contents are not kept from call to call.
 struct GateBuffer {
   FloatArray gate_buffer;
   int64_t frame_capacity = 0;
   std::shared_ptr<FloatArray> shared_gates;
 
-  /// Makes room ahead of a call, unless that is more than any block may hold.
+  /// Makes room for calls of `frames` frames, unless that is more than any block may hold.
   void ReserveGates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
-  /// Room for the rows of a call.
+  /// The rows of a call, frames x gate_dim floats, growing them if need be. Throws when the memory
+  /// cannot be had.
   float* Gates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
 };
 
@@ -60,7 +63,8 @@ void ClearState(FloatArray& state);
 void InputGates(const float* in, size_t frames, size_t input_dim, const FloatArray& weights,
                 const FloatArray& bias, size_t gate_dim, float* gates);
 
-/// What the layers of one and of both directions have in common.
+/// The base of the layers in one direction and in both: the leading field, the stored form and the
+/// sizes.
 template <class Cell>
 class RecurrentLayer : public Component, public GateBuffer {
  public:
@@ -90,7 +94,8 @@ class RecurrentLayer : public Component, public GateBuffer {
   RecurrentShape Shape() const { return {ToSize(input_dim), ToSize(cell_dim), ToSize(proj_dim)}; }
 };
 
-/// Forward only. Continues from call to call.
+/// A layer in forward direction: n rows of D values become n rows of the output dimension.
+/// Continues from the state of the last call until a reset.
 template <class Cell>
 class ForwardLayer : public RecurrentLayer<Cell>, public Cell {
  public:
@@ -115,8 +120,9 @@ class ForwardLayer : public RecurrentLayer<Cell>, public Cell {
   using RecurrentLayer<Cell>::RecurrentLayer;
 };
 
-/// Both directions, output row [forward, backward]. Each direction continues from the last frame
-/// that it processed in the call before.
+/// A layer in both directions, output row [forward, backward]; each direction has half of the
+/// output dimension. The backward direction runs from the last frame of a call to its first. Each
+/// direction continues from the last frame that it processed in the call before, until a reset.
 template <class Cell>
 class BidirectionalLayer : public RecurrentLayer<Cell> {
  public:

@@ -7,8 +7,9 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-// Twice the held rows: they are moved to the front of the array once it is full, which is then as
-// rare as it takes as many new rows to come.
+// Rows are dropped by moving the beginning on, and the rows held are moved to the front of the
+// array only when it is full. With room for twice the held rows as many new rows come in between,
+// so a row is copied a constant number of times.
 void RowQueue::Reserve(int64_t held, int64_t rows, uint64_t& memory_bytes) {
   const uint64_t floats = BlockFloats(1, static_cast<int64_t>(width_), 2 * held + rows);
   if (floats <= kMaxFloatsAhead) values_.Grow(floats, memory_bytes);
@@ -31,7 +32,7 @@ void RowQueue::MakeRoom(int64_t count, uint64_t& memory_bytes) {
   }
   if (first_ > 0) std::copy_n(Row(0), ToSize(rows_) * width_, values_.data());
   first_ = 0;
-  // Twice the size, so that a reach that fills up over many calls costs few copies.
+  // Twice the size, so that a queue that fills up over many calls is copied a few times only.
   if (need > values_.size()) values_.Grow(std::max(need, 2 * values_.size()), memory_bytes);
 }
 

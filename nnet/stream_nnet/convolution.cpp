@@ -8,6 +8,12 @@
 namespace tarev::nnet::handwriting_CTC {
 
 // The window.
+//
+// The position of the next window is one number, cached_frames: how far the end of what has arrived
+// lies beyond its start. Padding at the start and the end, held rows and new rows all add to it,
+// every output frame takes a stride from it, and a stride longer than the window makes it negative;
+// so no case of these needs code of its own. Rows of padding are only counted, never stored: the
+// kernels skip taps outside the rows that they are given.
 
 void StreamWindow::Reset() {
   cached_frames = 0;
@@ -38,7 +44,8 @@ StreamWindow::View StreamWindow::Take(const WindowParameters& window, const floa
   }
   cached_frames = Length(window, frames, ends);
   ends = {.first_chunk = false, .last_chunk = false};
-  // Kernels step over rows without reading them: there must be a place to step from.
+  // Without any row the kernels still form addresses, though they read nothing: there must be a
+  // place to count from.
   static constexpr float kNoRows = 0.0F;
   return {cache.rows() > 0 ? cache.Row(0) : &kNoRows, cache.rows(), padding, out_frames};
 }
@@ -60,7 +67,8 @@ int64_t StreamConv1d::CalcStreamOutputFrames(int64_t in_frames) const {
   return StreamWindow::MostFrames(*this, in_frames);
 }
 
-// The call may turn out to be the last one.
+// A call is known to be the last one only when it runs, so the plan has room for the padding at the
+// end.
 CallPlan StreamConv1d::Plan(int64_t frames, int /*in_dim*/) const {
   const ChunkEnds ends = {.first_chunk = first_chunk, .last_chunk = true};
   return {CalcStreamOutputFrames(frames), BlockFloats(1, input_dim, frames),
@@ -103,10 +111,13 @@ void StreamMaxPool1d::PropagateFnc(const float* in, int64_t frames, int in_dim, 
   output_frames = view.out_frames;
 }
 
-// Transposed convolution.
+// Row r feeds the output positions from r * stride on, over the span of the taps, so the frames
+// near the end of what the held rows feed may still change with the next row: HeldBack of them
+// wait. The last cache_len rows are kept, which are all rows that reach the waiting frames; every
+// call computes its frames from all of their rows anew, in the order of the whole-sequence layer.
+// That costs a few products again but no partial sums are kept, and the bits are those of the twin.
 //
-// Positions count output frames from the one that the first tap of the oldest held row feeds. Row r
-// feeds the positions from r * stride on, over the span of the taps.
+// Positions count output frames from the one that the first tap of the oldest held row feeds.
 
 bool StreamConvTranspose1d::Validate(Refusal& why) {
   if (!ValidateShape(*this, why)) return false;
@@ -131,20 +142,20 @@ int64_t StreamConvTranspose1d::CalcStreamOutputFrames(int64_t in_frames) const {
   return std::max<int64_t>(0, SpreadFrames(in_frames) + output_padding);
 }
 
-// The first frame that no call has emitted. The last call left behind as many rows as it had, or
-// cache_len of them; either way it stopped HeldBack frames before the end of what these feed.
+// The first frame that no call has emitted. The last call kept as many rows as it had, or cache_len
+// of them; either way it stopped HeldBack frames before the end of what these feed.
 int64_t StreamConvTranspose1d::NextFrame() const {
   return first_chunk ? padding_left : SpreadFrames(cache.rows()) - HeldBack();
 }
 
-// Behind the last frame to be emitted once so many rows are held.
+// The position after the last frame that may be emitted when `rows` rows are held.
 int64_t StreamConvTranspose1d::EndFrame(int64_t rows) const {
   const int64_t cut_off = int64_t{padding_right} - output_padding;
   return SpreadFrames(rows) - (last_chunk ? cut_off : HeldBack());
 }
 
 // The most that any call emits is what a last one emits: no fewer frames are held back than the end
-// cuts off. It emits all that its rows feed when earlier rows were only held.
+// cuts off. A call that comes after rows were only held emits all that its rows feed.
 CallPlan StreamConvTranspose1d::Plan(int64_t frames, int /*in_dim*/) const {
   const int64_t rows = std::max<int64_t>(frames, 0) + cache_len;
   const int64_t most = std::max(rows * stride, SpreadFrames(rows));
@@ -158,7 +169,7 @@ void StreamConvTranspose1d::PropagateFnc(const float* in, int64_t frames, int in
   output_frames = 0;
   const int64_t front = NextFrame();
   cache.Append(in, frames, memory_bytes);
-  // Rows that are not yet more than a later call would look back to are held.
+  // As long as there are no more rows than a later call looks back to, nothing is emitted.
   if (first_chunk && (cache.rows() < 1 || (!last_chunk && cache.rows() <= cache_len))) return;
   const int64_t count = EndFrame(cache.rows()) - front;
   if (count < 1 && first_chunk) {

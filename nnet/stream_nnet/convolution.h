@@ -1,8 +1,10 @@
 #ifndef NNET_STREAM_NNET_CONVOLUTION_H_
 #define NNET_STREAM_NNET_CONVOLUTION_H_
 
-// Convolution, transposed convolution and pooling along the frames of a stream. The parameter
-// blocks, and the arithmetic of one call, are those of the whole-sequence layers.
+// Convolution, transposed convolution and pooling along the frames of a stream. Parameter blocks
+// and the arithmetic of one call are those of the whole-sequence layers; the classes here decide
+// which rows and which padding a call sees. However an input is cut into chunks, the bits of its
+// output are the same.
 
 #include <cstdint>
 #include <cstdio>
@@ -12,7 +14,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// A window that slides over the rows of a stream, and the rows that it has not left behind.
+/// A window that slides over the rows of a stream, and the rows that later positions still see. For
+/// every call: Take, compute the view's output frames, MoveOn.
 class StreamWindow {
  public:
   explicit StreamWindow(int row_width) : cache(row_width) {}
@@ -21,38 +24,42 @@ class StreamWindow {
   void Reserve(const WindowParameters& window, int64_t frames, uint64_t& memory_bytes) {
     cache.Reserve(window.effective_kernel - 1, frames, memory_bytes);
   }
-  /// The most output frames that a chunk of so many frames can complete.
+  /// The most output frames that a chunk of `frames` frames can complete.
   static int64_t MostFrames(const WindowParameters& window, int64_t frames) {
     return window.WindowFrames(frames + window.effective_kernel - 1);
   }
-  /// The output frames that such a chunk completes with the padding of these ends.
+  /// The output frames that it completes from the present position, with the padding of these ends.
   int64_t CompleteFrames(const WindowParameters& window, int64_t frames,
                          const ChunkEnds& ends) const;
 
-  /// What the windows of one call see: `rows` of real input after `padding` rows of zeros.
+  /// What the windows of one call see: `count` rows of real input after `padding` rows of zeros.
+  /// out_frames windows are complete, the first at the beginning of the padding.
   struct View {
     const float* rows;
     int64_t count;
     int64_t padding;
     int64_t out_frames;
   };
-  /// Takes in a chunk and the padding of its ends. The view is valid until MoveOn, which follows
-  /// when the output has been computed.
+  /// Adds a chunk and the padding of its ends, whose marks it clears. The view is valid until
+  /// MoveOn, which follows when the output has been computed.
   View Take(const WindowParameters& window, const float* in, int64_t frames, ChunkEnds& ends,
             uint64_t& memory_bytes);
+  /// Moves on by the windows of the view and drops the rows that no later window sees.
   void MoveOn(const WindowParameters& window, const View& view);
 
   /// Rows from the start of the next window to the end of what has arrived, rows of padding
-  /// included. Negative when the stride has already stepped past rows that are still to come.
+  /// included. Negative when the stride has already passed rows that are still to come.
   int64_t cached_frames = 0;
-  /// Those of them that are no padding.
+  /// Those of them that are not padding.
   RowQueue cache;
 
  private:
   int64_t Length(const WindowParameters& window, int64_t frames, const ChunkEnds& ends) const;
 };
 
-/// As Conv1d, with the terms of each sum in another order: input channels, then taps.
+/// Conv1d over a stream, with the terms of each sum in another order: input channels, then taps.
+/// Equal to the twin's bits where a group has one input channel or the kernel one tap, and to
+/// rounding otherwise.
 class StreamConv1d final : public LayerOf<0x1000, ChunkLayer>, public Conv1dParameters {
  public:
   StreamConv1d(int input_dim_arg, int output_dim_arg)
@@ -71,7 +78,7 @@ class StreamConv1d final : public LayerOf<0x1000, ChunkLayer>, public Conv1dPara
   StreamWindow window;
 };
 
-/// As MaxPool1d; its rows have the width of the header.
+/// MaxPool1d over a stream, with the same bits; its rows have the width of the header.
 class StreamMaxPool1d final : public LayerOf<0x1002, ChunkLayer>, public MaxPool1dParameters {
  public:
   StreamMaxPool1d(int input_dim_arg, int output_dim_arg)
@@ -89,14 +96,15 @@ class StreamMaxPool1d final : public LayerOf<0x1002, ChunkLayer>, public MaxPool
   StreamWindow window;
 };
 
-/// As ConvTranspose1d, with the same bits. A call emits the frames that no later input reaches;
-/// those that the padding may still cut off at the end are held back too.
+/// ConvTranspose1d over a stream, with the same bits. A call emits the frames that no later input
+/// reaches; those that the padding may still cut off at the end are held back too. An input that
+/// gives no frame at all is refused at its end.
 class StreamConvTranspose1d final : public LayerOf<0x1001, ChunkLayer>,
                                     public ConvTranspose1dParameters {
  public:
   StreamConvTranspose1d(int input_dim_arg, int output_dim_arg)
       : LayerOf(input_dim_arg, output_dim_arg), cache(input_dim_arg) {}
-  /// The untrimmed length for so many rows.
+  /// The untrimmed length for in_frames rows.
   int64_t CalcOutputFrames(int64_t in_frames) const override;
   int64_t CalcStreamOutputFrames(int64_t in_frames) const override;
   CallPlan Plan(int64_t frames, int in_dim) const override;
@@ -107,12 +115,13 @@ class StreamConvTranspose1d final : public LayerOf<0x1001, ChunkLayer>,
   ParameterList MutableParameters() override { return Arrays(); }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
-  /// The rows that frames still to be emitted depend on.
+  /// How many of the last rows the frames still to be emitted depend on.
   int64_t cache_len = 0;
-  /// That many of the last rows, or all of them until the first frame has been emitted.
+  /// That many of the last rows; more until the first frame has been emitted.
   RowQueue cache;
 
  private:
+  /// Output frames that are held back while the input goes on.
   int64_t HeldBack() const { return cache_len * stride; }
   int64_t NextFrame() const;
   int64_t EndFrame(int64_t rows) const;

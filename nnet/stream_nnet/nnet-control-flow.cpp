@@ -15,7 +15,8 @@ float* FillRows(float value, int64_t count, int32_t width, float* out) {
   return std::fill_n(out, BlockFloats(1, width, count), value);
 }
 
-// Digits and a minus sign make a number wherever they stand; other characters are skipped.
+// Lenient: digits and a minus sign make a number wherever they are; other characters are skipped.
+// Limited to an int32.
 int32_t ParseNumber(std::string_view text) {
   int64_t number = 0;
   for (const char c : text) {
@@ -81,7 +82,9 @@ void StreamConcatenateComponent::CheckParts() const {
   CheckSizes(Here(), *this, &Component::input_dim, &Component::output_dim);
 }
 
-// What has waited in the queues and what the call brings.
+// The fewest rows that any part can have: those in its queue and those that the call brings. How
+// many a register brings is known from the room that was made for it, since it runs before this
+// layer.
 int64_t StreamConcatenateComponent::MostFrames(int64_t in_frames) const {
   int64_t most = std::numeric_limits<int64_t>::max();
   auto next = registers.begin();
@@ -99,7 +102,7 @@ int64_t StreamConcatenateComponent::MostFrames(int64_t in_frames) const {
   return part_count == 0 ? 0 : most;
 }
 
-// Calls visit(part, its rows of this call, how many).
+// Calls visit(part, the rows that the call brings for it, how many) for every part in order.
 template <class Visit>
 void StreamConcatenateComponent::ForEachPart(const float* in, int64_t frames, Visit visit) const {
   auto next = registers.begin();
@@ -129,6 +132,8 @@ CallPlan StreamConcatenateComponent::Plan(int64_t frames, int /*in_dim*/) const 
           BlockFloats(1, output_dim, complete)};
 }
 
+// The complete frames of a part come first from its queue, then from the rows of the call, which
+// are copied into the output directly; only what is ahead of the other parts goes into the queue.
 void StreamConcatenateComponent::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/,
                                               float* out, int /*call_id*/) {
   CheckParts();

@@ -2,7 +2,7 @@
 #define NNET_STREAM_NNET_NNET_CONTROL_FLOW_H_
 
 // Registers, concatenation, padding and slicing along a stream. D is the input dimension, which is
-// also the width of what comes out of all but the concatenation.
+// also the width of what comes out of all but the concatenation. An input begins with a reset.
 
 #include <cstdint>
 #include <optional>
@@ -16,7 +16,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Keeps the rows of the last call under a name.
+/// Gives its input unchanged and keeps the rows of the last call under its name, for the
+/// concatenations that run after it.
 class StreamRegisterComponent final : public LayerOf<0x1100> {
  public:
   static constexpr const char* kKind = "stream_register";
@@ -32,14 +33,17 @@ class StreamRegisterComponent final : public LayerOf<0x1100> {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   std::string register_name;
+  /// The rows of the last call, and how many there are.
   RowQueue register_buffer{input_dim};
   int64_t stored_frames = 0;
-  /// Frames that the call brings for which room was made last; none before that.
+  /// Frames of the call for which room was made last; none before that. A concatenation asks for it
+  /// while it estimates its own.
   std::optional<int64_t> reserved_frames;
 };
 
-/// Joins rows of registers and of its own input, each D wide, frame by frame of the stream. Parts
-/// whose frames come earlier than those of others wait in its queues.
+/// Joins rows of registers and of its own input, each D wide, frame by frame of the stream. The
+/// parts belong together by their number in the input: parts that are ahead of others wait in its
+/// queues. A call gives the frames that all parts have by then.
 class StreamConcatenateComponent final : public LayerOf<0x1101>,
                                          public LinkedParts<StreamRegisterComponent> {
  public:
@@ -62,15 +66,17 @@ class StreamConcatenateComponent final : public LayerOf<0x1101>,
   std::vector<RowQueue> pending;
 
  private:
+  /// Frames that all parts have once the call has brought `frames`; 0 while not linked.
   int64_t CompleteFrames(int64_t frames) const;
   template <class Visit>
   void ForEachPart(const float* in, int64_t frames, Visit visit) const;
 
-  std::source_location place_;  // of the executor, for what it has always said
+  std::source_location place_;  // of the executor: messages of linking carry it
 };
 
-/// Mirrors the frames next to each end of the stream, not the end itself. Nothing comes out before
-/// the frames that are mirrored at the start have arrived.
+/// ReflectionPad over a stream: mirrors the frames next to each end, not the end itself. Nothing
+/// comes out before the frames that are mirrored at the start have arrived. At the end of an input
+/// of no more than L or R frames the call throws; one without frames gives none.
 class StreamReflectionPad final : public LayerOf<0x1102, ChunkLayer>, public FramePadding {
  public:
   using LayerOf::LayerOf;
@@ -90,12 +96,15 @@ class StreamReflectionPad final : public LayerOf<0x1102, ChunkLayer>, public Fra
   RowQueue tail{input_dim};
 
  private:
+  /// Whether too few frames have arrived to mirror the start.
   bool Waits(int64_t frames) const { return first_chunk && head.rows() + frames <= padding_left; }
+  /// Keeps the last frames of the call for the mirror at the end.
   void KeepTail(const float* in, int64_t frames);
   float* EmitHead(const float* in, float* out);
   [[noreturn]] void ThrowTooShort(int64_t frames) const;
 };
 
+/// ConstantPad over a stream: the value's frames come with the first call and with the last.
 class StreamConstantPad final : public LayerOf<0x1103, ChunkLayer>, public ConstantPadParameters {
  public:
   using LayerOf::LayerOf;
@@ -107,8 +116,8 @@ class StreamConstantPad final : public LayerOf<0x1103, ChunkLayer>, public Const
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// Drops the first frames of the stream. Unlike the whole-sequence layer of the family it does not
-/// pick frames by index.
+/// Drops the first frames of the stream, as many as the first number of the index text says. Unlike
+/// SliceComponent it does not pick frames by index.
 class StreamSliceComponent final : public LayerOf<0x1104> {
  public:
   using LayerOf::LayerOf;
@@ -119,7 +128,7 @@ class StreamSliceComponent final : public LayerOf<0x1104> {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   std::string index_text;
-  /// The first numbers of its items; the first of them counts the frames to drop.
+  /// The first numbers of the items of index_text; the first of them counts the frames to drop.
   std::vector<int32_t> starts;
   int64_t frames_seen = 0;
 };
