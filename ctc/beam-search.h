@@ -77,6 +77,7 @@ class _beam_search_t {
     int label;
   };
 
+  // The first half of search_one_frame, on plain records.
   void collect_candidates();
   float best_label_score() const;
 

@@ -73,6 +73,7 @@ class _path_pool_t {
     free_ = cell;
   }
 
+  // Allocates the next block. Throws std::bad_alloc and leaves the pool as it was.
   void grow();
 
   std::vector<std::unique_ptr<_cell_t[]>> blocks_;

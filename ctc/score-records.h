@@ -22,6 +22,7 @@ struct _index_score_node {
 // The nodes of a decoder come from the decoder's pool. They must not outlive the decoder, nor be
 // held or released by another thread while it works.
 struct _hist_t {
+  // A null parent makes the first node of a path.
   _hist_t(int node_label, std::shared_ptr<_hist_t> node_parent) noexcept
       : label(node_label), parent(std::move(node_parent)) {}
   _hist_t(const _hist_t&) = delete;

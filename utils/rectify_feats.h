@@ -46,6 +46,7 @@ struct feats_win_generator_t {
   int64_t kept = 0;
   /// Windows that the last add_data completed and emit_windows has not written.
   int64_t window_count = 0;
+  /// Whether the last add_data ended the stream.
   bool is_last = false;
 
  private:

@@ -32,9 +32,12 @@ class AttentionLayer : public Component {
   void Reset() override;
 
   int32_t head_num = 0;
+  /// Width of all rows but the hidden ones; a head has head_dim = model_dim / head_num columns of
+  /// it.
   int32_t model_dim = 0;
   int32_t head_dim = 0;
   std::array<NestedLayer, 4> self_atten_layers;  // query, key, value and output projection
+  /// To the hidden width and back; a rectifier runs between them.
   std::array<NestedLayer, 2> ff_layers;
   /// Rows that the buffers hold.
   int64_t frame_capacity = 0;
@@ -79,6 +82,7 @@ class AttentionLayer : public Component {
 
   /// The scores of some query rows of one head against all keys.
   FloatArray scores_;
+  /// The position in the network, for messages; 0 until it is linked.
   size_t position_ = 0;
 };
 

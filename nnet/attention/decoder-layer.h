@@ -28,15 +28,17 @@ class Decoder final : public LayerOf<0x10a, AttentionLayer> {
   std::array<NestedLayer, 4> cross_atten_layers;  // query, key, value and output projection
   std::array<NestedLayer, 3> sub_layers;          // the normalisations
   FloatArray query;                               // of the newest step, one row
-  FloatArray key_cache;                           // a row for each step of the sequence
+  FloatArray key_cache;                           // frame_capacity x model_dim, a row a step
   FloatArray value_cache;
   FloatArray cross_query;  // of the newest step, one row
   /// One row: the attention context, then the hidden row of the feed-forward layers.
   FloatArray context_buffer;
   /// Steps since the last reset.
   int64_t step_count = 0;
+  /// What SetMemory was given, not owned; null without a memory.
   float* memory = nullptr;
   int64_t memory_frames = 0;
+  /// The memory projected to keys and values, memory_frames x model_dim.
   FloatArray memory_keys;
   FloatArray memory_values;
   /// Whether the memory has been projected to keys and values.
@@ -47,9 +49,13 @@ class Decoder final : public LayerOf<0x10a, AttentionLayer> {
   void GrowBuffers(int64_t steps) override;
 
  private:
+  /// One step on one input row, which receives the sums on the way, and one output row.
   void Step(float* row, float* out);
+  /// The two attentions of a step: they read the normalised row from `out`, use it as a buffer and
+  /// add their result to `row`.
   void AttendToSteps(float* row, float* out);
   void AttendToMemory(float* row, float* out);
+  /// Makes memory_keys and memory_values current.
   void ProjectMemory();
 };
 

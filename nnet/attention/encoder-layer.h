@@ -16,6 +16,7 @@ class Encoder final : public LayerOf<0x109, AttentionLayer> {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   std::array<NestedLayer, 2> sub_layers;  // the normalisations
+  /// Projections of the normalised rows, frame_capacity x model_dim each.
   FloatArray query_buffer;
   FloatArray key_buffer;
   FloatArray value_buffer;

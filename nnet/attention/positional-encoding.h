@@ -22,6 +22,7 @@ class PositionalEncoding final : public LayerOf<0x108> {
   /// frames, not when room is reserved for them: a header may claim any width, since the layer has
   /// no parameters.
   FloatArray position_table;
+  /// The table has table_rows x table_dim values.
   int64_t table_rows = 0;
   int32_t table_dim = 0;
 

@@ -20,6 +20,7 @@ const char* vector_target_name();
 void add_vec_to_rows(float* X, size_t rows, size_t cols, const float* v, float scale);
 /// X[r][c] = (X[r][c] * scale) * v[c].
 void mul_vec_to_rows(float* X, size_t rows, size_t cols, const float* v, float scale);
+/// x[i] = 0 for n values.
 void zero_vec(float* x, size_t n);
 
 /// 1 / (1 + e^-x) through the fast exponential; NaN stays NaN. rows x cols values, as all below.

@@ -28,6 +28,7 @@ void free_floats(float* p) noexcept;
 class FloatArray {
  public:
   FloatArray() = default;
+  /// Moving takes the array or the view; the other array is empty or has what this one held.
   FloatArray(FloatArray&& other) noexcept;
   FloatArray& operator=(FloatArray&& other) noexcept;
   FloatArray(const FloatArray&) = delete;

@@ -242,9 +242,11 @@ class Component {
   bool is_2d = false;
   /// Frames that the last call gave.
   int64_t output_frames = 0;
+  /// See MemoryBytes.
   uint64_t memory_bytes = 0;
 
  protected:
+  /// For rows of the given widths, and for planes of the given channels.
   Component(int input_dim_arg, int output_dim_arg);
   Component(ChannelForm form, int input_channel_arg, int output_channel_arg);
 
@@ -264,9 +266,11 @@ class Component {
   /// The width of this call's input rows.
   int CallInputDim(int in_dim) const { return input_dim_set ? input_dim : in_dim; }
 
+  /// Why the last read failed; cleared when a read begins.
   Refusal refusal_;
 
  private:
+  /// Writes the header under the given code; logs a failure.
   bool WriteHeader(FILE* fp, int code) const;
 };
 

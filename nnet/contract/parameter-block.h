@@ -40,6 +40,7 @@ class CustomPart {
   virtual bool WritePart(FILE* fp) const = 0;
 };
 
+/// In which forms of a block a field occurs.
 enum class FieldUse {
   kOptional,    // in both forms; the text form may leave it out
   kRequired,    // in both forms
@@ -99,10 +100,12 @@ struct ParameterRef {
   /// text_row.
   bool text_by_row = false;
   TextShape text_row = {1, 0};
+  /// The order in which it is held; null where that is the order of the file. Not owned.
   const ArrayOrder* order = nullptr;
   /// Whether it counts in memory_bytes.
   bool counted = true;
 
+  /// Values in the file. Of meaning once the shape is known not to wrap around.
   size_t count() const { return rows * cols; }
 };
 using ParameterList = std::vector<ParameterRef>;

@@ -25,7 +25,7 @@ class LinearLayer : public Component {
   /// The dimensions of the header, set by Validate.
   int32_t weight_rows = 0;
   int32_t weight_cols = 0;
-  FloatArray weights;
+  FloatArray weights;  // row_capacity x weight_cols
   /// Whether row_capacity is larger than weight_rows.
   bool padded = false;
   int32_t row_capacity = 0;
@@ -45,7 +45,7 @@ class AffineLayer : public LinearLayer {
   }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
-  FloatArray bias;
+  FloatArray bias;  // weight_rows
 
  protected:
   using LinearLayer::LinearLayer;

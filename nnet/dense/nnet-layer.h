@@ -35,6 +35,7 @@ class Splice : public LayerOf<0x401>, public CustomPart {
   bool ReadPart(FILE* fp, Refusal& why) override;
   bool ReadTextPart(FILE* fp, Refusal& why) override;
   bool WritePart(FILE* fp) const override;
+  /// Checks the dimensions and sets offset_count; the reader needs it before Validate runs.
   bool ValidateOffsetCount(Refusal& why);
 };
 
@@ -57,7 +58,7 @@ class AddShift final : public LayerOf<0x402, ColumnVectorLayer> {
   ParameterList MutableParameters() override { return {Uncounted(Vector("shift", shift, dim))}; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
-  FloatArray shift;
+  FloatArray shift;  // D
 };
 
 /// y = x scale, column by column. Works in place: after a call the input rows hold the output.
@@ -67,7 +68,7 @@ class Rescale final : public LayerOf<0x403, ColumnVectorLayer> {
   ParameterList MutableParameters() override { return {Uncounted(Vector("scale", scale, dim))}; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
-  FloatArray scale;
+  FloatArray scale;  // D
 };
 
 /// y = x - prior, column by column: log posteriors become scaled log likelihoods. The text form
@@ -80,7 +81,7 @@ class Prior final : public LayerOf<0x600, ColumnVectorLayer> {
   ParameterList MutableParameters() override { return {Uncounted(Vector("prior", prior, dim))}; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
-  FloatArray prior;
+  FloatArray prior;  // D natural logarithms
 };
 
 /// The weighted sum of the equal blocks of a row: y = Σ over k of weights[k] times the values k O …
@@ -97,7 +98,7 @@ class AddComponent final : public LayerOf<0x408> {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   int32_t input_num = 0;
-  FloatArray weights;
+  FloatArray weights;  // input_num
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -39,7 +39,7 @@ class BatchNormComponent final : public LayerOf<0x405, ColumnLayer> {
   int32_t count = 0;        // frames that the statistics were taken from; no computation uses it
   FloatArray mean;
   FloatArray variance;
-  bool folded = false;
+  bool folded = false;  // whether scale and offset have taken the place of the statistics
 
  private:
   void Fold();
@@ -54,6 +54,7 @@ struct BatchNormParameters {
   FloatArray gamma;
   FloatArray beta;
 
+  /// The four arrays in file order.
   ParameterList List(int32_t n);
   /// gamma / sqrt(variance + epsilon) and what is added to values so scaled.
   float Scale(size_t i) const;
@@ -99,8 +100,8 @@ class LayerNorm final : public LayerOf<0x406, ColumnLayer> {
 
   int32_t norm_dim;  // the text form does not carry it
   float epsilon = 0.0F;
-  FloatArray gamma;
-  FloatArray beta;
+  FloatArray gamma;  // norm_dim
+  FloatArray beta;   // norm_dim
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -261,7 +261,6 @@ int64_t ConcatenateComponent::CalcOutputFrames(int64_t in_frames) const {
   return static_cast<int64_t>(registers.front()->indexes.size());
 }
 
-// The frames that the next call joins.
 int64_t ConcatenateComponent::RowFrames(int64_t frames) const {
   if (UsesInput()) return std::max<int64_t>(frames, 0);
   return registers.empty() ? 0 : registers.front()->stored_frames;

@@ -63,8 +63,8 @@ class RegisterComponent final : public LayerOf<0x700>, public CustomPart {
 
   std::string register_name;
   std::string slice_index;
-  std::vector<int32_t> indexes;
-  FloatArray register_buffer;
+  std::vector<int32_t> indexes;  // of slice_index, one or none
+  FloatArray register_buffer;    // stored_frames x O
   int64_t stored_frames = 0;
   int64_t frame_capacity = 0;
 
@@ -92,7 +92,7 @@ class Register2dComponent final : public LayerOf<0x701, ChannelComponent> {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   std::string register_name;
-  FloatArray register_buffer;
+  FloatArray register_buffer;  // output_channel planes of stored_frames x O
   int64_t stored_frames = 0;
   int64_t frame_capacity = 0;
 };
@@ -189,6 +189,7 @@ class ConcatenateComponent final : public LayerOf<0x702>, public LinkedParts<Reg
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
  private:
+  /// The frames that the next call joins.
   int64_t RowFrames(int64_t frames) const;
   void CheckRegisters(int64_t frames) const;
 };

@@ -72,6 +72,7 @@ struct FramePadding {
   bool ValidatePadding(Refusal& why) const {
     return why.AtLeast("<Left>", padding_left, 0) && why.AtLeast("<Right>", padding_right, 0);
   }
+  /// Frames with the padding at both ends.
   int64_t PaddedFrames(int64_t frames) const { return frames + padding_left + padding_right; }
 };
 

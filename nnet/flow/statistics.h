@@ -33,6 +33,7 @@ class StatisticsExtraction final : public LayerOf<0x601> {
   bool include_variance = true;
 
  private:
+  /// Values of an output row.
   int64_t RowWidth() const { return 1 + (include_variance ? 2 : 1) * int64_t{input_dim}; }
 };
 
@@ -63,6 +64,7 @@ class StatisticsPooling final : public LayerOf<0x602> {
   int32_t pool_frames = 0;
 
  private:
+  /// Pools `count` rows into one output row; the sums are left in the first of them.
   void PoolBlock(float* rows, int64_t count, float* out) const;
 };
 

@@ -68,6 +68,7 @@ struct ProjectedLstmParameters {
   /// frame they change places, and a call ends with its last state in the first half.
   FloatArray state;
 
+  /// As in LstmParameters; Propagate copies a state out where `snapshot` asks for it.
   ParameterList List(const RecurrentShape& shape);
   void ReserveState(const RecurrentShape& shape, uint64_t& memory_bytes);
   void Propagate(const float* in, size_t frames, const RecurrentShape& shape, Direction direction,

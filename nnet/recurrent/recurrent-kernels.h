@@ -2,8 +2,8 @@
 #define NNET_RECURRENT_RECURRENT_KERNELS_H_
 
 // One frame of a recurrence after its matrix-vector product, in one pass: all gates, the cell and
-// the output. Every product is rounded before it is added, so the bits are those of the separate
-// steps.
+// the output, n values each. Every product is rounded before it is added, so the bits are those of
+// the separate steps, on every vector target.
 
 #include <cstddef>
 

@@ -77,7 +77,7 @@ class RecurrentLayer : public Component, public GateBuffer {
 
   int32_t cell_dim = 0;  // of a GRU: the hidden size
   int32_t proj_dim = 0;  // output values of one direction
-  int32_t gate_dim = 0;
+  int32_t gate_dim = 0;  // values of a gate row
 
  protected:
   using Component::Component;
@@ -156,6 +156,7 @@ class BidirectionalLayer : public RecurrentLayer<Cell> {
                        {out + shape.outputs, 2 * shape.outputs});
   }
 
+  /// Each with its own parameters and state; both use the same gate rows, one after the other.
   Cell forward;
   Cell backward;
 

@@ -75,11 +75,14 @@ class NnetForward {
 
  private:
   void LinkLayers();
+  /// Plans, checks and runs one layer on `in` or, from the second on, buffer A; returns what it
+  /// gave.
   BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id,
                       int64_t frame_limit);
   [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
   [[noreturn]] void ThrowTooLittleInput(size_t position, const BlockShape& shape,
                                         uint64_t reads) const;
+  /// Makes both buffers hold `floats`; throws when that is more than a block may hold.
   void GrowBuffers(uint64_t floats);
 
   Nnet* nnet_;

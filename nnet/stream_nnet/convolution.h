@@ -54,6 +54,7 @@ class StreamWindow {
   RowQueue cache;
 
  private:
+  /// Rows from the start of the next window to the end of the chunk and its padding.
   int64_t Length(const WindowParameters& window, int64_t frames, const ChunkEnds& ends) const;
 };
 
@@ -123,6 +124,7 @@ class StreamConvTranspose1d final : public LayerOf<0x1001, ChunkLayer>,
  private:
   /// Output frames that are held back while the input goes on.
   int64_t HeldBack() const { return cache_len * stride; }
+  /// The output frames of a call: from NextFrame up to EndFrame of the rows then held.
   int64_t NextFrame() const;
   int64_t EndFrame(int64_t rows) const;
 };

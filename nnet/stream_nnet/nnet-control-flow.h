@@ -100,6 +100,7 @@ class StreamReflectionPad final : public LayerOf<0x1102, ChunkLayer>, public Fra
   bool Waits(int64_t frames) const { return first_chunk && head.rows() + frames <= padding_left; }
   /// Keeps the last frames of the call for the mirror at the end.
   void KeepTail(const float* in, int64_t frames);
+  /// Writes the mirrored frames of the start and those that have waited; returns the end of them.
   float* EmitHead(const float* in, float* out);
   [[noreturn]] void ThrowTooShort(int64_t frames) const;
 };
@@ -130,6 +131,7 @@ class StreamSliceComponent final : public LayerOf<0x1104> {
   std::string index_text;
   /// The first numbers of the items of index_text; the first of them counts the frames to drop.
   std::vector<int32_t> starts;
+  /// Frames of the stream that earlier calls brought.
   int64_t frames_seen = 0;
 };
 
