@@ -34,6 +34,8 @@ std::string FileStem(const char* path) {
   return std::string(name.substr(0, name.find('.')));
 }
 
+// Texts are formatted here and logged as a whole, so that what is logged and what is thrown are the
+// same text, cut at the same length.
 void LogWarning(std::source_location where, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);

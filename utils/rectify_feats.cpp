@@ -43,6 +43,8 @@ bool feats_win_generator_t::has_final_window(int64_t available) const {
   return (available - window_size) % hop_size != 0;
 }
 
+// The short form begins at the next hop and ends with the stream; the full form ends with the
+// stream and begins where that puts it, at the earliest at the first frame held.
 int64_t feats_win_generator_t::final_window_frames(int64_t available) const {
   return mode == mode_t::FIXED_HOP ? available - complete_windows(available) * hop_size
                                    : std::min<int64_t>(window_size, kept + available);

@@ -148,6 +148,8 @@ char* get_next_token(char* line, char* token) {
   return *end == '\0' ? nullptr : end;
 }
 
+// The stream has one character of push-back only, so it is moved: back over the token and the
+// character that ended it.
 bool UnreadToken(FILE* fp, const char* token, int separator) {
   const size_t length = std::strlen(token) + (separator == EOF ? 0 : 1);
   return fseeko(fp, -static_cast<off_t>(length), SEEK_CUR) == 0;
@@ -211,6 +213,8 @@ void AddProperty(PropertyTable& table, const char* name, std::string* destinatio
   AddProperty(table, name, required ? "s:" : "s", static_cast<void*>(destination));
 }
 
+// A list of properties ends with its line and not with a token, since what follows may begin with
+// "<" too: the first name is read from the stream, the rest of its line into memory.
 void ReadProperties(FILE* fp, PropertyTable& table) {
   Token token;
   const int separator = get_next_token(fp, token);

@@ -84,6 +84,8 @@ bool AttentionLayer::Validate(Refusal& why) {
   return true;
 }
 
+// Everything that a call relies on is checked as soon as a component is read: that it maps frames
+// one to one, the widths of its rows, and that the hidden width is no smaller than model_dim.
 bool AttentionLayer::AcceptNested(size_t index, Refusal& why) {
   const NestedRef nested = Nested()[index];
   if (*nested.layer == nullptr) return why.LogBecause(Place(), "%s layer is NULL", nested.name);

@@ -108,6 +108,9 @@ void Fsmn::CheckSkip(int64_t out_frames) const {
   }
 }
 
+// Output frame i is input frame i + left context. The memories stay in a buffer of their own for
+// the blocks that depend on this one; the memory that this block depends on is added last, so the
+// own memory is without it.
 void Fsmn::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int /*call_id*/) {
   output_frames = 0;  // until the rows are there: other blocks rely on it
   RequireWidth(dim, in_dim);

@@ -26,6 +26,7 @@ HWY_BEFORE_NAMESPACE();
 namespace tarev::nnet::handwriting_CTC {
 namespace HWY_NAMESPACE {
 
+// Element-wise functions, for Map and Map2: each gives a vector for a vector, lane by lane.
 struct SigmoidOp {
   template <class D, class V>
   V operator()(D d, V x) const {

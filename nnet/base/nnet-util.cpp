@@ -15,7 +15,8 @@ constexpr size_t kAlignment = 64;
 // machine.
 constexpr size_t kMaxFloats = size_t{1} << 30;
 
-// Zero-filled floats, or null when the count overflows or the memory cannot be had.
+// Zero-filled floats, or null when the count is too large or the memory cannot be had. The bytes
+// are rounded up to whole cache lines, which aligned allocation asks for.
 float* NewFloats(size_t rows, size_t cols) {
   if (cols != 0 && rows > kMaxFloats / cols) return nullptr;
   const size_t bytes = rows * cols * sizeof(float);
@@ -37,6 +38,7 @@ void alloc_floats(float** p, size_t rows, size_t cols) {
   *p = fresh;
 }
 
+// A new array and a copy: no reallocation keeps the alignment.
 void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit) {
   if (new_count == old_count) return;
   float* fresh = nullptr;

@@ -22,9 +22,9 @@ void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit);
 void free_floats(float* p) noexcept;
 
 /// An owned float array that knows its size, or a view of mapped parameters that is never freed and
-/// never written. It only grows, so that a buffer which has had the size of the largest call needs
-/// no further allocation. The bytes that it takes are added to the counter that the caller passes,
-/// which is never lowered.
+/// never written. Grow never shrinks it, so that a buffer which has had the size of the largest
+/// call needs no further allocation. The bytes that it takes are added to the counter that the
+/// caller passes, which is never lowered.
 class FloatArray {
  public:
   FloatArray() = default;

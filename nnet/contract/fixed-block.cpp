@@ -93,6 +93,8 @@ size_t CodeBlockBytes(const ParameterRef& parameter, CodeForm form) {
   return head + sums + parameter.count();
 }
 
+// Every decoded value is encoded again at once. As long as all codes come back, the array alone is
+// enough for an identical write; otherwise the codes are kept beside it.
 bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, FixedBlock& block,
                    uint64_t& memory_bytes) {
   if (!ReadValues(fp, block.scale)) return false;

@@ -160,6 +160,7 @@ bool Component::AcceptNested(size_t index, Refusal& why) {
          why.Because("nested component [%zu] is missing", index);
 }
 
+// Whole blocks, with the widths that an adopting layer will have in this call.
 CallPlan Component::Plan(int64_t frames, int in_dim) const {
   const int width = CallInputDim(in_dim);
   const int out_width = output_dim_set ? output_dim : width;
@@ -211,6 +212,8 @@ void Component::Propagate(const float* in, int64_t frames, int in_dim, float* ou
   *out_dim = output_dim;
 }
 
+// The checks of the executor for a layer that a container runs; the container's block cannot grow,
+// so a layer that needs more is refused.
 void Component::PropagateWithin(std::span<const float> in, int64_t frames, int in_dim,
                                 std::span<float> out, int call_id) {
   CheckWidth(in_dim);
@@ -227,6 +230,8 @@ void Component::PropagateWithin(std::span<const float> in, int64_t frames, int i
   zero_vec(out.data() + plan.writes, out.size() - plan.writes);
 }
 
+// The header names the type, the registry creates the layer with its dimensions, and the layer
+// reads its block. A channel layer has the second half of its header between the two.
 Component* Component::Read(FILE* fp) {
   CheckReadable(fp, Here());
   const NestingGuard guard;
@@ -279,6 +284,7 @@ Component* NewComponentOfType(int code, int first, int second) {
   return entry->second.second(first, second);
 }
 
+// Three spellings: both values named, in either order, or both bare with the output first.
 int ReadComponentHeader(FILE* fp, const char* marker, int* first, int* second) {
   const auto entry = Component::marker_map.find(marker);
   if (entry == Component::marker_map.end()) {

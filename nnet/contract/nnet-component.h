@@ -89,12 +89,12 @@ class Component {
 
   /// Grows the working buffers for a call of `frames` input frames; never shrinks them.
   virtual void Reserve(int64_t /*frames*/) {}
-  /// Bytes of parameters and working buffers allocated so far; never falls. Layers say what they
-  /// leave out.
+  /// Bytes of parameters and working buffers allocated so far; never falls. Nested components count
+  /// with what they had when they were read. Layers say what they leave out.
   virtual uint64_t MemoryBytes() const { return memory_bytes; }
   /// Frames that the last call produced.
   virtual int64_t OutputFrames() const { return output_frames; }
-  /// Output frames for so many input frames, without regard to streaming state; never negative.
+  /// Output frames for in_frames input frames, without regard to streaming state; never negative.
   virtual int64_t CalcOutputFrames(int64_t in_frames) const {
     return in_frames > 0 ? in_frames : 0;
   }
@@ -191,9 +191,8 @@ class Component {
 
   /// Throws when CheckInputDim asks for it and in_dim is not the layer's own.
   void CheckWidth(int in_dim) const;
-  /// Runs the layer once on blocks of the caller, who answers for their sizes: checks the width,
-  /// computes, and stores in *out_dim the width that came out. output_frames holds the frames
-  /// given.
+  /// Runs the layer once on blocks whose sizes the caller guarantees: checks the width, computes,
+  /// and stores in *out_dim the width that came out. output_frames holds the frames given.
   void Propagate(const float* in, int64_t frames, int in_dim, float* out, int* out_dim,
                  int call_id);
   /// The same for a caller that has checked the width and holds the plan of the call.
@@ -203,8 +202,8 @@ class Component {
     PropagateChunk(in, frames, in_dim, out, call_id);
   }
   /// Runs a nested layer within the blocks that its container has. Throws before anything is
-  /// computed when the call would read more than `in` or write more than `out`. What the layer does
-  /// not write of `out` is zero afterwards.
+  /// computed when the call would read more than `in` or write more than `out`. Beyond what its
+  /// plan writes, `out` is zero afterwards.
   void PropagateWithin(std::span<const float> in, int64_t frames, int in_dim, std::span<float> out,
                        int call_id);
 

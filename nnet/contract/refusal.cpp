@@ -14,6 +14,7 @@ bool Refusal::Because(const char* format, ...) {
   return false;
 }
 
+// The log gets every text, though only the first is kept as the reason.
 bool Refusal::LogBecause(std::source_location where, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);

@@ -187,6 +187,9 @@ void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const Ti
   }
 }
 
+// Group by group, since the groups share neither input nor weights. Each sum of a run has the same
+// terms, so group and block are the outermost loops and a block's weights stay in the cache for all
+// frames.
 void Convolve(const ConvolutionShape& shape, const float* weights, const float* bias,
               const ConvolutionRun& run) {
   TilePlace group = {run.in, weights, bias, run.out, 0};

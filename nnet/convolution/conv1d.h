@@ -169,8 +169,9 @@ class Conv1d final : public LayerOf<0x307>, public Conv1dParameters {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// A transposed convolution over each call by itself: n frames become (n - 1) stride + (k - 1)
-/// dilation + 1 less both paddings, plus output_padding. A call that gives no frame throws.
+/// A transposed convolution over each call by itself: n frames become
+///   (n - 1) stride + (k - 1) dilation + 1 - padding_left - padding_right + output_padding.
+/// A call that gives no frame throws.
 class ConvTranspose1d : public LayerOf<0x308>, public ConvTranspose1dParameters {
  public:
   using LayerOf::LayerOf;

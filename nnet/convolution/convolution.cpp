@@ -20,7 +20,7 @@ void Tensor3::Reshape(size_t width_arg, size_t height_arg, size_t channels_arg,
   owned_.Grow(channels * room, memory_bytes);
 }
 
-// What is stored only.
+// Layers that are stored only.
 
 void StoredLayer::PropagateFnc(const float* /*in*/, int64_t /*frames*/, int /*in_dim*/,
                                float* /*out*/, int /*call_id*/) {

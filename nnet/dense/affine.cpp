@@ -7,6 +7,8 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
+// Rows are rounded up to a multiple of eight, the spare ones zeros; the bound keeps that in an
+// int32.
 bool LinearLayer::Validate(Refusal& why) {
   constexpr int32_t kRowGrain = 8;
   constexpr int32_t kMostRows = std::numeric_limits<int32_t>::max() / kRowGrain * kRowGrain;

@@ -8,7 +8,8 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// out (frames x n) = in weights' + bias, the product added onto the bias.
+// out (frames x n) = in weights' + bias: the rows are filled with the bias, and the product is
+// added to them.
 void AffineRows(const float* in, size_t frames, size_t n, const FloatArray& weights,
                 const FloatArray& bias, float* out) {
   for (size_t t = 0; t < frames; ++t) std::copy_n(bias.data(), n, out + t * n);
@@ -37,6 +38,7 @@ void Highway::Reserve(int64_t frames) {
   frame_capacity = frames;
 }
 
+// Both affine parts of all rows, then one pass that mixes them.
 void Highway::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                            int /*call_id*/) {
   RequireWidth(dim, in_dim);

@@ -48,6 +48,9 @@ ParameterList BatchNormComponent::MutableParameters() {
   return {Vector("mean", mean, block_dim), Vector("variance", variance, block_dim)};
 }
 
+// The statistics become one scale and one offset for each column, so that a call is a product and a
+// sum. Done in the first call and not when reading: until then a write repeats the block that was
+// read.
 void BatchNormComponent::Fold() {
   for (size_t i = 0; i < variance.size(); ++i) {
     const float scale = std::pow(variance[i] + epsilon, -0.5F) * target_rms;
@@ -63,7 +66,7 @@ void BatchNormComponent::PropagateFnc(const float* in, int64_t frames, int in_di
   ScaleRowsInPlace(in, ToSize(frames), RequireRow(in_dim), variance, mean, out);
 }
 
-// What BatchNorm1d and BatchNorm2d store.
+// What BatchNorm1d and BatchNorm2d store. The root is formed in double and rounded once.
 
 ParameterList BatchNormParameters::List(int32_t n) {
   return {Vector("mean", mean, n), Vector("variance", variance, n), Vector("gamma", gamma, n),

@@ -108,6 +108,8 @@ void RegisterComponent::Reserve(int64_t frames) {
   frame_capacity = frames;
 }
 
+// A register that picks frames has their number from the start, since room is made for a
+// concatenation before the first call; what the buffer really holds bounds what is read of it.
 int64_t RegisterComponent::HeldFrames() const {
   if (output_dim < 1) return stored_frames;
   return std::min(stored_frames, static_cast<int64_t>(register_buffer.size()) / output_dim);
@@ -139,7 +141,7 @@ bool Register2dComponent::Validate(Refusal& why) {
          why.SameWidth(input_dim_set ? input_dim : 0, output_dim_set ? output_dim : 0);
 }
 
-// The text form must say both dimensions.
+// The text form must give both dimensions.
 bool Register2dComponent::ReadTextData(FILE* fp, bool binary) {
   if (!binary && (!input_dim_set || !output_dim_set)) {
     return refusal_.LogBecause(Here(), "<InputDim> or <OutputDim> is not set!");
@@ -266,6 +268,8 @@ int64_t ConcatenateComponent::RowFrames(int64_t frames) const {
   return registers.empty() ? 0 : registers.front()->stored_frames;
 }
 
+// The registers have run by now, so the rows that will be joined are known; the announced frames
+// may be fewer.
 CallPlan ConcatenateComponent::Plan(int64_t frames, int /*in_dim*/) const {
   const int64_t out_frames = CalcOutputFrames(frames);
   const int64_t width = TotalSize(*this, &Component::input_dim, &Component::output_dim);
@@ -273,6 +277,8 @@ CallPlan ConcatenateComponent::Plan(int64_t frames, int /*in_dim*/) const {
           BlockFloats(1, width, std::max(out_frames, RowFrames(frames)))};
 }
 
+// Right before the rows are copied, and not when linking: layers in between may change the number
+// of frames, and a register may run after this layer or have had no call yet.
 void ConcatenateComponent::CheckRegisters(int64_t frames) const {
   CheckSizes(Here(), *this, &Component::input_dim, &Component::output_dim);
   for (const RegisterComponent* part : registers) {
@@ -283,6 +289,7 @@ void ConcatenateComponent::CheckRegisters(int64_t frames) const {
   }
 }
 
+// Part by part, each a band of columns of the output rows.
 void ConcatenateComponent::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/, float* out,
                                         int /*call_id*/) {
   const int64_t rows = RowFrames(frames);
@@ -326,6 +333,7 @@ void Concatenate2dComponent::CheckRegisters(int64_t frames) const {
   }
 }
 
+// Planes of all parts one after another, each part in one copy.
 void Concatenate2dComponent::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                           int /*call_id*/) {
   AdoptWidth(in_dim);

@@ -20,7 +20,7 @@ void RequireProduct(const Component& layer, int32_t channels, int32_t dim, int32
 
 }  // namespace
 
-// Between planes and rows.
+// Between planes and rows: each channel is one strided copy, a band of columns of the rows.
 
 CallPlan FlattenComponent::Plan(int64_t frames, int /*in_dim*/) const {
   return {CalcOutputFrames(frames), BlockFloats(input_channels, input_dim, frames),
@@ -89,6 +89,7 @@ void ReflectionPad::PropagateFnc(const float* in, int64_t frames, int in_dim, fl
                padding_left, padding_right);
   }
   const int64_t width = std::max(input_dim, 0);
+  // A negative step walks from frame L back to frame 1, and from frame n - 2 back.
   out = CopyRows(in + padding_left * width, padding_left, -width, width, out, width);
   out = std::copy_n(in, frames * width, out);
   if (padding_right > 0) {
@@ -124,7 +125,7 @@ void ConstantPad::PropagateFnc(const float* in, int64_t frames, int in_dim, floa
   output_frames = PaddedFrames(n);
 }
 
-// Re-cutting.
+// Reading the same floats in other rows, and exchanging rows and columns.
 
 int64_t ViewComponent::CalcOutputFrames(int64_t in_frames) const {
   if (in_frames < 1 || input_dim < 1 || output_dim < 1) return 0;

@@ -79,6 +79,8 @@ void StatisticsExtraction::PropagateFnc(const float* in, int64_t frames, int in_
 
 // StatisticsPooling.
 
+// With windows, one row for each and one for what remains: one too many when nothing does. The call
+// sets the exact number.
 int64_t StatisticsPooling::CalcOutputFrames(int64_t in_frames) const {
   if (in_frames < 1) return 0;
   if (pool_frames < 1 || in_frames < pool_frames) return 1;
@@ -99,6 +101,7 @@ bool StatisticsPooling::Validate(Refusal& why) {
                    int64_t{num_log_count_features} + input_dim - 1);
 }
 
+// One visit is enough: only the layer directly before this one counts, and it has announced itself.
 void StatisticsPooling::Announce(NetworkLinks& links) {
   const CutWindows& cut = links.Shared<CutWindows>();
   if (cut.window_size > 0 && cut.position + 1 == links.position()) pool_frames = cut.window_size;

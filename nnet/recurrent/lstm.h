@@ -4,11 +4,13 @@
 // Long short-term memory layers (Hochreiter and Schmidhuber 1997, with the forget gate and the
 // peepholes of Gers et al. 2000, 2002, and the projection of Sak et al. 2014): one direction or
 // both, with or without peepholes and projection, and their fixed-point twins. c is the cell
-// dimension, P the projection dimension, D the input dimension. With G the gate row of a frame, W x
-// + R h and the biases:
+// dimension, P the projection dimension, D the input dimension. With G the gate row of a frame, the
+// sum of both products and the biases:
+//   G = W x + R h + b,
 //   c' = sigmoid(G_f) c + sigmoid(G_i) tanh(G_g),  h' = sigmoid(G_o) tanh(c').
-// Peepholes add p_i c, p_f c and p_o c' to the gates i, f and o; a projection gives r' = P_w h' +
-// P_b, which takes the place of h in R h and in the output.
+// Peepholes add p_i c, p_f c and p_o c' to the gates i, f and o. A projection takes the place of h
+// in the product with R and in the output:
+//   r' = P_w h' + P_b.
 
 #include <cstdint>
 

@@ -9,6 +9,7 @@ void GateBuffer::ReserveGates(int64_t frames, int32_t gate_dim, uint64_t& memory
   if (BlockFloats(1, gate_dim, frames) <= kMaxBlockFloats) Gates(frames, gate_dim, memory_bytes);
 }
 
+// Shared rows belong to no layer, so no layer counts them.
 float* GateBuffer::Gates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes) {
   const uint64_t floats = BlockFloats(1, gate_dim, frames);
   if (shared_gates != nullptr) {

@@ -81,7 +81,7 @@ class RecurrentLayer : public Component, public GateBuffer {
 
  protected:
   using Component::Component;
-  /// Checks the fields against so many output values of one direction.
+  /// Checks the fields against the output values of one direction and derives the rest.
   bool ValidateShape(int32_t outputs, Refusal& why) {
     proj_dim = outputs;
     gate_dim = static_cast<int32_t>(int64_t{Cell::kGates} * cell_dim);

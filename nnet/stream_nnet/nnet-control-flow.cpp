@@ -154,7 +154,9 @@ void StreamConcatenateComponent::PropagateFnc(const float* in, int64_t frames, i
   output_frames = complete;
 }
 
-// Reflection.
+// Reflection. The start waits in `head` until frame L has arrived, which is the first one that
+// comes out; `tail` always holds the last R + 1 frames, any of which may turn out to be mirrored at
+// the end.
 
 void StreamReflectionPad::Reset() {
   ChunkLayer::Reset();
@@ -171,6 +173,7 @@ int64_t StreamReflectionPad::CalcStreamOutputFrames(int64_t in_frames) const {
   return std::max<int64_t>(0, in_frames + 2 * int64_t{padding_left} + padding_right);
 }
 
+// As if the call were the last one; its executor does not say so before it runs.
 CallPlan StreamReflectionPad::Plan(int64_t frames, int /*in_dim*/) const {
   const int64_t n = std::max<int64_t>(frames, 0);
   const int64_t start = first_chunk ? head.rows() + padding_left : 0;
@@ -184,7 +187,8 @@ void StreamReflectionPad::KeepTail(const float* in, int64_t frames) {
   tail.Append(in + ToSize(frames - kept) * tail.width(), kept, memory_bytes);
 }
 
-// The mirrored frames, then those that have waited for them.
+// Frames L, …, 1 and then the frames that have waited. A mirrored frame is one of those, or of the
+// call that has ended the wait.
 float* StreamReflectionPad::EmitHead(const float* in, float* out) {
   const int64_t waited = head.rows();
   for (int64_t frame = padding_left; frame >= 1; --frame) {
@@ -226,7 +230,7 @@ void StreamReflectionPad::PropagateFnc(const float* in, int64_t frames, int in_d
   last_chunk = false;
 }
 
-// Padding with one value.
+// Padding with one value. It depends on no frame, so each end comes with the call that is at it.
 
 int64_t StreamConstantPad::CalcStreamOutputFrames(int64_t in_frames) const {
   return PaddedFrames(std::max<int64_t>(in_frames, 0));
@@ -247,7 +251,7 @@ void StreamConstantPad::PropagateFnc(const float* in, int64_t frames, int in_dim
   last_chunk = false;
 }
 
-// The slice.
+// The slice. A count of the frames seen is all that it carries.
 
 bool StreamSliceComponent::Validate(Refusal& why) {
   starts.clear();
