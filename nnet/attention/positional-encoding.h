@@ -8,8 +8,9 @@
 namespace tarev::nnet::handwriting_CTC {
 
 /// Sinusoidal positions (Vaswani et al. 2017): adds to frame t of every call row t of a fixed
-/// table, which is sin(t w_k) in column 2k and cos(t w_k) in column 2k + 1, with w_k = 10000^(-2k /
-/// width). Every call starts at position 0.
+/// table, which is sin(t w_k) in column 2k and cos(t w_k) in column 2k + 1, with
+///   w_k = 10000^(-2k / width).
+/// Every call starts at position 0.
 class PositionalEncoding final : public LayerOf<0x108> {
  public:
   using LayerOf::LayerOf;

@@ -9,9 +9,10 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// A highway layer (Srivastava et al. 2015): y = h g + x (1 - g) with h = relu(W_h x + b_h) and g =
-/// sigmoid(W_g x + b_g), for rows of D = O values. The fixed-point write gives symmetric 8-bit
-/// blocks, which no code of the model format reads back.
+/// A highway layer (Srivastava et al. 2015), for rows of D = O values:
+///   y = h g + x (1 - g)  with h = relu(W_h x + b_h) and g = sigmoid(W_g x + b_g).
+/// The fixed-point write gives symmetric 8-bit blocks, which no code of the model format reads
+/// back.
 class Highway final : public LayerOf<0x10f, Component, 0x10f> {
  public:
   using LayerOf::LayerOf;

@@ -12,10 +12,10 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Stacks each frame with its neighbours at fixed offsets: an output row is the input rows t +
-/// offset, one after another, for t from the left context on. Consumes the context that the first
-/// and the last offset reach into: n frames become n - left - right, and a call with no more frames
-/// than its context throws.
+/// Stacks each frame t with its neighbours at fixed offsets: an output row is the input rows at
+/// these offsets from t, one after another, for t from the left context on. Consumes the context
+/// that the first and the last offset reach into: n frames become n - left - right, and a call with
+/// no more frames than its context throws.
 class Splice : public LayerOf<0x401>, public CustomPart {
  public:
   using LayerOf::LayerOf;
@@ -84,8 +84,8 @@ class Prior final : public LayerOf<0x600, ColumnVectorLayer> {
   FloatArray prior;  // D natural logarithms
 };
 
-/// The weighted sum of the equal blocks of a row: y = Σ over k of weights[k] times the values k O …
-/// (k + 1) O - 1 of the row, where D = input_num O.
+/// The weighted sum of the equal blocks of a row, D = input_num O:
+///   y[j] = Σ over k of weights[k] x[k O + j].
 class AddComponent final : public LayerOf<0x408> {
  public:
   using LayerOf::LayerOf;

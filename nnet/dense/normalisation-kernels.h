@@ -14,9 +14,10 @@ namespace tarev::nnet::handwriting_CTC {
 double cal_mean(double sum, size_t n);
 double std_deviation(double sum, double sum_of_squares, size_t n);
 
-/// Layer normalisation (Ba et al. 2016) with the unbiased deviation and epsilon added to that, not
-/// to the variance: out = (x - mean) * gamma / (epsilon + deviation) + beta for each row, gamma and
-/// beta of cols values. In double precision throughout; only the result is rounded to float.
+/// Layer normalisation (Ba et al. 2016) with the unbiased deviation, and epsilon added to that and
+/// not to the variance: for each row, with gamma and beta of cols values,
+///   out = (x - mean) * gamma / (epsilon + deviation) + beta.
+/// In double precision throughout; only the result is rounded to float.
 void layer_norm(const float* in, size_t rows, size_t cols, const float* gamma, const float* beta,
                 float epsilon, float* out);
 

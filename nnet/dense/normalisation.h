@@ -21,10 +21,10 @@ class NormalizeComponent final : public LayerOf<0x404, RowLayer> {
   float target_rms = 1.0F;
 };
 
-/// Batch normalisation (Ioffe and Szegedy 2015) without gain and offset, per column: y = target_rms
-/// (x - mean) / sqrt(variance + epsilon). The first call folds the statistics: `variance` then
-/// holds the scale and `mean` the offset, and so does what is written. Works in place: after a call
-/// the input rows hold the output.
+/// Batch normalisation (Ioffe and Szegedy 2015) without gain and offset, per column:
+///   y = target_rms (x - mean) / sqrt(variance + epsilon).
+/// The first call folds the statistics: `variance` then holds the scale and `mean` the offset, and
+/// so does what is written. Works in place: after a call the input rows hold the output.
 class BatchNormComponent final : public LayerOf<0x405, ColumnLayer> {
  public:
   using LayerOf::LayerOf;
@@ -61,9 +61,10 @@ struct BatchNormParameters {
   float Shift(size_t i, float scale) const { return beta[i] - mean[i] * scale; }
 };
 
-/// Batch normalisation per column: y = gamma (x - mean) / sqrt(variance + epsilon) + beta. The
-/// first call folds the statistics: `gamma` then holds the scale and `beta` the offset, and so does
-/// what is written. Works in place: after a call the input rows hold the output.
+/// Batch normalisation per column:
+///   y = gamma (x - mean) / sqrt(variance + epsilon) + beta.
+/// The first call folds the statistics: `gamma` then holds the scale and `beta` the offset, and so
+/// does what is written. Works in place: after a call the input rows hold the output.
 class BatchNorm1d final : public LayerOf<0x409, ColumnLayer>, public BatchNormParameters {
  public:
   using LayerOf::LayerOf;
@@ -88,8 +89,8 @@ class BatchNorm2d final : public LayerOf<0x407, PlaneLayer>, public BatchNormPar
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 
-/// Layer normalisation: y = gamma (x - mean) / (epsilon + deviation) + beta with mean and unbiased
-/// standard deviation of each row; see layer_norm.
+/// Layer normalisation with mean and unbiased standard deviation of each row; see layer_norm:
+///   y = gamma (x - mean) / (epsilon + deviation) + beta.
 class LayerNorm final : public LayerOf<0x406, ColumnLayer> {
  public:
   LayerNorm(int first, int second);

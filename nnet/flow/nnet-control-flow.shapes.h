@@ -76,9 +76,9 @@ struct FramePadding {
   int64_t PaddedFrames(int64_t frames) const { return frames + padding_left + padding_right; }
 };
 
-/// Adds the mirror images of the frames next to each end, not of the end itself: frames L, L - 1,
-/// …, 1 before and n - 2, …, n - 1 - R after. A call that has frames, but not more than max(L, R),
-/// throws.
+/// Adds the mirror images of the frames next to each end, not of the end itself:
+///   frames L, L - 1, …, 1 before and n - 2, …, n - 1 - R after.
+/// A call that has frames, but not more than max(L, R), throws.
 class ReflectionPad final : public LayerOf<0x707>, public FramePadding {
  public:
   using LayerOf::LayerOf;
