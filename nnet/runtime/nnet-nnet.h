@@ -76,7 +76,7 @@ class NnetForward {
  private:
   void LinkLayers();
   /// Plans, checks and runs one layer on `in` or, from the second on, buffer A; returns what it
-  /// gave.
+  /// gave. No layer may take or give more than frame_limit frames.
   BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id,
                       int64_t frame_limit);
   [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
