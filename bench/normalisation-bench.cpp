@@ -26,6 +26,8 @@ using tarev::nnet::handwriting_CTC::LayerNorm;
 using tarev::nnet::handwriting_CTC::NormalizeComponent;
 using tarev::nnet::handwriting_CTC::ParameterRef;
 using tarev::nnet::handwriting_CTC::Refusal;
+using tarev::nnet::handwriting_CTC::StoredValues;
+using tarev::nnet::handwriting_CTC::WeightMatrix;
 
 constexpr int kFrames = 128;
 constexpr int kDim = 256;
@@ -37,8 +39,15 @@ void FillParameters(Component& layer) {
   layer.Validate(why);
   std::uint64_t bytes = 0;
   for (const ParameterRef& parameter : layer.MutableParameters()) {
-    parameter.array->Allocate(parameter.rows, parameter.cols, bytes);
-    std::ranges::copy(Random(parameter.count(), 1, 0.1F), parameter.array->data());
+    const std::vector<float> values = Random(parameter.count(), 1, 0.1F);
+    if (parameter.weights != nullptr) {
+      parameter.weights->Allocate(WeightMatrix::Form::kSingle, parameter.rows, parameter.cols,
+                                  bytes);
+      parameter.weights->Put(0, parameter.rows, values.data());
+    } else {
+      parameter.array->Allocate(parameter.rows, parameter.cols, bytes);
+      std::ranges::copy(values, parameter.array->data());
+    }
   }
 }
 
@@ -58,19 +67,18 @@ void RunFrames(benchmark::State& state, Component& layer) {
 // The yardsticks: each layer step by step in its obvious form.
 
 // One frame of a GRU after its input product.
-void PlainGruFrame(const Gru& gru, float* gate, float* hidden, float* scratch) {
-  const auto matvec = [hidden](const float* weights, int rows, float beta, float* y) {
-    cblas_sgemv(CblasRowMajor, CblasNoTrans, rows, kDim, 1.0F, weights, kDim, hidden, 1, beta, y,
-                1);
+void PlainGruFrame(const std::vector<float>& weights, const float* bias, float* gate, float* hidden,
+                   float* scratch) {
+  const auto matvec = [hidden](const float* matrix, int rows, float beta, float* y) {
+    cblas_sgemv(CblasRowMajor, CblasNoTrans, rows, kDim, 1.0F, matrix, kDim, hidden, 1, beta, y, 1);
   };
   const auto multiply_add = [](const float* a, const float* b, float alpha, float* y) {
     cblas_sgbmv(CblasRowMajor, CblasNoTrans, kDim, kDim, 0, 0, alpha, a, 1, b, 1, 1.0F, y, 1);
   };
-  const float* bias = gru.recurrent_bias.data();
   float* candidate = gate + 2 * kDim;
-  matvec(gru.recurrent_weights.data(), 2 * kDim, 1.0F, gate);
+  matvec(weights.data(), 2 * kDim, 1.0F, gate);
   for (int i = 0; i < 2 * kDim; ++i) gate[i] = PlainSigmoid(gate[i] + bias[i]);
-  matvec(gru.recurrent_weights.data() + 2 * kDim * kDim, kDim, 0.0F, scratch);
+  matvec(weights.data() + 2 * kDim * kDim, kDim, 0.0F, scratch);
   for (int i = 0; i < kDim; ++i) scratch[i] += bias[2 * kDim + i];
   multiply_add(gate, scratch, 1.0F, candidate);
   for (int i = 0; i < kDim; ++i) candidate[i] = PlainTanh(candidate[i]);
@@ -122,17 +130,20 @@ void BM_PlainGru(benchmark::State& state) {
   FillParameters(layer);
   const int frames = static_cast<int>(state.range(0));
   const std::vector<float> in = Random(kFloats, 1, 1.0F);
+  const std::vector<float> input_weights = StoredValues(layer.Parameters()[0]);
+  const std::vector<float> recurrent_weights = StoredValues(layer.Parameters()[1]);
   std::vector<float> gates(3 * kFloats);
   std::vector<float> out(kFloats);
   std::vector<float> hidden(kDim);
   std::vector<float> scratch(kDim);
   for (auto _ : state) {
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, frames, 3 * kDim, kDim, 1.0F, in.data(),
-                kDim, layer.input_weights.data(), kDim, 0.0F, gates.data(), 3 * kDim);
+                kDim, input_weights.data(), kDim, 0.0F, gates.data(), 3 * kDim);
     for (int t = 0; t < frames; ++t) {
       float* gate = gates.data() + std::size_t{3 * kDim} * static_cast<std::size_t>(t);
       for (int i = 0; i < 3 * kDim; ++i) gate[i] += layer.input_bias[static_cast<std::size_t>(i)];
-      PlainGruFrame(layer, gate, hidden.data(), scratch.data());
+      PlainGruFrame(recurrent_weights, layer.recurrent_bias.data(), gate, hidden.data(),
+                    scratch.data());
       std::ranges::copy(hidden, out.begin() + std::ptrdiff_t{t} * kDim);
     }
     benchmark::DoNotOptimize(out.data());

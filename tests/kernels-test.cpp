@@ -194,8 +194,8 @@ TEST(RecurrentKernels, OnePassHasTheBitsOfTheSeparateSteps) {
       const Floats candidate = Random(n, 7, 3.0F);
       gru_cell({gates.data(), candidate.data(), bias.data(), start.data(), hidden.data()}, n);
       for (size_t j = 0; j < n; ++j) {
-        const float from_reset = PlainSigmoid(gate(0, j)) * (candidate[j] + bias[2 * n + j]);
-        const float m = PlainTanh(gates[2 * n + j] + from_reset);
+        const float from_reset = PlainSigmoid(gate(0, j)) * gate(2, j);
+        const float m = PlainTanh(candidate[j] + from_reset);
         const float z = PlainSigmoid(gate(1, j));
         const float taken = z * m, kept = z * start[j];
         ASSERT_EQ(hidden[j], (m - taken) + kept);

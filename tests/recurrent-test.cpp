@@ -211,7 +211,8 @@ TEST(Recurrent, SequencesOfCallsAgreeWithDoublePrecision) {
       uint64_t parameters = 0;
       for (const Floats& array : values) parameters += array.size();
       EXPECT_EQ(layer->ParameterCount(), parameters);
-      EXPECT_GE(layer->MemoryBytes(), 4 * (parameters + 6 * family.gates * cell));
+      const uint64_t stored = family.half ? 2 : 4;
+      EXPECT_GE(layer->MemoryBytes(), stored * parameters + 4 * 6 * family.gates * cell);
     }
   }
 }
@@ -258,7 +259,7 @@ TEST(Recurrent, MappedBlstmHoldsFloats) {
   Blstm mapped(3, 8);
   ASSERT_TRUE(mapped.MapData(&cursor));
   EXPECT_EQ(cursor, reinterpret_cast<const char*>(image.data() + image.size()));
-  EXPECT_EQ(RunCalls(mapped), RunCalls(*ReadLayer(layout.Float(values))));
+  ExpectNear(RunCalls(mapped), RunCalls(*ReadLayer(layout.Float(values))), 1e-6);
   Blstm other(3, 10);
   cursor = reinterpret_cast<const char*>(image.data());
   EXPECT_FALSE(other.MapData(&cursor));
@@ -334,7 +335,7 @@ struct Sample {
   std::vector<Stored> arrays;
 };
 
-TEST(FixedRecurrent, TwinsAgreeExactlyOnValuesThatEightBitsHold) {
+TEST(FixedRecurrent, TwinsAgreeOnValuesThatEightBitsHold) {
   for (const Family& family : kFamilies) {
     SCOPED_TRACE(family.name);
     const Sample sample(family);
@@ -342,9 +343,9 @@ TEST(FixedRecurrent, TwinsAgreeExactlyOnValuesThatEightBitsHold) {
     const Layer fixed = ReadLayer(stored);
     const Layer twin = ReadLayer(sample.Float());
     EXPECT_EQ(FixedWrittenBy(*twin), stored);
-    EXPECT_EQ(RunCalls(*fixed), RunCalls(*twin));
+    ExpectNear(RunCalls(*fixed), RunCalls(*twin), 1e-5);
     EXPECT_EQ(fixed->ParameterCount(), twin->ParameterCount());
-    EXPECT_EQ(fixed->MemoryBytes(), twin->MemoryBytes());
+    EXPECT_LT(fixed->MemoryBytes(), twin->MemoryBytes());
   }
 }
 

@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "nnet/base/element-kernels.h"
-#include "nnet/base/products.h"
+#include "nnet/base/panel-kernels.h"
 #include "utils/messages.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -45,11 +45,14 @@ void AttentionLayer::GrowBlock(FloatArray& buffer, uint64_t floats) {
 
 void AttentionLayer::ReserveScores(int64_t queries, int64_t keys) {
   GrowBlock(scores_, BlockFloats(1, std::min(queries, kQueryTile), keys));
+  const auto padded = [](int64_t n) { return static_cast<int64_t>(PaddedOutputs(ToSize(n))); };
+  GrowBlock(key_panels_, BlockFloats(1, head_dim, padded(keys)));
+  GrowBlock(value_panels_, BlockFloats(1, padded(head_dim), keys));
 }
 
-// Three steps for each tile of query rows and each head: scores, softmax of each score row,
-// weighted sum of the values. A head is a band of columns, which the products read and write in
-// place, so that rows need not be split into heads and joined again.
+// A head is a band of columns. Its keys and values become the panels of two products; then, for each
+// tile of query rows, three steps: scores, softmax of each score row, weighted sum of the values.
+// Queries and context are read and written in place.
 void AttentionLayer::Attend(const float* query, int64_t queries, const float* key,
                             const float* value, int64_t keys, float* context) {
   const size_t d = ToSize(model_dim);
@@ -57,15 +60,17 @@ void AttentionLayer::Attend(const float* query, int64_t queries, const float* ke
   const size_t width = ToSize(head_dim);
   const float scale = 1.0F / std::sqrt(static_cast<float>(head_dim));
   if (n == 0) return zero_vec(context, ToSize(queries) * d);
-  for (int64_t first = 0; first < queries; first += kQueryTile) {
-    const size_t rows = ToSize(std::min(kQueryTile, queries - first));
-    for (size_t column = 0; column < d; column += width) {
+  for (size_t column = 0; column < d; column += width) {
+    pack_outputs({key + column, d}, n, width, key_panels_.data());
+    pack_inputs({value + column, d}, width, n, value_panels_.data());
+    const Panels<float> keys_of_head{key_panels_.data(), n, width};
+    const Panels<float> values_of_head{value_panels_.data(), width, n};
+    for (int64_t first = 0; first < queries; first += kQueryTile) {
+      const size_t rows = ToSize(std::min(kQueryTile, queries - first));
       const size_t at = ToSize(first) * d + column;
-      matmul_trans_b({query + at, d}, {key + column, d}, {scores_.data(), n}, rows, n, width, scale,
-                     0.0F);
+      panel_product({query + at, d}, rows, keys_of_head, {.scale = scale}, {scores_.data(), n});
       fast_softmax(scores_.data(), rows, n, scores_.data());
-      matmul({scores_.data(), n}, {value + column, d}, {context + at, d}, rows, width, n, 1.0F,
-             0.0F);
+      panel_product({scores_.data(), n}, rows, values_of_head, {}, {context + at, d});
     }
   }
 }

@@ -15,27 +15,28 @@ constexpr size_t kAlignment = 64;
 // machine.
 constexpr size_t kMaxFloats = size_t{1} << 30;
 
-// Zero-filled floats, or null when the count is too large or the memory cannot be had. The bytes
+// Floats of any value, or null when the count is too large or the memory cannot be had. The bytes
 // are rounded up to whole cache lines, which aligned allocation asks for.
 float* NewFloats(size_t rows, size_t cols) {
   if (cols != 0 && rows > kMaxFloats / cols) return nullptr;
   const size_t bytes = rows * cols * sizeof(float);
   const size_t whole = (bytes + kAlignment - 1) / kAlignment * kAlignment;
-  void* memory = std::aligned_alloc(kAlignment, whole);
-  if (memory != nullptr) std::memset(memory, 0, whole);
-  return static_cast<float*>(memory);
+  return static_cast<float*>(std::aligned_alloc(kAlignment, whole));
+}
+
+// The same for a kept array, or null for none; throws when the memory cannot be had.
+float* AllocateFloats(size_t rows, size_t cols) {
+  if (rows == 0 || cols == 0) return nullptr;
+  float* fresh = NewFloats(rows, cols);
+  if (fresh == nullptr) ThrowError(Here(), "alloc memory failed!");
+  return fresh;
 }
 
 }  // namespace
 
 void alloc_floats(float** p, size_t rows, size_t cols) {
-  if (rows == 0 || cols == 0) {
-    *p = nullptr;
-    return;
-  }
-  float* fresh = NewFloats(rows, cols);
-  if (fresh == nullptr) ThrowError(Here(), "alloc memory failed!");
-  *p = fresh;
+  *p = AllocateFloats(rows, cols);
+  if (*p != nullptr) std::memset(*p, 0, rows * cols * sizeof(float));
 }
 
 // A new array and a copy: no reallocation keeps the alignment.
@@ -47,6 +48,7 @@ void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit) {
     if (fresh == nullptr) ThrowError(Here(), "realloc memory failed!");
     const size_t kept = std::min(new_count, old_count) * unit;
     if (kept != 0) std::memcpy(fresh, *p, kept * sizeof(float));
+    std::memset(fresh + kept, 0, (new_count * unit - kept) * sizeof(float));
   }
   free_floats(*p);
   *p = fresh;
@@ -77,13 +79,21 @@ void FloatArray::Release() noexcept {
   owned_ = true;
 }
 
+void FloatArray::Replace(float* fresh, size_t count, uint64_t& memory_bytes) noexcept {
+  Release();
+  data_ = fresh;
+  size_ = count;
+  memory_bytes += count * sizeof(float);
+}
+
 void FloatArray::Allocate(size_t rows, size_t cols, uint64_t& memory_bytes) {
   float* fresh = nullptr;
   alloc_floats(&fresh, rows, cols);
-  Release();
-  data_ = fresh;
-  size_ = rows * cols;
-  memory_bytes += size_ * sizeof(float);
+  Replace(fresh, rows * cols, memory_bytes);
+}
+
+void FloatArray::AllocateUncleared(size_t rows, size_t cols, uint64_t& memory_bytes) {
+  Replace(AllocateFloats(rows, cols), rows * cols, memory_bytes);
 }
 
 void FloatArray::GrowTo(size_t count, uint64_t& memory_bytes) {

@@ -38,6 +38,8 @@ class FloatArray {
   /// Replaces the contents by rows x cols zeros. Throws as alloc_floats and keeps the contents
   /// then.
   void Allocate(size_t rows, size_t cols, uint64_t& memory_bytes);
+  /// The same for contents that the caller overwrites at once: they are of no meaning until then.
+  void AllocateUncleared(size_t rows, size_t cols, uint64_t& memory_bytes);
   /// Makes room for at least `count` floats, keeping the contents; what is added is zero, and
   /// pointers into the array become invalid. One comparison when there is room. Not for views.
   /// Throws as grow_floats and keeps the array then.
@@ -63,6 +65,7 @@ class FloatArray {
   std::span<const float> values() const noexcept { return {data_, size_}; }
 
  private:
+  void Replace(float* fresh, size_t count, uint64_t& memory_bytes) noexcept;
   void GrowTo(size_t count, uint64_t& memory_bytes);
   void Release() noexcept;
 

@@ -29,11 +29,6 @@ constexpr size_t kFewRows = 128;
 using Band = StridedRows<float>;
 using ConstBand = StridedRows<const float>;
 
-ConstBand RowsFrom(ConstBand band, size_t row) {
-  return {band.data + row * band.stride, band.stride};
-}
-Band RowsFrom(Band band, size_t row) { return {band.data + row * band.stride, band.stride}; }
-
 void Sgemm(CBLAS_TRANSPOSE trans_b, ConstBand A, ConstBand B, Band C, size_t M, size_t N, size_t K,
            float alpha, float beta) {
   cblas_sgemm(CblasRowMajor, CblasNoTrans, trans_b, ToBlas(M), ToBlas(N), ToBlas(K), alpha, A.data,
@@ -57,9 +52,9 @@ void TiledSgemm(ConstBand A, ConstBand B, Band C, size_t M, size_t N, size_t K, 
   for (size_t n = 0; n < N; n += columns) {
     const size_t width = std::min(columns, N - n);
     for (size_t m = 0; m < M; m += kTileRows) {
-      const Band tile{RowsFrom(C, m).data + n, C.stride};
-      Sgemm(CblasTrans, RowsFrom(A, m), RowsFrom(B, n), tile, std::min(kTileRows, M - m), width, K,
-            alpha, beta);
+      const Band tile{C.From(m).data + n, C.stride};
+      Sgemm(CblasTrans, A.From(m), B.From(n), tile, std::min(kTileRows, M - m), width, K, alpha,
+            beta);
     }
   }
 }
@@ -67,7 +62,7 @@ void TiledSgemm(ConstBand A, ConstBand B, Band C, size_t M, size_t N, size_t K, 
 // x = beta x, the result of a product without terms.
 void ScaleOrClear(Band x, size_t rows, size_t cols, float beta) {
   for (size_t r = 0; r < rows; ++r) {
-    float* row = RowsFrom(x, r).data;
+    float* row = x.From(r).data;
     if (beta == 0.0F) {
       zero_vec(row, cols);
     } else {

@@ -10,18 +10,13 @@
 
 #include <cstddef>
 
+#include "nnet/base/strided-rows.h"
+
 namespace tarev::nnet::handwriting_CTC {
 
 /// C (M x N) = alpha A (M x K) B' + beta C, with B stored N x K.
 void matmul_trans_b(const float* A, const float* B, float* C, size_t M, size_t N, size_t K,
                     float alpha, float beta);
-/// Rows `stride` floats apart, such as a band of columns of a wider matrix. A view: `data` is not
-/// owned.
-template <class T>
-struct StridedRows {
-  T* data;
-  size_t stride;
-};
 /// The same product of bands.
 void matmul_trans_b(StridedRows<const float> A, StridedRows<const float> B, StridedRows<float> C,
                     size_t M, size_t N, size_t K, float alpha, float beta);

@@ -5,15 +5,11 @@
 #include <limits>
 #include <utility>
 
+#include "nnet/contract/row-stream.h"
 #include "utils/file-io.h"
 
 namespace tarev::nnet::handwriting_CTC {
 namespace {
-
-// The values of an array, without spare rows.
-std::span<const float> Values(const ParameterRef& parameter) {
-  return std::as_const(*parameter.array).values().first(parameter.count());
-}
 
 bool HasRowSums(const ParameterRef& parameter, CodeForm form) {
   return form == CodeForm::kAsymmetric && parameter.is_matrix;
@@ -78,6 +74,33 @@ FixedBlock FitAsymmetric(std::span<const float> values) {
   return block;
 }
 
+// A matrix holds unsigned codes; those of the symmetric form differ from them in the top bit.
+constexpr uint8_t kSignBit = 0x80;
+constexpr int32_t kSymmetricOffset = -0x80;
+
+void TurnSigns(uint8_t* codes, size_t count) {
+  for (size_t i = 0; i < count; ++i) codes[i] ^= kSignBit;
+}
+
+// A matrix keeps the codes as they are.
+bool ReadMatrixCodes(FILE* fp, const ParameterRef& parameter, CodeForm form,
+                     const FixedBlock& block, uint64_t& memory_bytes) {
+  const bool symmetric = form == CodeForm::kSymmetric;
+  parameter.weights->AllocateCodes(parameter.rows, parameter.cols, block.scale,
+                                   symmetric ? kSymmetricOffset : block.zero_point, memory_bytes);
+  return ReadRows<uint8_t>(fp, parameter, [&](size_t first, size_t rows, uint8_t* codes) {
+    if (symmetric) TurnSigns(codes, rows * parameter.cols);
+    parameter.weights->Put(first, rows, codes);
+  });
+}
+
+bool WriteMatrixCodes(FILE* fp, const ParameterRef& parameter, CodeForm form) {
+  return WriteRows<uint8_t>(fp, parameter, [&](size_t first, size_t rows, uint8_t* codes) {
+    parameter.weights->Get(first, rows, codes);
+    if (form == CodeForm::kSymmetric) TurnSigns(codes, rows * parameter.cols);
+  });
+}
+
 std::vector<float> SumRows(const std::vector<uint8_t>& codes, size_t rows, size_t cols) {
   std::vector<float> sums(rows, 0.0F);
   for (size_t i = 0; i < codes.size(); ++i) sums[i / cols] += static_cast<float>(codes[i]);
@@ -93,8 +116,8 @@ size_t CodeBlockBytes(const ParameterRef& parameter, CodeForm form) {
   return head + sums + parameter.count();
 }
 
-// Every decoded value is encoded again at once. As long as all codes come back, the array alone is
-// enough for an identical write; otherwise the codes are kept beside it.
+// Codes that are decoded are encoded again at once: as long as all of them come back, the floats alone
+// are enough for an identical write; otherwise the codes are kept beside them.
 bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, FixedBlock& block,
                    uint64_t& memory_bytes) {
   if (!ReadValues(fp, block.scale)) return false;
@@ -103,17 +126,28 @@ bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, Fixed
     block.row_sums.resize(parameter.rows);
     if (!ReadArray(fp, std::span<float>(block.row_sums))) return false;
   }
+  const int32_t offset = form == CodeForm::kSymmetric ? kSymmetricOffset : block.zero_point;
+  if (parameter.weights != nullptr && WeightMatrix::HoldsCodes(block.scale, offset)) {
+    return ReadMatrixCodes(fp, parameter, form, block, memory_bytes);
+  }
   std::vector<uint8_t> codes(parameter.count());
   if (!ReadArray(fp, std::span<uint8_t>(codes))) return false;
-  parameter.array->Allocate(parameter.rows + parameter.spare_rows, parameter.cols, memory_bytes);
   const Coding coding{form, block.scale, block.zero_point};
+  std::vector<float> values(codes.size());
   bool same = true;
   for (size_t i = 0; i < codes.size(); ++i) {
-    const float value = coding.Decode(codes[i]);
-    (*parameter.array)[i] = value;
-    same = same && coding.Encode(value) == codes[i];
+    values[i] = coding.Decode(codes[i]);
+    same = same && coding.Encode(values[i]) == codes[i];
   }
   if (!same) block.codes = std::move(codes);
+  if (parameter.weights != nullptr) {
+    parameter.weights->Allocate(WeightMatrix::Form::kSingle, parameter.rows, parameter.cols,
+                                memory_bytes);
+    parameter.weights->Put(0, parameter.rows, values.data());
+  } else {
+    parameter.array->AllocateUncleared(parameter.rows, parameter.cols, memory_bytes);
+    std::ranges::copy(values, parameter.array->data());
+  }
   return true;
 }
 
@@ -123,19 +157,23 @@ bool WriteCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form,
   if (form == CodeForm::kAsymmetric && !WriteValues(fp, block.zero_point)) return false;
   if (!WriteArray(fp, std::span<const float>(block.row_sums))) return false;
   if (!block.codes.empty()) return WriteArray(fp, std::span<const uint8_t>(block.codes));
+  if (parameter.weights != nullptr && parameter.weights->form() == WeightMatrix::Form::kCodes) {
+    return WriteMatrixCodes(fp, parameter, form);
+  }
   const Coding coding{form, block.scale, block.zero_point};
   std::vector<uint8_t> codes(parameter.count());
-  std::ranges::transform(Values(parameter), codes.begin(),
+  std::ranges::transform(StoredValues(parameter), codes.begin(),
                          [&](float value) { return coding.Encode(value); });
   return WriteArray(fp, std::span<const uint8_t>(codes));
 }
 
 bool WriteCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form) {
   FixedBlock block;
+  const std::vector<float> values = StoredValues(parameter);
   if (form == CodeForm::kSymmetric) {
-    block.scale = SymmetricScale(parameter.array->data(), parameter.count());
+    block.scale = SymmetricScale(values.data(), values.size());
   } else {
-    block = FitAsymmetric(Values(parameter));
+    block = FitAsymmetric(values);
   }
   if (HasRowSums(parameter, form)) {
     block.row_sums = SumRows(block.codes, parameter.rows, parameter.cols);

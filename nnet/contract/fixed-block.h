@@ -7,8 +7,8 @@
 //   Asymmetric: a float scale, an int32 zero point, for matrices a float sum of codes for each row,
 //   then one unsigned byte a value; code q means (q + zero point) / scale.
 //
-// A block is decoded when it is read and computation is in floats, so the form decides about the
-// size of a file and not about the kernels.
+// The codes of a weight matrix stay codes in memory, and products with it are formed from them (see
+// code-kernels.h). Other arrays are decoded when they are read.
 
 #include <cstdint>
 #include <cstdio>
@@ -25,13 +25,13 @@ struct FixedBlock {
   int32_t zero_point = 0;
   /// As stored, one a row; empty for vectors and in symmetric form. No computation uses them.
   std::vector<float> row_sums;
-  /// The codes. After a read they are kept only when encoding the decoded floats does not give them
+  /// The codes, where they were decoded when they were read and encoding the floats does not give them
   /// back (a zero point too large for a float, a scale of 0).
   std::vector<uint8_t> codes;
 };
 
-/// Reads and decodes a block into the array, which is allocated and counted in memory_bytes. False
-/// when the block is cut short. The shape must have been compared with the rest of the file.
+/// Reads a block into the array or matrix, which is allocated and counted in memory_bytes. False when
+/// the block is cut short. The shape must have been compared with the rest of the file.
 bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, FixedBlock& block,
                    uint64_t& memory_bytes);
 /// Writes with the scale, zero point and row sums that were read, and the codes where they are

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "nnet/contract/nnet-component.h"
+#include "nnet/contract/row-stream.h"
 #include "utils/file-io.h"
 #include "utils/half-float.h"
 
@@ -21,14 +22,6 @@ namespace {
 
 bool InBinary(const Field& field) { return field.use != FieldUse::kTextOnly; }
 bool InText(const Field& field) { return field.use != FieldUse::kBinaryOnly; }
-
-std::span<const float> Values(const ParameterRef& parameter) {
-  return std::as_const(*parameter.array).values().first(parameter.count());
-}
-
-// A walk goes over the description in file order: fields, then arrays, then nested components. Between
-// fields and arrays the layer checks its fields (Validate), because the shapes of the arrays follow
-// from them; so no shape is used before it was checked, and nothing is allocated for a refused one.
 
 // ---- Fields ---------------------------------------------------------------------------------------
 
@@ -129,22 +122,54 @@ struct ArrayReader {
                        parameter.cols, wanted, RemainingBytes(fp));
   }
 
-  std::span<float> Allocate(const ParameterRef& parameter) const {
+  uint64_t& Counter(const ParameterRef& parameter, uint64_t& not_counted) const {
+    return parameter.counted ? memory_bytes : not_counted;
+  }
+
+  // Room for an array, whose contents are then read.
+  float* Allocate(const ParameterRef& parameter) const {
     uint64_t not_counted = 0;
-    parameter.array->Allocate(parameter.rows + parameter.spare_rows, parameter.cols,
-                              parameter.counted ? memory_bytes : not_counted);
-    return parameter.array->values().first(parameter.count());
+    parameter.array->AllocateUncleared(parameter.rows, parameter.cols,
+                                       Counter(parameter, not_counted));
+    return parameter.array->data();
+  }
+  WeightMatrix& Allocate(const ParameterRef& parameter, WeightMatrix::Form held) const {
+    uint64_t not_counted = 0;
+    parameter.weights->Allocate(held, parameter.rows, parameter.cols,
+                                Counter(parameter, not_counted));
+    return *parameter.weights;
+  }
+
+  // A matrix is held in the precision of the file.
+  template <class T>
+  bool ReadMatrix(FILE* fp, const ParameterRef& parameter, WeightMatrix::Form held) const {
+    WeightMatrix& weights = Allocate(parameter, held);
+    return ReadRows<T>(fp, parameter, [&](size_t first, size_t rows, const T* values) {
+      weights.Put(first, rows, values);
+    });
+  }
+
+  bool ReadHalves(FILE* fp, const ParameterRef& parameter) const {
+    float* array = Allocate(parameter);
+    return ReadRows<uint16_t>(
+        fp, parameter, [&](size_t /*first*/, size_t rows, const uint16_t* halves) {
+          array = std::transform(halves, halves + rows * parameter.cols, array, HalfToFloat);
+        });
   }
 
   bool ReadValues(FILE* fp, const ParameterRef& parameter, size_t index) const {
     if (codes != nullptr) {
-      return ReadCodeBlock(fp, parameter, form.codes, (*codes)[index], memory_bytes);
+      uint64_t not_counted = 0;
+      return ReadCodeBlock(fp, parameter, form.codes, (*codes)[index],
+                           Counter(parameter, not_counted));
     }
-    if (form.floats == FloatForm::kSingle) return ReadArray(fp, Allocate(parameter));
-    std::vector<uint16_t> halves(parameter.count());
-    if (!ReadArray(fp, std::span<uint16_t>(halves))) return false;
-    std::ranges::transform(halves, Allocate(parameter).begin(), HalfToFloat);
-    return true;
+    const bool half = form.floats == FloatForm::kHalf;
+    if (parameter.weights != nullptr) {
+      return half ? ReadMatrix<uint16_t>(fp, parameter, WeightMatrix::Form::kHalf)
+                  : ReadMatrix<float>(fp, parameter, WeightMatrix::Form::kSingle);
+    }
+    if (half) return ReadHalves(fp, parameter);
+    return ReadArray(fp, std::span<float>(Allocate(parameter), parameter.count()));
   }
 
   bool Read(FILE* fp, const ParameterRef& parameter, size_t index) const {
@@ -168,7 +193,11 @@ struct ArrayReader {
       values = ReadTextValues(fp, static_cast<int>(parameter.rows),
                               static_cast<int>(parameter.cols), form.opening);
     }
-    std::ranges::copy(values, Allocate(parameter).begin());
+    if (parameter.weights != nullptr) {
+      Allocate(parameter, WeightMatrix::Form::kSingle).Put(0, parameter.rows, values.data());
+    } else {
+      std::ranges::copy(values, Allocate(parameter));
+    }
     if (codes != nullptr) (*codes)[index].scale = SymmetricScale(values.data(), values.size());
     Arrange(parameter);
   }
@@ -206,15 +235,35 @@ void ReadTextArrays(FILE* fp, Component& layer, Refusal& why) {
   });
 }
 
-bool WriteFloats(FILE* fp, const ParameterRef& parameter, FloatForm form) {
+bool WriteSingles(FILE* fp, const ParameterRef& parameter) {
+  if (parameter.weights != nullptr) {
+    return WriteRows<float>(fp, parameter, [&](size_t first, size_t rows, float* values) {
+      parameter.weights->Get(first, rows, values);
+    });
+  }
   if (parameter.order != nullptr) {
     const std::vector<float> stored = parameter.order->Stored(*parameter.array);
     return WriteArray(fp, std::span<const float>(stored));
   }
-  if (form == FloatForm::kSingle) return WriteArray(fp, Values(parameter));
-  std::vector<uint16_t> halves(parameter.count());
-  std::ranges::transform(Values(parameter), halves.begin(), FloatToHalf);
+  return WriteArray(fp, std::as_const(*parameter.array).values());
+}
+
+// Halves that are held as such are written unchanged; floats, which a mapped or a text block has, are
+// rounded.
+bool WriteHalves(FILE* fp, const ParameterRef& parameter) {
+  if (parameter.weights != nullptr && parameter.weights->form() == WeightMatrix::Form::kHalf) {
+    return WriteRows<uint16_t>(fp, parameter, [&](size_t first, size_t rows, uint16_t* halves) {
+      parameter.weights->Get(first, rows, halves);
+    });
+  }
+  const std::vector<float> values = StoredValues(parameter);
+  std::vector<uint16_t> halves(values.size());
+  std::ranges::transform(values, halves.begin(), FloatToHalf);
   return WriteArray(fp, std::span<const uint16_t>(halves));
+}
+
+bool WriteFloats(FILE* fp, const ParameterRef& parameter, FloatForm form) {
+  return form == FloatForm::kHalf ? WriteHalves(fp, parameter) : WriteSingles(fp, parameter);
 }
 
 // Three cases: a fixed-point layer repeats the codes that it read, the fixed-point write of a float
@@ -268,6 +317,17 @@ bool WriteWhole(FILE* fp, const Component& layer, bool fixed) {
 
 }  // namespace
 
+std::vector<float> StoredValues(const ParameterRef& parameter) {
+  if (parameter.order != nullptr) return parameter.order->Stored(*parameter.array);
+  std::vector<float> values(parameter.count());
+  if (parameter.weights != nullptr) {
+    parameter.weights->Get(0, parameter.rows, values.data());
+  } else {
+    std::ranges::copy(std::as_const(*parameter.array).values(), values.begin());
+  }
+  return values;
+}
+
 ParameterList Join(ParameterList first, const ParameterList& second) {
   first.insert(first.end(), second.begin(), second.end());
   return first;
@@ -304,7 +364,12 @@ bool MapBlock(const char** cursor, Component& layer) {
   }
   if (!layer.Validate(why) || reinterpret_cast<uintptr_t>(at) % alignof(float) != 0) return false;
   for (const ParameterRef& parameter : layer.MutableParameters()) {
-    parameter.array->Map(reinterpret_cast<const float*>(at), parameter.count());
+    const auto* values = reinterpret_cast<const float*>(at);
+    if (parameter.weights != nullptr) {
+      parameter.weights->Map(values, parameter.rows, parameter.cols);
+    } else {
+      parameter.array->Map(values, parameter.count());
+    }
     const size_t bytes = parameter.count() * sizeof(float);
     at += bytes;
     layer.memory_bytes += bytes;

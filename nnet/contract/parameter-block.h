@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "nnet/base/nnet-util.h"
+#include "nnet/base/weight-matrix.h"
 #include "nnet/contract/refusal.h"
 #include "utils/utils.h"
 
@@ -84,16 +85,17 @@ struct TextShape {
   int cols;
 };
 
-/// One array of a block: where its values are kept and the shape that the file gives them. Spare
-/// rows of zeros may follow the values in memory; the file has none.
+/// One array of a block: where its values are kept and the shape that the file gives them. Weights that
+/// rows are multiplied with are kept in a matrix, everything else in an array of floats; the other
+/// pointer is null.
 struct ParameterRef {
   const char* name;
   FloatArray* array;
+  WeightMatrix* weights;
   size_t rows;
   size_t cols;
   /// Vectors have one row, and no row sums in asymmetric 8-bit form.
   bool is_matrix;
-  size_t spare_rows = 0;
   /// Whether the text form has it before the other arrays.
   bool text_first = false;
   /// Whether each row of the array is a bracketed matrix of its own in the text form, of the shape
@@ -112,11 +114,26 @@ using ParameterList = std::vector<ParameterRef>;
 
 inline ParameterRef Matrix(const char* name, FloatArray& array, std::integral auto rows,
                            std::integral auto cols) {
-  return {
-      .name = name, .array = &array, .rows = ToSize(rows), .cols = ToSize(cols), .is_matrix = true};
+  return {.name = name,
+          .array = &array,
+          .weights = nullptr,
+          .rows = ToSize(rows),
+          .cols = ToSize(cols),
+          .is_matrix = true};
+}
+inline ParameterRef Matrix(const char* name, WeightMatrix& weights, std::integral auto rows,
+                           std::integral auto cols) {
+  return {.name = name,
+          .array = nullptr,
+          .weights = &weights,
+          .rows = ToSize(rows),
+          .cols = ToSize(cols),
+          .is_matrix = true};
 }
 inline ParameterRef Vector(const char* name, FloatArray& array, std::integral auto size) {
-  return {.name = name, .array = &array, .rows = 1, .cols = ToSize(size), .is_matrix = false};
+  ParameterRef vector = Matrix(name, array, 1, size);
+  vector.is_matrix = false;
+  return vector;
 }
 /// `count` matrices of the shape, each of them bracketed in the text form.
 inline ParameterRef Matrices(const char* name, FloatArray& array, int64_t count, TextShape shape,
@@ -132,6 +149,8 @@ inline ParameterRef Uncounted(ParameterRef parameter) {
   parameter.counted = false;
   return parameter;
 }
+/// The values of an array in the order of the file, decoded where it is held as codes.
+std::vector<float> StoredValues(const ParameterRef& parameter);
 /// The arrays of both lists, those of `first` before the others.
 ParameterList Join(ParameterList first, const ParameterList& second);
 

@@ -2,13 +2,9 @@
 
 #include <limits>
 
-#include "nnet/base/element-kernels.h"
-#include "nnet/base/products.h"
-
 namespace tarev::nnet::handwriting_CTC {
 
-// Rows are rounded up to a multiple of eight, the spare ones zeros; the bound keeps that in an
-// int32.
+// The bound keeps the rows in an int32 when they are rounded up.
 bool LinearLayer::Validate(Refusal& why) {
   constexpr int32_t kRowGrain = 8;
   constexpr int32_t kMostRows = std::numeric_limits<int32_t>::max() / kRowGrain * kRowGrain;
@@ -26,16 +22,19 @@ bool LinearLayer::Validate(Refusal& why) {
 
 ParameterRef LinearLayer::Weights() {
   ParameterRef matrix = Matrix("weights", weights, weight_rows, weight_cols);
-  matrix.spare_rows = ToSize(row_capacity - weight_rows);
   matrix.text_first = true;
   return matrix;
 }
 
+void LinearLayer::Multiply(const float* in, int64_t frames, int in_dim, const ProductEnd& end,
+                           float* out) {
+  RequireWidth(weight_cols, in_dim);
+  weights.Multiply({in, ToSize(weight_cols)}, ToSize(frames), end, {out, ToSize(weight_rows)});
+}
+
 void LinearLayer::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                int /*call_id*/) {
-  RequireWidth(weight_cols, in_dim);
-  matmul_trans_b(in, weights.data(), out, ToSize(frames), ToSize(weight_rows), ToSize(weight_cols),
-                 1.0F, 0.0F);
+  Multiply(in, frames, in_dim, {}, out);
 }
 
 ParameterList AffineLayer::MutableParameters() {
@@ -43,18 +42,16 @@ ParameterList AffineLayer::MutableParameters() {
 }
 
 void AffineLayer::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
-                               int call_id) {
-  LinearLayer::PropagateFnc(in, frames, in_dim, out, call_id);
-  add_vec_to_rows(out, ToSize(frames), ToSize(weight_rows), bias.data(), 1.0F);
+                               int /*call_id*/) {
+  Multiply(in, frames, in_dim, {.bias = bias.data()}, out);
 }
 
 void EmbeddingLayer::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
-                                  int call_id) {
-  LinearLayer::PropagateFnc(in, frames, in_dim, out, call_id);
-  scale_vec(out, ToSize(frames) * ToSize(weight_rows), scale);
+                                  int /*call_id*/) {
+  Multiply(in, frames, in_dim, {.scale = scale}, out);
 }
 
-// The image holds the rows of the header alone, so a mapped layer has no spare rows.
+// The image holds the rows of the header alone, so a mapped layer has no room for more.
 bool AffineTransform::MapData(const char** cursor) {
   if (!MapBlock(cursor, *this)) return false;
   row_capacity = weight_rows;

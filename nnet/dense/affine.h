@@ -11,8 +11,7 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// y = W x. Row r of `weights` holds the weights of output r. The array has room for `row_capacity`
-/// rows, a multiple of eight; those from `weight_rows` on are zeros.
+/// y = W x.
 class LinearLayer : public Component {
  public:
   bool Validate(Refusal& why) override;
@@ -25,15 +24,18 @@ class LinearLayer : public Component {
   /// The dimensions of the header, set by Validate.
   int32_t weight_rows = 0;
   int32_t weight_cols = 0;
-  FloatArray weights;  // row_capacity x weight_cols
-  /// Whether row_capacity is larger than weight_rows.
-  bool padded = false;
+  WeightMatrix weights;  // weight_rows x weight_cols
+  /// Outputs that the weights have room for, a multiple of eight, and whether that is more than there
+  /// are.
   int32_t row_capacity = 0;
+  bool padded = false;
 
  protected:
   using Component::Component;
-  /// The weights with their spare rows; the text form has them first.
+  /// The weights; the text form has them first.
   ParameterRef Weights();
+  /// The product of the rows, ended as `end` says.
+  void Multiply(const float* in, int64_t frames, int in_dim, const ProductEnd& end, float* out);
 };
 
 /// y = W x + b. The binary form has the bias first, the text form the weights.

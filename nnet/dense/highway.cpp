@@ -1,22 +1,8 @@
 #include "nnet/dense/highway.h"
 
-#include <algorithm>
-
-#include "nnet/base/products.h"
 #include "nnet/dense/highway-kernels.h"
 
 namespace tarev::nnet::handwriting_CTC {
-namespace {
-
-// out (frames x n) = in weights' + bias: the rows are filled with the bias, and the product is
-// added to them.
-void AffineRows(const float* in, size_t frames, size_t n, const FloatArray& weights,
-                const FloatArray& bias, float* out) {
-  for (size_t t = 0; t < frames; ++t) std::copy_n(bias.data(), n, out + t * n);
-  matmul_trans_b(in, weights.data(), out, frames, n, n, 1.0F, 1.0F);
-}
-
-}  // namespace
 
 bool Highway::Validate(Refusal& why) {
   dim = input_dim;
@@ -45,8 +31,9 @@ void Highway::PropagateFnc(const float* in, int64_t frames, int in_dim, float* o
   Reserve(frames);
   const size_t rows = ToSize(frames);
   const size_t n = ToSize(dim);
-  AffineRows(in, rows, n, transform_weights, transform_bias, transform_buffer.data());
-  AffineRows(in, rows, n, gate_weights, gate_bias, gate_buffer.data());
+  transform_weights.Multiply({in, n}, rows, {.bias = transform_bias.data()},
+                             {transform_buffer.data(), n});
+  gate_weights.Multiply({in, n}, rows, {.bias = gate_bias.data()}, {gate_buffer.data(), n});
   highway_mix(transform_buffer.data(), gate_buffer.data(), in, rows * n, out);
 }
 

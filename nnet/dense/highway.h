@@ -24,12 +24,12 @@ class Highway final : public LayerOf<0x10f, Component, 0x10f> {
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   int32_t dim = 0;
-  FloatArray transform_weights;  // D x D, a row per output
-  FloatArray gate_weights;       // D x D
-  FloatArray transform_bias;     // D
-  FloatArray gate_bias;          // D
-  FloatArray transform_buffer;   // frame_capacity x D
-  FloatArray gate_buffer;        // frame_capacity x D
+  WeightMatrix transform_weights;  // D x D
+  WeightMatrix gate_weights;       // D x D
+  FloatArray transform_bias;       // D
+  FloatArray gate_bias;            // D
+  FloatArray transform_buffer;     // frame_capacity x D
+  FloatArray gate_buffer;          // frame_capacity x D
   int64_t frame_capacity = 0;
 };
 

@@ -24,11 +24,11 @@ struct GruParameters {
   static constexpr bool kProjects = false;
   static constexpr bool kClips = false;
 
-  FloatArray input_weights;      // 3H x D
-  FloatArray recurrent_weights;  // 3H x H
-  FloatArray input_bias;         // 3H, added to every gate row before the recurrence
-  FloatArray recurrent_bias;     // 3H; block n lies inside the product with r
-  FloatArray state;              // 2H: h and a vector of scratch
+  WeightMatrix input_weights;      // 3H x D
+  WeightMatrix recurrent_weights;  // 3H x H
+  FloatArray input_bias;           // 3H, added to every gate row before the recurrence
+  FloatArray recurrent_bias;       // 3H; block n lies inside the product with r
+  FloatArray state;                // 2H: h and a vector of scratch
 
   /// The functions of a cell, as LstmParameters declares them.
   ParameterList List(const RecurrentShape& shape);

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "nnet/base/element-kernels.h"
-#include "nnet/base/products.h"
 #include "nnet/recurrent/recurrent-kernels.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -30,24 +28,26 @@ void LstmParameters::ReserveState(const RecurrentShape& shape, uint64_t& memory_
   AllocateState(state, 4 * shape.cells, memory_bytes);
 }
 
-// The input part of all gates is one matrix product over all frames, which reads the weights once;
-// per frame there remain one matrix-vector product and one pass over the gates. The output row is
-// the state: the next step reads h where this one wrote it, and only the last row is copied to the
-// state. The cell is updated in place.
+// The input part of all gates is one product for a block of frames; per frame there remain one product
+// of a row and one pass over the gates. The output row is the state: the next step reads h where this
+// one wrote it, and only the last row is copied to the state. The cell is updated in place.
 void LstmParameters::Propagate(const float* in, size_t frames, const RecurrentShape& shape,
                                Direction direction, float* gates, OutputRows out) {
   const size_t c = shape.cells;
-  InputGates(in, frames, shape.input, input_weights, input_bias, 4 * c, gates);
   float* cell = state.data() + c;
   const float* hidden = state.data();  // after the first step, the output row before
-  for (size_t k = 0; k < frames; ++k) {
-    const size_t t = StepIndex(direction, k, frames);
-    float* gate = gates + t * 4 * c;
-    mat_vec(recurrent_weights.data(), hidden, gate, 4 * c, c, 1.0F, 1.0F);
-    float* row = out.data + t * out.stride;
-    lstm_cell(gate, recurrent_bias.data(), c, cell, row);
-    hidden = row;
-  }
+  ForEachGateBlock(direction, frames, [&](size_t first, size_t count) {
+    input_weights.Multiply({in + first * shape.input, shape.input}, count,
+                           {.bias = input_bias.data()}, {gates, 4 * c});
+    for (size_t k = 0; k < count; ++k) {
+      const size_t t = StepIndex(direction, k, count);
+      float* gate = gates + t * 4 * c;
+      recurrent_weights.Multiply({hidden, c}, 1, {.bias = gate}, {gate, 4 * c});
+      float* row = out.data + (first + t) * out.stride;
+      lstm_cell(gate, recurrent_bias.data(), c, cell, row);
+      hidden = row;
+    }
+  });
   std::copy_n(hidden, c, state.data());
 }
 
@@ -76,23 +76,28 @@ void ProjectedLstmParameters::Propagate(const float* in, size_t frames, const Re
                                         StateSnapshot snapshot) {
   const size_t c = shape.cells;
   const size_t p = shape.outputs;
-  InputGates(in, frames, shape.input, input_weights, bias, 4 * c, gates);
   float* entering = state.data();
   float* computed = state.data() + 4 * c;
-  for (size_t k = 0; k < frames; ++k) {
-    const size_t t = StepIndex(direction, k, frames);
-    float* gate = gates + t * 4 * c;
-    mat_vec(recurrent_weights.data(), entering + 3 * c, gate, 4 * c, p, 1.0F, 1.0F);
-    peephole_lstm_cell({gate, peephole_input.data(), peephole_forget.data(), peephole_output.data(),
-                        entering, computed, computed + c, computed + 2 * c},
-                       c);
-    float* projected = computed + 3 * c;
-    mat_vec(projection_weights.data(), computed + 2 * c, projected, p, c, 1.0F, 0.0F);
-    add_vec_to_rows(projected, 1, p, projection_bias.data(), 1.0F);
-    std::copy_n(projected, p, out.data + t * out.stride);
-    if (snapshot.frame == static_cast<int64_t>(t)) std::copy_n(computed, 4 * c, snapshot.state);
-    std::swap(entering, computed);
-  }
+  ForEachGateBlock(direction, frames, [&](size_t first, size_t count) {
+    input_weights.Multiply({in + first * shape.input, shape.input}, count, {.bias = bias.data()},
+                           {gates, 4 * c});
+    for (size_t k = 0; k < count; ++k) {
+      const size_t in_block = StepIndex(direction, k, count);
+      const size_t t = first + in_block;
+      float* gate = gates + in_block * 4 * c;
+      recurrent_weights.Multiply({entering + 3 * c, p}, 1, {.bias = gate}, {gate, 4 * c});
+      peephole_lstm_cell(
+          {gate, peephole_input.data(), peephole_forget.data(), peephole_output.data(), entering,
+           computed, computed + c, computed + 2 * c},
+          c);
+      float* projected = computed + 3 * c;
+      projection_weights.Multiply({computed + 2 * c, c}, 1, {.bias = projection_bias.data()},
+                                  {projected, p});
+      std::copy_n(projected, p, out.data + t * out.stride);
+      if (snapshot.frame == static_cast<int64_t>(t)) std::copy_n(computed, 4 * c, snapshot.state);
+      std::swap(entering, computed);
+    }
+  });
   if (entering != state.data()) std::copy_n(entering, 4 * c, state.data());
 }
 

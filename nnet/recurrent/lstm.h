@@ -27,11 +27,11 @@ struct LstmParameters {
   static constexpr bool kProjects = false;
   static constexpr bool kClips = true;
 
-  FloatArray input_weights;      // 4c x D
-  FloatArray recurrent_weights;  // 4c x c
-  FloatArray input_bias;         // 4c, added to every gate row before the recurrence
-  FloatArray recurrent_bias;     // 4c, added inside the recurrence
-  FloatArray state;              // 4c: h and cell; the other half is not used
+  WeightMatrix input_weights;      // 4c x D
+  WeightMatrix recurrent_weights;  // 4c x c
+  FloatArray input_bias;           // 4c, added to every gate row before the recurrence
+  FloatArray recurrent_bias;       // 4c, added inside the recurrence
+  FloatArray state;                // 4c: h and cell; the other half is not used
 
   /// The arrays in file order, in the shapes of the file.
   ParameterList List(const RecurrentShape& shape);
@@ -39,7 +39,8 @@ struct LstmParameters {
   void ReserveState(const RecurrentShape& shape, uint64_t& memory_bytes);
   /// Runs over `frames` rows of D values in the given direction from the state that the last call
   /// left, and leaves the state of its last step. Writes output row t for frame t. `gates` has room
-  /// for frames x kGates x cells floats, which are overwritten. The state must be reserved.
+  /// for the gate rows of a block of frames, kGates x cells floats each, which are overwritten. The
+  /// state must be reserved.
   void Propagate(const float* in, size_t frames, const RecurrentShape& shape, Direction direction,
                  float* gates, OutputRows out);
 };
@@ -57,14 +58,14 @@ struct ProjectedLstmParameters {
   static constexpr bool kProjects = true;
   static constexpr bool kClips = true;
 
-  FloatArray input_weights;       // 4c x D
-  FloatArray recurrent_weights;   // 4c x P, from the previous projected output
-  FloatArray bias;                // 4c
-  FloatArray peephole_input;      // c
-  FloatArray peephole_forget;     // c
-  FloatArray peephole_output;     // c
-  FloatArray projection_weights;  // P x c
-  FloatArray projection_bias;     // P
+  WeightMatrix input_weights;       // 4c x D
+  WeightMatrix recurrent_weights;   // 4c x P, from the previous projected output
+  FloatArray bias;                  // 4c
+  FloatArray peephole_input;        // c
+  FloatArray peephole_forget;       // c
+  FloatArray peephole_output;       // c
+  WeightMatrix projection_weights;  // P x c
+  FloatArray projection_bias;       // P
   /// 8c: two halves of cell, tanh of the cell, m and r, c values each (r has P of them). One half
   /// is the state that enters a frame, the other the state that the frame computes; after each
   /// frame they change places, and a call ends with its last state in the first half.

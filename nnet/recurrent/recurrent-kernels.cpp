@@ -61,8 +61,8 @@ void GruSpan(D d, size_t begin, size_t end, const GruFrame& frame, size_t n) {
   for (size_t j = begin; j < end; j += hn::Lanes(d)) {
     const auto r = Sigmoid(d, add_bias(frame.gates, 0, j));
     const auto z = Sigmoid(d, add_bias(frame.gates + n, 1, j));
-    const auto from_hidden = hn::Mul(r, add_bias(frame.candidate, 2, j));
-    const auto m = Tanh(d, hn::Add(from_hidden, hn::LoadU(d, frame.gates + 2 * n + j)));
+    const auto from_hidden = hn::Mul(r, add_bias(frame.gates + 2 * n, 2, j));
+    const auto m = Tanh(d, hn::Add(from_hidden, hn::LoadU(d, frame.input_candidate + j)));
     const auto kept = hn::Mul(z, hn::LoadU(d, frame.previous_hidden + j));
     hn::StoreU(hn::Add(hn::Sub(m, hn::Mul(z, m)), kept), d, frame.hidden + j);
   }

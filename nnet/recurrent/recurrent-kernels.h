@@ -31,18 +31,18 @@ struct PeepholeFrame {
 ///   hidden = sigmoid(G_o + p_o cell) tanh(cell).
 void peephole_lstm_cell(const PeepholeFrame& frame, size_t n);
 
-/// The arrays of one frame of a GRU; gate blocks r, z, n. `gates` holds the input part of all
-/// three, with the input bias, and the recurrent part of r and z; `candidate` is the recurrent part
-/// of n. `hidden` is written; it may be `previous_hidden`.
+/// The arrays of one frame of a GRU; gate blocks r, z, n. `gates` holds the input part of r and z, with
+/// the input bias, and the recurrent part of all three; `input_candidate` is the input part of n.
+/// `hidden` is written; it may be `previous_hidden`.
 struct GruFrame {
   const float* gates;
-  const float* candidate;
+  const float* input_candidate;
   const float* recurrent_bias;
   const float* previous_hidden;
   float* hidden;
 };
 
-///   r = sigmoid(G_r + b_r), z = sigmoid(G_z + b_z), m = tanh(G_n + r (candidate + b_n)),
+///   r = sigmoid(G_r + b_r), z = sigmoid(G_z + b_z), m = tanh(input_candidate + r (G_n + b_n)),
 ///   hidden = (m - z m) + z previous.
 void gru_cell(const GruFrame& frame, size_t n);
 

@@ -1,7 +1,6 @@
 #include "nnet/recurrent/recurrent-layer.h"
 
 #include "nnet/base/element-kernels.h"
-#include "nnet/base/products.h"
 
 namespace tarev::nnet::handwriting_CTC {
 
@@ -11,13 +10,14 @@ void GateBuffer::ReserveGates(int64_t frames, int32_t gate_dim, uint64_t& memory
 
 // Shared rows belong to no layer, so no layer counts them.
 float* GateBuffer::Gates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes) {
-  const uint64_t floats = BlockFloats(1, gate_dim, frames);
+  const int64_t rows = std::min(frames, static_cast<int64_t>(kGateFrames));
+  const uint64_t floats = BlockFloats(1, gate_dim, rows);
   if (shared_gates != nullptr) {
     shared_gates->Grow(floats);
     return shared_gates->data();
   }
   gate_buffer.Grow(floats, memory_bytes);
-  frame_capacity = std::max(frame_capacity, frames);
+  frame_capacity = std::max(frame_capacity, rows);
   return gate_buffer.data();
 }
 
@@ -26,11 +26,5 @@ void AllocateState(FloatArray& state, size_t count, uint64_t& memory_bytes) {
 }
 
 void ClearState(FloatArray& state) { zero_vec(state.data(), state.size()); }
-
-void InputGates(const float* in, size_t frames, size_t input_dim, const FloatArray& weights,
-                const FloatArray& bias, size_t gate_dim, float* gates) {
-  matmul_trans_b(in, weights.data(), gates, frames, gate_dim, input_dim, 1.0F, 0.0F);
-  add_vec_to_rows(gates, frames, gate_dim, bias.data(), 1.0F);
-}
 
 }  // namespace tarev::nnet::handwriting_CTC

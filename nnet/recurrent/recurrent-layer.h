@@ -1,9 +1,9 @@
 #ifndef NNET_RECURRENT_RECURRENT_LAYER_H_
 #define NNET_RECURRENT_RECURRENT_LAYER_H_
 
-// The layer classes around a recurrent cell, in one direction and in both. The input product of all
-// frames of a call is one matrix product; per frame there remain the recurrent products and one
-// pass over the gates.
+// The layer classes around a recurrent cell, in one direction and in both. The input product of a
+// block of frames is one matrix product; per frame there remain the recurrent products and one pass
+// over the gates.
 //
 // A cell is the parameters and the state of one direction. It has
 //   kGates      gate blocks, each of `cells` values, in a gate row
@@ -40,8 +40,23 @@ struct OutputRows {
   size_t stride;
 };
 
-/// The gate rows of a call: the layer's own or, once linked, those that all layers of a network
-/// share. They grow and never shrink; contents are not kept from call to call.
+/// The most frames whose gate rows are formed at a time: enough for the input product to make use of
+/// the weights that it reads, and few enough for the rows to stay in the cache until the recurrence
+/// reads them, however long the call is.
+inline constexpr size_t kGateFrames = 128;
+
+/// Calls visit(first, count) for blocks of neighbouring frames of a call, in the order of the
+/// direction.
+template <class Visit>
+void ForEachGateBlock(Direction direction, size_t frames, const Visit& visit) {
+  for (size_t done = 0; done < frames; done += kGateFrames) {
+    const size_t count = std::min(kGateFrames, frames - done);
+    visit(direction == Direction::kForward ? done : frames - done - count, count);
+  }
+}
+
+/// The gate rows of a block of frames: the layer's own or, once linked, those that all layers of a
+/// network share. They grow and never shrink; contents are not kept from block to block.
 struct GateBuffer {
   FloatArray gate_buffer;
   int64_t frame_capacity = 0;
@@ -49,8 +64,8 @@ struct GateBuffer {
 
   /// Makes room for calls of `frames` frames, unless that is more than any block may hold.
   void ReserveGates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
-  /// The rows of a call, frames x gate_dim floats, growing them if need be. Throws when the memory
-  /// cannot be had.
+  /// The rows of the blocks of a call, gate_dim floats each, growing them if need be. Throws when the
+  /// memory cannot be had.
   float* Gates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
 };
 
@@ -58,10 +73,6 @@ struct GateBuffer {
 void AllocateState(FloatArray& state, size_t count, uint64_t& memory_bytes);
 /// Zeroes a state; one that is not allocated yet is skipped.
 void ClearState(FloatArray& state);
-
-/// Gate rows of all frames of a call: in * weights' + bias.
-void InputGates(const float* in, size_t frames, size_t input_dim, const FloatArray& weights,
-                const FloatArray& bias, size_t gate_dim, float* gates);
 
 /// The base of the layers in one direction and in both: the leading field, the stored form and the
 /// sizes.
