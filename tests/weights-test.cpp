@@ -25,7 +25,7 @@ using Form = WeightMatrix::Form;
 struct Shape {
   size_t outputs, inputs;
 };
-constexpr Shape kShapes[] = {{1, 1},   {3, 5},    {8, 4},    {9, 17},   {16, 64}, {24, 0},
+constexpr Shape kShapes[] = {{1, 1},   {3, 5},    {8, 4},    {9, 17},    {16, 64},  {24, 0},
                              {40, 31}, {100, 70}, {130, 65}, {33, 1030}, {72, 4100}};
 
 uint64_t memory = 0;
@@ -114,8 +114,8 @@ TEST(Weights, ProductsHaveTheBitsOfOneChainOfFusedSteps) {
           const Floats out = sample.Times(in, rows, {bias.data(), 0.75F});
           for (size_t i = 0; i < out.size(); ++i) {
             const size_t r = i / shape.outputs, n = i % shape.outputs;
-            const float sum = FusedSum(&in[r * shape.inputs], &sample.values[n * shape.inputs],
-                                       shape.inputs);
+            const float sum =
+                FusedSum(&in[r * shape.inputs], &sample.values[n * shape.inputs], shape.inputs);
             const float scaled = sum * 0.75F;
             if (fused) {
               ASSERT_EQ(BitsOf(out[i]), BitsOf(scaled + bias[n])) << rows << " " << i;
@@ -196,9 +196,10 @@ TEST(Weights, CodeProductsOfUnusualRows) {
 }
 
 TEST(Weights, TakeTheMemoryOfTheirRowsInEights) {
-  for (const auto& [form, outputs, bytes] :
-       {std::tuple{Form::kSingle, 11, 16 * 6 * 4}, {Form::kSingle, 24, 24 * 6 * 4},
-        {Form::kHalf, 9, 16 * 6 * 2}, {Form::kCodes, 11, 16 * 8}}) {
+  for (const auto& [form, outputs, bytes] : {std::tuple{Form::kSingle, 11, 16 * 6 * 4},
+                                             {Form::kSingle, 24, 24 * 6 * 4},
+                                             {Form::kHalf, 9, 16 * 6 * 2},
+                                             {Form::kCodes, 11, 16 * 8}}) {
     WeightMatrix weights;
     uint64_t taken = 0;
     form == Form::kCodes ? weights.AllocateCodes(static_cast<size_t>(outputs), 6, 1, 0, taken)

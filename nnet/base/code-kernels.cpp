@@ -241,8 +241,8 @@ void EndPanel(const CodeRow& row, const CodePanels& weights, const ProductEnd& e
     _mm512_store_pd(carried + 8, totals[1]);
     return;
   }
-  const __m512d offset = _mm512_set1_pd(static_cast<double>(weights.offset) *
-                                        static_cast<double>(row.sum));
+  const __m512d offset =
+      _mm512_set1_pd(static_cast<double>(weights.offset) * static_cast<double>(row.sum));
   const __m512d unit = _mm512_set1_pd(row.unit);
   const auto value = [&](__m512d total) HWY_ATTR {
     return _mm512_cvtpd_ps(_mm512_mul_pd(_mm512_add_pd(total, offset), unit));

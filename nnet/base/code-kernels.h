@@ -43,9 +43,7 @@ struct CodePanels {
   float scale;
   int32_t offset;
 
-  float Weight(uint8_t code) const {
-    return static_cast<float>(int64_t{code} + offset) / scale;
-  }
+  float Weight(uint8_t code) const { return static_cast<float>(int64_t{code} + offset) / scale; }
 };
 
 /// Bytes that the digits of one row of so many inputs take.

@@ -1,5 +1,7 @@
 #include "nnet/base/nnet-util.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -15,13 +17,21 @@ constexpr size_t kAlignment = 64;
 // machine.
 constexpr size_t kMaxFloats = size_t{1} << 30;
 
+// Fresh memory costs more than anything that is done with it once: the system clears it page by page
+// as it is touched. Whole huge pages within a large array are asked for, which takes a fourth of the
+// time; where the system has none to give, nothing changes.
+constexpr size_t kHugePage = size_t{2} << 20;
+
 // Floats of any value, or null when the count is too large or the memory cannot be had. The bytes
 // are rounded up to whole cache lines, which aligned allocation asks for.
 float* NewFloats(size_t rows, size_t cols) {
   if (cols != 0 && rows > kMaxFloats / cols) return nullptr;
   const size_t bytes = rows * cols * sizeof(float);
   const size_t whole = (bytes + kAlignment - 1) / kAlignment * kAlignment;
-  return static_cast<float*>(std::aligned_alloc(kAlignment, whole));
+  const bool huge = whole >= kHugePage;
+  void* memory = std::aligned_alloc(huge ? kHugePage : kAlignment, whole);
+  if (huge && memory != nullptr) madvise(memory, whole / kHugePage * kHugePage, MADV_HUGEPAGE);
+  return static_cast<float*>(memory);
 }
 
 // The same for a kept array, or null for none; throws when the memory cannot be had.
@@ -57,31 +67,58 @@ void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit) {
 // The one place that frees; FloatArray calls it.
 void free_floats(float* p) noexcept { std::free(p); }  // NOLINT(cppcoreguidelines-no-malloc)
 
+thread_local ArrayArena* ArrayArena::open_ = nullptr;
+
+ArrayArena::ArrayArena(size_t expected_bytes) : outer_(std::exchange(open_, this)) {
+  constexpr size_t kLeastBytes = 2 * kHugePage;
+  if (expected_bytes < kLeastBytes) return;
+  const size_t floats = std::min(expected_bytes / sizeof(float), kMaxFloats);
+  block_ = std::shared_ptr<float>(NewFloats(1, floats), free_floats);
+  if (block_ != nullptr) size_ = floats;
+}
+
+ArrayArena::~ArrayArena() { open_ = outer_; }
+
+std::shared_ptr<float> ArrayArena::Take(size_t rows, size_t cols) {
+  constexpr size_t kGrain = kAlignment / sizeof(float);
+  ArrayArena* const arena = open_;
+  if (arena == nullptr || rows > kMaxFloats / cols) return nullptr;
+  const size_t floats = (rows * cols + kGrain - 1) / kGrain * kGrain;
+  if (floats > arena->size_ - arena->used_) return nullptr;
+  float* const data = arena->block_.get() + std::exchange(arena->used_, arena->used_ + floats);
+  return {arena->block_, data};
+}
+
 FloatArray::FloatArray(FloatArray&& other) noexcept
     : data_(std::exchange(other.data_, nullptr)),
       size_(std::exchange(other.size_, 0)),
-      owned_(std::exchange(other.owned_, true)) {}
+      owned_(std::exchange(other.owned_, true)),
+      block_(std::move(other.block_)) {}
 
 // A swap: what this array held is freed with the other one.
 FloatArray& FloatArray::operator=(FloatArray&& other) noexcept {
   std::swap(data_, other.data_);
   std::swap(size_, other.size_);
   std::swap(owned_, other.owned_);
+  std::swap(block_, other.block_);
   return *this;
 }
 
 FloatArray::~FloatArray() { Release(); }
 
 void FloatArray::Release() noexcept {
-  if (owned_) free_floats(data_);
+  if (owned_ && block_ == nullptr) free_floats(data_);
+  block_.reset();
   data_ = nullptr;
   size_ = 0;
   owned_ = true;
 }
 
-void FloatArray::Replace(float* fresh, size_t count, uint64_t& memory_bytes) noexcept {
+void FloatArray::Replace(float* fresh, std::shared_ptr<float> block, size_t count,
+                         uint64_t& memory_bytes) noexcept {
   Release();
   data_ = fresh;
+  block_ = std::move(block);
   size_ = count;
   memory_bytes += count * sizeof(float);
 }
@@ -89,15 +126,26 @@ void FloatArray::Replace(float* fresh, size_t count, uint64_t& memory_bytes) noe
 void FloatArray::Allocate(size_t rows, size_t cols, uint64_t& memory_bytes) {
   float* fresh = nullptr;
   alloc_floats(&fresh, rows, cols);
-  Replace(fresh, rows * cols, memory_bytes);
+  Replace(fresh, nullptr, rows * cols, memory_bytes);
 }
 
 void FloatArray::AllocateUncleared(size_t rows, size_t cols, uint64_t& memory_bytes) {
-  Replace(AllocateFloats(rows, cols), rows * cols, memory_bytes);
+  if (rows == 0 || cols == 0) return Replace(nullptr, nullptr, 0, memory_bytes);
+  std::shared_ptr<float> block = ArrayArena::Take(rows, cols);
+  float* fresh = block != nullptr ? block.get() : AllocateFloats(rows, cols);
+  Replace(fresh, std::move(block), rows * cols, memory_bytes);
 }
 
 void FloatArray::GrowTo(size_t count, uint64_t& memory_bytes) {
-  grow_floats(&data_, count, size_, 1);
+  if (block_ != nullptr) {
+    float* fresh = NewFloats(1, count);
+    if (fresh == nullptr) ThrowError(Here(), "realloc memory failed!");
+    std::memset(std::copy_n(data_, size_, fresh), 0, (count - size_) * sizeof(float));
+    data_ = fresh;
+    block_.reset();
+  } else {
+    grow_floats(&data_, count, size_, 1);
+  }
   memory_bytes += (count - size_) * sizeof(float);
   size_ = count;
 }

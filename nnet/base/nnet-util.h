@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 namespace tarev::nnet::handwriting_CTC {
@@ -20,6 +21,29 @@ void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit);
 
 /// Frees an array made by alloc_floats or grow_floats; null is ignored.
 void free_floats(float* p) noexcept;
+
+/// Memory for the arrays of a model that is being read: while one is open, arrays that the same thread
+/// allocates uncleared lie side by side in one block, which the system can give in few large pages.
+/// The block is freed with the last of its arrays. `expected_bytes` is what the arrays may take at
+/// most; where that is little, or the block cannot be had, every array is allocated by itself.
+class ArrayArena {
+ public:
+  explicit ArrayArena(size_t expected_bytes);
+  ArrayArena(const ArrayArena&) = delete;
+  ArrayArena& operator=(const ArrayArena&) = delete;
+  ~ArrayArena();
+
+ private:
+  friend class FloatArray;
+  /// Room in the arena that is open; null where there is none.
+  static std::shared_ptr<float> Take(size_t rows, size_t cols);
+
+  static thread_local ArrayArena* open_;
+  ArrayArena* outer_;
+  std::shared_ptr<float> block_;
+  size_t size_ = 0;
+  size_t used_ = 0;
+};
 
 /// An owned float array that knows its size, or a view of mapped parameters that is never freed and
 /// never written. Grow never shrinks it, so that a buffer which has had the size of the largest
@@ -65,13 +89,16 @@ class FloatArray {
   std::span<const float> values() const noexcept { return {data_, size_}; }
 
  private:
-  void Replace(float* fresh, size_t count, uint64_t& memory_bytes) noexcept;
+  void Replace(float* fresh, std::shared_ptr<float> block, size_t count,
+               uint64_t& memory_bytes) noexcept;
   void GrowTo(size_t count, uint64_t& memory_bytes);
   void Release() noexcept;
 
   float* data_ = nullptr;
   size_t size_ = 0;
   bool owned_ = true;
+  /// The block of an arena that holds the array; null where the array is an allocation of its own.
+  std::shared_ptr<float> block_;
 };
 
 }  // namespace tarev::nnet::handwriting_CTC

@@ -143,9 +143,8 @@ void Tile(const TilePlace<T>& place) {
 #pragma GCC unroll 4
   for (size_t v = 0; v < kVectors; ++v) {
     const bool part_here = part && v + 1 == kVectors;
-    const V addend = bias != nullptr
-                         ? LoadLanes(d, bias + v * kLanes, part_here, at.last_lanes)
-                         : hn::Zero(d);
+    const V addend =
+        bias != nullptr ? LoadLanes(d, bias + v * kLanes, part_here, at.last_lanes) : hn::Zero(d);
 #pragma GCC unroll 6
     for (size_t r = 0; r < kRows; ++r) {
       V y = sums[r][v];
@@ -208,16 +207,16 @@ void BlockOfRows(StridedRows<const float> in, size_t rows, const Panels<T>& weig
   for (size_t k = 0; k == 0 || k < weights.inputs; k += kBlockInputs) {
     const size_t inputs = std::min(kBlockInputs, weights.inputs - k);
     const auto place = [&](size_t n, size_t width) {
-      return TilePlace<T>{{in.data + k, in.stride},
-                          weights.data + n / kPanelOutputs * panel_step + k * width +
-                              n % kPanelOutputs,
-                          panel_step,
-                          inputs,
-                          {end.bias != nullptr ? end.bias + n : nullptr, end.scale},
-                          {out.data + n, out.stride},
-                          k != 0,
-                          k + inputs == weights.inputs,
-                          0};
+      return TilePlace<T>{
+          {in.data + k, in.stride},
+          weights.data + n / kPanelOutputs * panel_step + k * width + n % kPanelOutputs,
+          panel_step,
+          inputs,
+          {end.bias != nullptr ? end.bias + n : nullptr, end.scale},
+          {out.data + n, out.stride},
+          k != 0,
+          k + inputs == weights.inputs,
+          0};
     };
     for (size_t n = 0; n < wide; n += kTileOutputs) {
       TileRows<TileTag, kPanelOutputs>(place(n, kPanelOutputs), rows,
@@ -360,11 +359,10 @@ void Fill(StridedRows<const T> units, size_t rows, size_t count, size_t first, T
     }
   }
 #endif
-  for (size_t r = 0; r < rows; ++r) {
-    const T* row = units.From(r).data;
-    for (size_t k = r < whole_rows ? whole : 0; k < count; ++k) {
-      panel[k * width + first + r] = row[k];
-    }
+  for (size_t k = 0; k < count; ++k) {
+    T* const to = panel + k * width + first;
+    const T* from = units.data + k;
+    for (size_t r = k < whole ? whole_rows : 0; r < rows; ++r) to[r] = from[r * units.stride];
   }
 }
 

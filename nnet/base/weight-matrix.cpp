@@ -74,9 +74,8 @@ CodePanels WeightMatrix::Codes() const {
 // The outputs that are missing in the last panel are zeros: that panel is cleared before rows are put.
 void WeightMatrix::Allocate(Form form, size_t outputs, size_t inputs, uint64_t& memory_bytes) {
   const bool codes = form == Form::kCodes;
-  const size_t padded =
-      codes ? CodePanelsFor(outputs) * kPanelOutputs : PaddedOutputs(outputs);
-  const size_t output_bytes = codes                  ? UnitsFor(inputs) * kUnitCodes
+  const size_t padded = codes ? CodePanelsFor(outputs) * kPanelOutputs : PaddedOutputs(outputs);
+  const size_t output_bytes = codes                 ? UnitsFor(inputs) * kUnitCodes
                               : form == Form::kHalf ? inputs * sizeof(uint16_t)
                                                     : inputs * sizeof(float);
   const size_t group_floats = kNarrowOutputs * output_bytes / sizeof(float);

@@ -140,14 +140,7 @@ bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, Fixed
     same = same && coding.Encode(values[i]) == codes[i];
   }
   if (!same) block.codes = std::move(codes);
-  if (parameter.weights != nullptr) {
-    parameter.weights->Allocate(WeightMatrix::Form::kSingle, parameter.rows, parameter.cols,
-                                memory_bytes);
-    parameter.weights->Put(0, parameter.rows, values.data());
-  } else {
-    parameter.array->AllocateUncleared(parameter.rows, parameter.cols, memory_bytes);
-    std::ranges::copy(values, parameter.array->data());
-  }
+  KeepValues(parameter, values, memory_bytes);
   return true;
 }
 

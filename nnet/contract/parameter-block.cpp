@@ -93,6 +93,13 @@ bool WriteFields(FILE* fp, const FieldList& fields) {
 
 // ---- Arrays ------------------------------------------------------------------------------------
 
+// Room for an array that is held in an order of its own; the values in the file are what counts.
+void AllocateOrdered(const ParameterRef& parameter, uint64_t& memory_bytes) {
+  uint64_t not_counted = 0;
+  parameter.array->AllocateUncleared(1, parameter.order->HeldFloats(), not_counted);
+  memory_bytes += parameter.count() * sizeof(float);
+}
+
 // Reads the arrays of one layer in its own stored form: 8-bit blocks when `codes` is set, otherwise
 // 32-bit or 16-bit floats. Each array is checked against the rest of the file, allocated, filled
 // and brought into the order in which the layer holds it.
@@ -133,20 +140,29 @@ struct ArrayReader {
                                        Counter(parameter, not_counted));
     return parameter.array->data();
   }
-  WeightMatrix& Allocate(const ParameterRef& parameter, WeightMatrix::Form held) const {
-    uint64_t not_counted = 0;
-    parameter.weights->Allocate(held, parameter.rows, parameter.cols,
-                                Counter(parameter, not_counted));
-    return *parameter.weights;
-  }
 
   // A matrix is held in the precision of the file.
   template <class T>
   bool ReadMatrix(FILE* fp, const ParameterRef& parameter, WeightMatrix::Form held) const {
-    WeightMatrix& weights = Allocate(parameter, held);
+    uint64_t not_counted = 0;
+    parameter.weights->Allocate(held, parameter.rows, parameter.cols,
+                                Counter(parameter, not_counted));
     return ReadRows<T>(fp, parameter, [&](size_t first, size_t rows, const T* values) {
-      weights.Put(first, rows, values);
+      parameter.weights->Put(first, rows, values);
     });
+  }
+
+  // In single precision. The rows lie in a buffer of some of them at a time.
+  bool ReadOrdered(FILE* fp, const ParameterRef& parameter) const {
+    uint64_t not_counted = 0;
+    std::vector<float> rows;
+    AllocateOrdered(parameter, Counter(parameter, not_counted));
+    return parameter.order->Hold(
+        [&](size_t count) -> const float* {
+          rows.resize(count * parameter.cols);
+          return ReadArray(fp, std::span<float>(rows)) ? rows.data() : nullptr;
+        },
+        parameter.array->data());
   }
 
   bool ReadHalves(FILE* fp, const ParameterRef& parameter) const {
@@ -168,15 +184,14 @@ struct ArrayReader {
       return half ? ReadMatrix<uint16_t>(fp, parameter, WeightMatrix::Form::kHalf)
                   : ReadMatrix<float>(fp, parameter, WeightMatrix::Form::kSingle);
     }
+    if (parameter.order != nullptr) return ReadOrdered(fp, parameter);
     if (half) return ReadHalves(fp, parameter);
     return ReadArray(fp, std::span<float>(Allocate(parameter), parameter.count()));
   }
 
   bool Read(FILE* fp, const ParameterRef& parameter, size_t index) const {
     if (!Holds(fp, parameter)) return false;
-    if (!ReadValues(fp, parameter, index)) return why.Because("%s: cut short", parameter.name);
-    Arrange(parameter);
-    return true;
+    return ReadValues(fp, parameter, index) || why.Because("%s: cut short", parameter.name);
   }
 
   // Text holds decimal values whatever the stored form. They are kept as they are; a fixed-point
@@ -193,17 +208,9 @@ struct ArrayReader {
       values = ReadTextValues(fp, static_cast<int>(parameter.rows),
                               static_cast<int>(parameter.cols), form.opening);
     }
-    if (parameter.weights != nullptr) {
-      Allocate(parameter, WeightMatrix::Form::kSingle).Put(0, parameter.rows, values.data());
-    } else {
-      std::ranges::copy(values, Allocate(parameter));
-    }
+    uint64_t not_counted = 0;
+    KeepValues(parameter, values, Counter(parameter, not_counted));
     if (codes != nullptr) (*codes)[index].scale = SymmetricScale(values.data(), values.size());
-    Arrange(parameter);
-  }
-
-  static void Arrange(const ParameterRef& parameter) {
-    if (parameter.order != nullptr) *parameter.array = parameter.order->Held(*parameter.array);
   }
 };
 
@@ -316,6 +323,24 @@ bool WriteWhole(FILE* fp, const Component& layer, bool fixed) {
 }
 
 }  // namespace
+
+void KeepValues(const ParameterRef& parameter, const std::vector<float>& values,
+                uint64_t& memory_bytes) {
+  if (parameter.weights != nullptr) {
+    parameter.weights->Allocate(WeightMatrix::Form::kSingle, parameter.rows, parameter.cols,
+                                memory_bytes);
+    parameter.weights->Put(0, parameter.rows, values.data());
+  } else if (parameter.order != nullptr) {
+    AllocateOrdered(parameter, memory_bytes);
+    const float* next = values.data();
+    parameter.order->Hold(
+        [&](size_t rows) { return std::exchange(next, next + rows * parameter.cols); },
+        parameter.array->data());
+  } else {
+    parameter.array->AllocateUncleared(parameter.rows, parameter.cols, memory_bytes);
+    std::ranges::copy(values, parameter.array->data());
+  }
+}
 
 std::vector<float> StoredValues(const ParameterRef& parameter) {
   if (parameter.order != nullptr) return parameter.order->Stored(*parameter.array);

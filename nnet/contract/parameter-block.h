@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <variant>
@@ -65,9 +66,11 @@ inline Field IgnoredField(const char* name) {
   return {name, static_cast<int32_t*>(nullptr), FieldUse::kTextOnly};
 }
 
-/// The order in which an array is held in memory, where it is not that of the file: Held turns what
-/// was read into what the layer computes with, Stored turns it back for a write. Stored(Held(x))
-/// must give x.
+/// The next rows of an array in the order of the file; null when it is cut short.
+using NextRows = std::function<const float*(size_t rows)>;
+
+/// The order in which an array is held in memory, where it is not that of the file: Hold turns what is
+/// read into what the layer computes with, Stored turns it back for a write.
 class ArrayOrder {
  public:
   ArrayOrder() = default;
@@ -75,7 +78,10 @@ class ArrayOrder {
   ArrayOrder& operator=(const ArrayOrder&) = default;
   virtual ~ArrayOrder() = default;
 
-  virtual FloatArray Held(const FloatArray& stored) const = 0;
+  /// Floats that are held, and their values from all rows of the array, which are asked for in turn.
+  /// False when the file is cut short.
+  virtual size_t HeldFloats() const = 0;
+  virtual bool Hold(const NextRows& next, float* held) const = 0;
   virtual std::vector<float> Stored(const FloatArray& held) const = 0;
 };
 
@@ -149,6 +155,10 @@ inline ParameterRef Uncounted(ParameterRef parameter) {
   parameter.counted = false;
   return parameter;
 }
+/// Allocates an array or a matrix of floats, counted in memory_bytes, and gives it the values, which are
+/// in the order of the file.
+void KeepValues(const ParameterRef& parameter, const std::vector<float>& values,
+                uint64_t& memory_bytes);
 /// The values of an array in the order of the file, decoded where it is held as codes.
 std::vector<float> StoredValues(const ParameterRef& parameter);
 /// The arrays of both lists, those of `first` before the others.

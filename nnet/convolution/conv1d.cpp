@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "nnet/base/element-kernels.h"
+#include "nnet/base/panel-kernels.h"
 #include "utils/messages.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -121,7 +122,7 @@ bool ConvolutionParameters::ValidateShape(const Component& layer, Refusal& why) 
 //
 // Visits the index in compute order and the index in the file of every weight.
 template <class Visit>
-void ConvolutionParameters::ForEachWeight(Visit visit) const {
+void ConvolutionParameters::ForEachWeight(const Visit& visit) const {
   const size_t k = ToSize(kernel_size);
   const size_t in = ToSize(in_per_group);
   if (k == 0 || in == 0 || shape_.Weights() == 0) return;
@@ -131,7 +132,7 @@ void ConvolutionParameters::ForEachWeight(Visit visit) const {
         row_order_ == RowOrder::kByOutput ? (group * out + p) * in + c : (group * in + c) * out + p;
     return row * k + tap;
   };
-  const bool taps_first = term_order_ == TermOrder::kTapsFirst;
+  const bool taps_first = TapsFirst();
   size_t computed = 0;
   for (size_t g = 0; g < shape_.groups; ++g) {
     for (size_t next = 0; next < shape_.out_per_group;) {
@@ -149,11 +150,88 @@ void ConvolutionParameters::ForEachWeight(Visit visit) const {
   }
 }
 
-FloatArray ConvolutionParameters::Held(const FloatArray& stored) const {
-  FloatArray held;
-  held.Grow(shape_.Weights());
-  ForEachWeight([&](size_t computed, size_t read) { held[computed] = stored[read]; });
-  return held;
+// In the file's order of rows the weights of a block come together when rows go by output channel: they
+// are turned block by block. When rows go by input channel, those of one belong to every block.
+bool ConvolutionParameters::Hold(const NextRows& next, float* held) const {
+  if (shape_.Weights() == 0) return true;
+  const size_t tail = shape_.out_per_group % kWideBlock;
+  if (tail != 0) zero_vec(held, shape_.Weights());  // lanes without a channel
+  for (size_t g = 0; g < shape_.groups; ++g, held += shape_.GroupWeights()) {
+    if (!(row_order_ == RowOrder::kByOutput || shape_.depthwise ? HoldByOutput(next, held)
+                                                                : HoldByInput(next, held))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Input channels are asked for in pieces of about so many weights.
+constexpr size_t kPieceFloats = size_t{1} << 15;
+
+// One group. The last block may overlap the one before it: their rows are asked for together.
+bool ConvolutionParameters::HoldByOutput(const NextRows& next, float* held) const {
+  const size_t out = shape_.out_per_group;
+  const size_t k = ToSize(kernel_size);
+  const size_t in = shape_.depthwise ? 1 : ToSize(in_per_group);
+  std::vector<float> turned(TapsFirst() ? shape_.terms * kWideBlock : 0);
+  for (size_t first = 0; first < out;) {
+    const size_t left = out - first;
+    const size_t channels = left < 2 * kWideBlock ? left : kWideBlock;
+    const float* stored = next(channels * in);
+    if (stored == nullptr) return false;
+    for (size_t p = first; p < first + channels;) {
+      const ChannelBlock block = BlockFrom(p, out);
+      const float* rows = stored + (block.offset - first) * in * k;
+      if (TapsFirst()) {
+        Turn(rows, in * k, in * k, block, block.width, turned.data());
+        for (size_t tap = 0; tap < k; ++tap) {
+          const float* row = turned.data() + tap * block.width;
+          for (size_t c = 0; c < in; ++c, row += k * block.width, held += block.width) {
+            std::copy_n(row, kNarrowBlock, held);
+            if (block.width == kWideBlock) {
+              std::copy_n(row + kNarrowBlock, kNarrowBlock, held + kNarrowBlock);
+            }
+          }
+        }
+      } else {
+        Turn(rows, in * k, in * k, block, block.width, held);
+        held += shape_.terms * block.width;
+      }
+      p = block.offset + block.width;
+    }
+    first += channels;
+  }
+  return true;
+}
+
+bool ConvolutionParameters::HoldByInput(const NextRows& next, float* held) const {
+  const size_t out = shape_.out_per_group;
+  const size_t k = ToSize(kernel_size);
+  const size_t in = ToSize(in_per_group);
+  const size_t inputs_at_a_time = kPieceFloats / std::min(kPieceFloats, out * k);
+  const float* stored = nullptr;
+  for (size_t c = 0; c < in; ++c, stored += out * k) {
+    if (c % inputs_at_a_time == 0) stored = next(out * std::min(inputs_at_a_time, in - c));
+    if (stored == nullptr) return false;
+    float* to = held;
+    for (size_t p = 0; p < out;) {
+      const ChannelBlock block = BlockFrom(p, out);
+      const size_t first_term = TapsFirst() ? c : c * k;
+      Turn(stored + block.offset * k, k, k, block, (TapsFirst() ? in : 1) * block.width,
+           to + first_term * block.width);
+      to += shape_.terms * block.width;
+      p = block.offset + block.width;
+    }
+  }
+  return true;
+}
+
+// Turns rows of `count` weights, one for each channel of a block, so that those for one term lie side
+// by side and terms `step` floats apart.
+void ConvolutionParameters::Turn(const float* rows, size_t stride, size_t count,
+                                 const ChannelBlock& block, size_t step, float* to) {
+  fill_panel({reinterpret_cast<const uint32_t*>(rows), stride}, block.channels, count, 0,
+             reinterpret_cast<uint32_t*>(to), step);
 }
 
 std::vector<float> ConvolutionParameters::Stored(const FloatArray& held) const {

@@ -88,11 +88,17 @@ struct ConvolutionParameters : WindowParameters, ArrayOrder {
   void Run(ConvolutionRun run, const Taps& taps) const;
 
  private:
-  /// Pairs the index in compute order and the index in the file of every weight, for both
-  /// directions of the ArrayOrder below.
+  /// Pairs the index in compute order and the index in the file of every weight.
   template <class Visit>
-  void ForEachWeight(Visit visit) const;
-  FloatArray Held(const FloatArray& stored) const override;
+  void ForEachWeight(const Visit& visit) const;
+  size_t HeldFloats() const override { return shape_.Weights(); }
+  bool Hold(const NextRows& next, float* held) const override;
+  bool HoldByOutput(const NextRows& next, float* held) const;
+  bool HoldByInput(const NextRows& next, float* held) const;
+  static void Turn(const float* rows, size_t stride, size_t count, const ChannelBlock& block,
+                   size_t step, float* to);
+  /// Whether the outer loop of the sums over several input channels is that over the taps.
+  bool TapsFirst() const { return term_order_ == TermOrder::kTapsFirst && in_per_group > 1; }
   std::vector<float> Stored(const FloatArray& held) const override;
 
   RowOrder row_order_;

@@ -39,6 +39,7 @@ bool ReadNnet(Nnet& nnet, FILE* fp) {
     LogWarning(Here(), "fread failed!");
     return false;
   }
+  const ArrayArena arena(RemainingBytes(fp));
   nnet.layers.reserve(std::min<size_t>(count, RemainingBytes(fp) / kMinComponentBytes));
   while (nnet.layers.size() < count) nnet.layers.emplace_back(Component::Read(fp));
   if (nnet.layers.size() == count) return true;
