@@ -57,6 +57,22 @@ void BM_PlainFrames(benchmark::State& state) {
   }
 }
 
+// A whole input of so many frames, a short one over and over.
+void BM_DecoderInput(benchmark::State& state) {
+  constexpr int kClasses = 11;
+  const auto count = static_cast<int>(state.range(0));
+  const std::vector<float> frames = RandomFrames(kClasses);
+  _beam_search_t decoder(10, 10, kClasses, nullptr);
+  std::vector<int> output(std::size_t{10} * static_cast<std::size_t>(count));
+  std::vector<int> lengths(10);
+  for (auto _ : state) {
+    decoder.process_first_frame(frames.data());
+    for (int t = 1; t < count; ++t) decoder.process_one_frame(&frames[t % kFrames * kClasses]);
+    benchmark::DoNotOptimize(decoder.get_CTC_result(output.data(), lengths.data()));
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * count);
+}
+
 void BM_DecoderResult(benchmark::State& state) {
   const int classes = static_cast<int>(state.range(0));
   const int beam = static_cast<int>(state.range(1));
@@ -79,5 +95,6 @@ void Shapes(benchmark::internal::Benchmark* bench) {
 BENCHMARK(BM_DecoderFrames)->Apply(Shapes);
 BENCHMARK(BM_PlainFrames)->Apply(Shapes);
 BENCHMARK(BM_DecoderResult)->Apply(Shapes);
+BENCHMARK(BM_DecoderInput)->Arg(100)->Arg(1000)->Arg(10000)->Arg(100000);
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "ctc/beam-search.h"
@@ -30,6 +31,28 @@ inline void PlainTopN(const float* scores, int n, std::vector<_index_score_node>
   }
 }
 
+/// A label of a path, on the heap by itself.
+struct PlainNode {
+  PlainNode(int node_label, std::shared_ptr<PlainNode> node_parent)
+      : label(node_label), parent(std::move(node_parent)) {}
+  PlainNode(const PlainNode&) = delete;
+  PlainNode& operator=(const PlainNode&) = delete;
+  ~PlainNode() {
+    while (parent != nullptr && parent.use_count() == 1) parent = std::move(parent->parent);
+  }
+
+  int label;
+  std::shared_ptr<PlainNode> parent;
+};
+
+struct PlainEntry {
+  std::shared_ptr<PlainNode> hist;
+  int index = -1;
+  float score = 0.0F;
+
+  static bool Better(const PlainEntry& a, const PlainEntry& b) { return a.score > b.score; }
+};
+
 /// A search with a node of its own on the heap for every candidate that enters the beam.
 class PlainSearch {
  public:
@@ -47,7 +70,7 @@ class PlainSearch {
       std::nth_element(labels_.begin(), labels_.begin() + kept, labels_.end(), index_score_greater);
     }
     for (std::size_t i = 0; i < beam.size(); ++i) {
-      beam[i] = {std::make_shared<_hist_t>(labels_[i].index, nullptr), -1, labels_[i].score};
+      beam[i] = {std::make_shared<PlainNode>(labels_[i].index, nullptr), -1, labels_[i].score};
     }
   }
 
@@ -57,9 +80,9 @@ class PlainSearch {
       for (const auto& label : labels_) {
         const float score = entry.score + label.score;
         if (!(score > collected.front().score)) continue;
-        std::pop_heap(collected.begin(), collected.end(), list_score_greater);
-        collected.back() = {std::make_shared<_hist_t>(label.index, entry.hist), -1, score};
-        std::push_heap(collected.begin(), collected.end(), list_score_greater);
+        std::pop_heap(collected.begin(), collected.end(), PlainEntry::Better);
+        collected.back() = {std::make_shared<PlainNode>(label.index, entry.hist), -1, score};
+        std::push_heap(collected.begin(), collected.end(), PlainEntry::Better);
       }
     }
     beam.swap(collected);
@@ -85,7 +108,7 @@ class PlainSearch {
 
  private:
   /// The labels of a path without repetitions and blanks.
-  static std::vector<int> Collapsed(const _list_score_node& entry) {
+  static std::vector<int> Collapsed(const PlainEntry& entry) {
     std::deque<int> path;
     for (auto node = entry.hist; node != nullptr; node = node->parent) path.push_front(node->label);
     std::vector<int> sequence;
@@ -99,8 +122,8 @@ class PlainSearch {
   std::vector<_index_score_node> labels_;
 
  public:
-  std::vector<_list_score_node> beam;
-  std::vector<_list_score_node> collected;
+  std::vector<PlainEntry> beam;
+  std::vector<PlainEntry> collected;
 };
 
 }  // namespace handwriting_CTC

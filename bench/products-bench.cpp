@@ -81,8 +81,7 @@ void BM_Affine(benchmark::State& state) {
 
 void BM_AffineFixed(benchmark::State& state) {
   const auto in = static_cast<int>(state.range(0));
-  RunLayer(state, FixedTwin(AffineLayer(in, static_cast<int>(state.range(1)))), in,
-           state.range(2));
+  RunLayer(state, FixedTwin(AffineLayer(in, static_cast<int>(state.range(1)))), in, state.range(2));
 }
 
 void BM_AffinePlain(benchmark::State& state) {
@@ -262,11 +261,12 @@ void RecurrentSizes(benchmark::internal::Benchmark* bench) {
   bench->Args({512, 16});
 }
 
-#define RECURRENT_BENCH(name, layer, cell, frame, directions)                               \
-  BENCHMARK(RunRecurrent<layer>)->Name("BM_" name)->Apply(RecurrentSizes);                  \
-  BENCHMARK(RunRecurrentFixed<layer>)->Name("BM_" name "Fixed")->Apply(RecurrentSizes);     \
-  BENCHMARK((RunRecurrentPlain<cell, frame, directions>))->Name("BM_" name "Plain")->Apply( \
-      RecurrentSizes)
+#define RECURRENT_BENCH(name, layer, cell, frame, directions)                           \
+  BENCHMARK(RunRecurrent<layer>)->Name("BM_" name)->Apply(RecurrentSizes);              \
+  BENCHMARK(RunRecurrentFixed<layer>)->Name("BM_" name "Fixed")->Apply(RecurrentSizes); \
+  BENCHMARK((RunRecurrentPlain<cell, frame, directions>))                               \
+      ->Name("BM_" name "Plain")                                                        \
+      ->Apply(RecurrentSizes)
 
 RECURRENT_BENCH("Lstm", LstmLayer, Cell::kLstm, PlainLstmFrame, 1);
 RECURRENT_BENCH("Blstm", BlstmLayer, Cell::kLstm, PlainLstmFrame, 2);

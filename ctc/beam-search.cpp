@@ -24,8 +24,9 @@ _beam_search_t::_beam_search_t(int beam_size, int topn_size, int classes, std::F
 
 void _beam_search_t::process_first_frame(const float* frame) {
   // A path of the input before could outlast this one in an entry that no candidate replaces, and
-  // be longer than this input.
+  // be longer than this input. Without any path alive the pool starts anew.
   for (_list_score_node& entry : topn_result) entry.hist.reset();
+  for (_list_score_node& entry : beam_list) entry.hist.reset();
   get_topn(frame, label_dim, topn_index);
   search_first_frame();
 }

@@ -1,6 +1,7 @@
 #ifndef CTC_BEAM_SEARCH_H_
 #define CTC_BEAM_SEARCH_H_
 
+#include <cstddef>
 #include <cstdio>
 #include <vector>
 
@@ -85,6 +86,15 @@ class _beam_search_t {
   std::vector<_index_score_node> candidates_;  // heap; index is a place in `origins_`
   std::vector<_origin_t> origins_;
   std::vector<_list_score_node> next_result_;
+
+  // Working memory of get_CTC_result, kept from call to call: the sequence of each beam entry, the
+  // entries sorted by sequence, and what they merge to.
+  struct _result_scratch_t {
+    std::vector<std::vector<int>> sequences;
+    std::vector<std::size_t> order;
+    std::vector<_result_score_node> results;
+  };
+  mutable _result_scratch_t scratch_;
 };
 
 }  // namespace handwriting_CTC

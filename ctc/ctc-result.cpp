@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <compare>
 #include <cstddef>
-#include <map>
 #include <vector>
 
 #include "ctc/beam-search.h"
@@ -18,6 +18,7 @@ void collapse_path(const _hist_t* newest, std::vector<int>& sequence) {
   sequence.clear();
   int last = -1;
   for (const _hist_t* node = newest; node != nullptr; node = node->parent.get()) {
+    prefetch_ancestors(node);
     if (node->label != last && node->label != 0) sequence.push_back(node->label);
     last = node->label;
   }
@@ -52,18 +53,30 @@ float log_add(float v, float s) {
   return static_cast<float>(sum + static_cast<double>(larger));
 }
 
+// Paths are collapsed first. Sorted by their sequences, and within one sequence in the order of the
+// beam, equal ones lie side by side and are merged in that order.
 int _beam_search_t::get_CTC_result(int* output, int* len) const {
-  std::map<std::vector<int>, float> merged;
-  std::vector<int> sequence;
-  for (const _list_score_node& entry : beam_list) {
-    collapse_path(entry.hist.get(), sequence);
-    const auto [place, inserted] = merged.try_emplace(sequence, entry.score);
-    if (!inserted) place->second = log_add(place->second, entry.score);
+  auto& [sequences, order, results] = scratch_;
+  sequences.resize(beam_list.size());
+  order.resize(beam_list.size());
+  results.clear();
+  results.reserve(beam_list.size());
+  for (std::size_t i = 0; i < beam_list.size(); ++i) {
+    collapse_path(beam_list[i].hist.get(), sequences[i]);
+    order[i] = i;
   }
-
-  std::vector<_result_score_node> results;
-  results.reserve(merged.size());
-  for (const auto& [labels, score] : merged) results.push_back({&labels, score});
+  std::sort(order.begin(), order.end(), [&sequences](std::size_t a, std::size_t b) {
+    const auto compared = sequences[a] <=> sequences[b];
+    return compared < 0 || (compared == 0 && a < b);
+  });
+  for (const std::size_t i : order) {
+    const float score = beam_list[i].score;
+    if (!results.empty() && *results.back().seq == sequences[i]) {
+      results.back().score = log_add(results.back().score, score);
+    } else {
+      results.push_back({&sequences[i], score});
+    }
+  }
   sort_results(results);
 
   for (const _result_score_node& result : results) {

@@ -9,10 +9,13 @@
 
 namespace handwriting_CTC {
 
-// Memory of path nodes, each with its reference count in the same cell. A released cell is reused
-// by a later allocation; memory returns to the heap only when the pool is destroyed, so the pool
-// holds what the longest input so far needed. Every survivor of every frame gets a node, and taking
-// or returning a cell is a few instructions. For one thread at a time.
+// Memory of path nodes. A released node is reused by a later one; memory returns to the heap only when
+// the pool is destroyed, so the pool holds what the longest input so far needed. Every survivor of
+// every frame gets a node, and taking or returning one is a few instructions. For one thread at a time.
+//
+// Nodes that are not reused are handed out in the order of their addresses, and once no node is alive
+// the pool begins with the first address again: the path that an input ends with lies in memory about
+// as it will be walked.
 class _path_pool_t {
  public:
   _path_pool_t() = default;
@@ -20,65 +23,59 @@ class _path_pool_t {
   _path_pool_t& operator=(const _path_pool_t&) = delete;
 
   // A node with its own share of `parent`. The pool must outlive it. Throws std::bad_alloc.
-  std::shared_ptr<_hist_t> make_node(int label, const std::shared_ptr<_hist_t>& parent) {
-    return std::allocate_shared<_hist_t>(_allocator_t<_hist_t>{this}, label, parent);
+  _hist_ptr_t make_node(int label, const _hist_ptr_t& parent) {
+    void* const cell = free_ != nullptr ? take_free() : take_fresh();
+    ++live_;
+    return _hist_ptr_t(new (cell) _hist_t(label, parent));
   }
 
  private:
-  // The node, the two counts and the library's pointers to its own functions and to the pool.
-  static constexpr std::size_t kCellBytes = sizeof(_hist_t) + 4 * sizeof(void*);
-  // Blocks double from the first size to the last, so that short inputs need little memory and long
-  // ones few blocks.
-  static constexpr std::size_t kFirstBlockCells = 128;
-  static constexpr std::size_t kMaxBlockCells = 8192;
+  friend class _hist_ptr_t;
 
-  union _cell_t {
-    _cell_t* next_free;
-    alignas(_hist_t) std::byte bytes[kCellBytes];
+  struct _free_cell_t {
+    _free_cell_t* next;
   };
+  static_assert(sizeof(_hist_t) == 16 && sizeof(_free_cell_t) <= sizeof(_hist_t));
 
-  // What std::allocate_shared asks of an allocator, for one cell at a time.
-  template <typename T>
-  struct _allocator_t {
-    using value_type = T;
-
-    explicit _allocator_t(_path_pool_t* cell_pool) noexcept : pool(cell_pool) {}
-    template <typename U>
-    explicit _allocator_t(const _allocator_t<U>& other) noexcept : pool(other.pool) {}
-
-    T* allocate(std::size_t) {
-      static_assert(sizeof(T) <= sizeof(_cell_t) && alignof(T) <= alignof(_cell_t));
-      return static_cast<T*>(pool->take_cell());
-    }
-    void deallocate(T* cell, std::size_t) noexcept { pool->return_cell(cell); }
-    template <typename U>
-    bool operator==(const _allocator_t<U>& other) const noexcept {
-      return pool == other.pool;
-    }
-
+  // A block lies at a multiple of its size, so that a node finds its pool: the pointer at the start of
+  // the block around it.
+  static constexpr std::size_t kBlockBytes = std::size_t{16} << 10;
+  struct _block_t {
     _path_pool_t* pool;
+    alignas(sizeof(_hist_t)) std::byte cells[kBlockBytes - sizeof(_hist_t)];
+  };
+  static_assert(sizeof(_block_t) == kBlockBytes);
+  struct _delete_block_t {
+    void operator()(_block_t* block) const noexcept {
+      ::operator delete (block, std::align_val_t{kBlockBytes});
+    }
   };
 
-  // The free cells form a list through their own memory.
-  void* take_cell() {
-    if (free_ == nullptr) grow();
-    _cell_t* const cell = free_;
-    free_ = cell->next_free;
+  void* take_free() noexcept {
+    _free_cell_t* const cell = free_;
+    free_ = cell->next;
     return cell;
   }
-
-  void return_cell(void* memory) noexcept {
-    auto* const cell = static_cast<_cell_t*>(memory);
-    cell->next_free = free_;
-    free_ = cell;
+  void* take_fresh() {
+    if (fresh_ == fresh_end_) next_block();
+    void* const cell = fresh_;
+    fresh_ += sizeof(_hist_t);
+    return cell;
   }
+  // Goes on to the next block, which is allocated if it is not there. Throws std::bad_alloc and leaves
+  // the pool as it was.
+  void next_block();
+  void begin_block(std::size_t index) noexcept;
 
-  // Allocates the next block. Throws std::bad_alloc and leaves the pool as it was.
-  void grow();
+  // Destroys a node without holders, and the ancestors that it was the last holder of.
+  static void release(_hist_t* node) noexcept;
 
-  std::vector<std::unique_ptr<_cell_t[]>> blocks_;
-  std::size_t block_cells_ = kFirstBlockCells;  // of the next block
-  _cell_t* free_ = nullptr;
+  std::vector<std::unique_ptr<_block_t, _delete_block_t>> blocks_;
+  std::size_t next_ = 0;  // the block after the one that fresh cells come from
+  std::byte* fresh_ = nullptr;
+  std::byte* fresh_end_ = nullptr;
+  _free_cell_t* free_ = nullptr;  // cells to be reused, linked through their own memory
+  std::size_t live_ = 0;          // nodes
 };
 
 }  // namespace handwriting_CTC

@@ -1,7 +1,8 @@
 #ifndef CTC_SCORE_RECORDS_H_
 #define CTC_SCORE_RECORDS_H_
 
-#include <memory>
+#include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -16,6 +17,37 @@ struct _index_score_node {
   float score;  // the frame's score of that class
 };
 
+struct _hist_t;
+
+// A shared pointer to a path node, which counts its holders itself: half the size of the standard one,
+// and without the cost of counting for several threads.
+class _hist_ptr_t {
+ public:
+  _hist_ptr_t() noexcept = default;
+  _hist_ptr_t(std::nullptr_t) noexcept {}
+  _hist_ptr_t(const _hist_ptr_t& other) noexcept;
+  _hist_ptr_t(_hist_ptr_t&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
+  _hist_ptr_t& operator=(_hist_ptr_t other) noexcept {
+    std::swap(node_, other.node_);
+    return *this;
+  }
+  ~_hist_ptr_t() { reset(); }
+
+  void reset() noexcept;
+  const _hist_t* get() const noexcept { return node_; }
+  const _hist_t* operator->() const noexcept { return node_; }
+  explicit operator bool() const noexcept { return node_ != nullptr; }
+
+ private:
+  friend class _path_pool_t;
+  // Becomes the first holder of a new node.
+  explicit _hist_ptr_t(_hist_t* node) noexcept : node_(node) {}
+  // Destroys the node, which has no other holder.
+  void release_node() noexcept;
+
+  _hist_t* node_ = nullptr;
+};
+
 // One node of a frame-level label path: a chain from the newest frame back to the first, whose
 // prefixes are shared by many paths. Immutable once made.
 //
@@ -23,25 +55,38 @@ struct _index_score_node {
 // held or released by another thread while it works.
 struct _hist_t {
   // A null parent makes the first node of a path.
-  _hist_t(int node_label, std::shared_ptr<_hist_t> node_parent) noexcept
+  _hist_t(int node_label, _hist_ptr_t node_parent) noexcept
       : label(node_label), parent(std::move(node_parent)) {}
   _hist_t(const _hist_t&) = delete;
   _hist_t& operator=(const _hist_t&) = delete;
-
-  // Releases the unshared part of the chain in a loop: releasing it through the destructors of the
-  // parents would take one stack frame per frame of the input.
-  ~_hist_t() {
-    while (parent != nullptr && parent.use_count() == 1) parent = std::move(parent->parent);
-  }
+  ~_hist_t() = default;
 
   int label;
-  std::shared_ptr<_hist_t> parent;  // null at the first frame
+  unsigned holders = 1;  // the pointers to this node
+  _hist_ptr_t parent;    // null at the first frame
 };
+
+// Asks for the memory of nodes some frames before: they lie at lower addresses, and a walk along a long
+// path would wait for each of them.
+inline void prefetch_ancestors(const _hist_t* node) noexcept {
+  constexpr std::uintptr_t kDistance = 48 * sizeof(_hist_t);
+  __builtin_prefetch(
+      reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(node) - kDistance));
+}
+
+inline _hist_ptr_t::_hist_ptr_t(const _hist_ptr_t& other) noexcept : node_(other.node_) {
+  if (node_ != nullptr) ++node_->holders;
+}
+
+inline void _hist_ptr_t::reset() noexcept {
+  if (node_ != nullptr && --node_->holders == 0) release_node();
+  node_ = nullptr;
+}
 
 // One beam entry.
 struct _list_score_node {
-  std::shared_ptr<_hist_t> hist;  // newest node of the path; null in an entry never filled
-  int index = -1;                 // unused
+  _hist_ptr_t hist;  // newest node of the path; null in an entry never filled
+  int index = -1;    // unused
   float score = 0.0F;
 };
 
