@@ -198,12 +198,6 @@ void Component::AdoptSameWidth(int in_dim) {
   AdoptWidth(in_dim);
 }
 
-void Component::CheckWidth(int in_dim) const {
-  if (CheckInputDim() && input_dim_set && in_dim != input_dim) {
-    ThrowWidthMismatch(input_dim, in_dim);
-  }
-}
-
 void Component::Propagate(const float* in, int64_t frames, int in_dim, float* out, int* out_dim,
                           int call_id) {
   CheckWidth(in_dim);

@@ -190,7 +190,11 @@ class Component {
   virtual bool HasFixedForm() const { return true; }
 
   /// Throws when CheckInputDim asks for it and in_dim is not the layer's own.
-  void CheckWidth(int in_dim) const;
+  void CheckWidth(int in_dim) const {
+    if (in_dim != input_dim && input_dim_set && CheckInputDim()) {
+      ThrowWidthMismatch(input_dim, in_dim);
+    }
+  }
   /// Runs the layer once on blocks whose sizes the caller guarantees: checks the width, computes,
   /// and stores in *out_dim the width that came out. output_frames holds the frames given.
   void Propagate(const float* in, int64_t frames, int in_dim, float* out, int* out_dim,

@@ -92,14 +92,15 @@ void NnetForward::ReserveFrames(int64_t frames) {
 }
 
 // Both buffers, since every layer but the first reads one and writes the other; the first reads the
-// caller's block, so that a network of one layer needs only one.
-void NnetForward::GrowBuffers(uint64_t floats) {
+// caller's block, so that a network of one layer needs only buffer B. That one grows last: its size is
+// that of both.
+void NnetForward::GrowBuffersTo(uint64_t floats) {
   if (floats > kMaxBlockFloats) {
     ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
                kMaxBlockFloats);
   }
-  buffer_b_.Grow(floats);
   if (nnet_->layers.size() > 1) buffer_a_.Grow(floats);
+  buffer_b_.Grow(floats);
 }
 
 void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels) {
@@ -107,19 +108,20 @@ void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels
   Propagate(in, frames, dim, forward_count_, channels);
 }
 
-// The pass: plan, check, run, layer by layer. Layer k reads buffer A (the first one the caller's
-// block) and writes buffer B, then the two change places. The exchange after the last layer is
-// undone, so that the result is in B. No layer relies on what the layer before it promised, but
-// only on the block that is really there.
+// The pass: plan, check, run, layer by layer. The first layer reads the caller's block and writes
+// buffer B; each one after it reads what the one before it wrote and writes the other buffer. No layer
+// relies on what the layer before it promised, but only on the block that is really there.
 void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
   if (frames > reserved_frames_) ReserveFrames(frames);
   const int64_t frame_limit = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
+  FloatArray* from = &buffer_a_;
+  FloatArray* to = &buffer_b_;
   for (size_t position = 0; position < nnet_->layers.size(); ++position) {
-    shape = RunLayer(position, in, shape, call_id, frame_limit);
-    std::swap(buffer_a_, buffer_b_);
+    shape = RunLayer(position, in, *from, *to, shape, call_id, frame_limit);
+    std::swap(from, to);
   }
-  std::swap(buffer_a_, buffer_b_);
+  output_ = from;
   output_shape_ = shape;
   cur_frames_ = shape.frames;
 }
@@ -127,8 +129,9 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
 // One pass a layer: plan, check, make room, run. The plan is made right before the layer runs, with
 // the width and the frames that really reach it, since both may depend on what earlier layers did in
 // this call; nothing that a file claims is believed before that.
-BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockShape& shape,
-                                 int call_id, int64_t frame_limit) {
+BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatArray& from,
+                                 FloatArray& to, const BlockShape& shape, int call_id,
+                                 int64_t frame_limit) {
   Component& layer = *nnet_->layers[position];
   layer.CheckWidth(shape.dim);
   if (shape.frames > frame_limit) ThrowTooManyFrames(position, shape.frames, frame_limit);
@@ -136,13 +139,12 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const BlockSh
   if (plan.frames > frame_limit) ThrowTooManyFrames(position, plan.frames, frame_limit);
   if (plan.reads > shape.floats()) ThrowTooLittleInput(position, shape, plan.reads);
   GrowBuffers(plan.writes);
-  layer.Run(plan, position == 0 ? in : buffer_a_.data(), shape.frames, shape.dim, buffer_b_.data(),
-            call_id);
+  layer.Run(plan, position == 0 ? in : from.data(), shape.frames, shape.dim, to.data(), call_id);
   const BlockShape produced{layer.OutputChannel(), layer.output_dim, layer.OutputFrames()};
   // Zeros, so that what an earlier call left in the buffer does not leak into this one.
   if (const uint64_t floats = produced.floats(); floats > plan.writes) {
     GrowBuffers(floats);
-    zero_vec(buffer_b_.data() + plan.writes, floats - plan.writes);
+    zero_vec(to.data() + plan.writes, floats - plan.writes);
   }
   return produced;
 }

@@ -32,7 +32,7 @@ struct BlockShape {
   uint64_t floats() const { return BlockFloats(channels, dim, frames); }
 };
 
-/// Runs one network. Frames move between layers through two buffers that are exchanged after every
+/// Runs one network. Frames move between layers through two buffers that change places after every
 /// layer and only grow; once they have the size of the largest call, a call allocates nothing.
 ///
 /// Model files are not trusted: right before a layer runs, the executor checks with the width that
@@ -64,7 +64,7 @@ class NnetForward {
 
   /// The result of the last call, valid until the next one; of no meaning after a call that threw.
   /// The executor owns it.
-  const float* Output() const { return buffer_b_.data(); }
+  const float* Output() const { return output_->data(); }
   int64_t OutputFrames() const { return cur_frames_; }
   /// Shape of that result as the last layer reported it.
   const BlockShape& OutputShape() const { return output_shape_; }
@@ -75,15 +75,18 @@ class NnetForward {
 
  private:
   void LinkLayers();
-  /// Plans, checks and runs one layer on `in` or, from the second on, buffer A; returns what it
+  /// Plans, checks and runs one layer on `in` or, from the second on, `from`, into `to`; returns what it
   /// gave. No layer may take or give more than frame_limit frames.
-  BlockShape RunLayer(size_t position, const float* in, const BlockShape& shape, int call_id,
-                      int64_t frame_limit);
+  BlockShape RunLayer(size_t position, const float* in, const FloatArray& from, FloatArray& to,
+                      const BlockShape& shape, int call_id, int64_t frame_limit);
   [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
   [[noreturn]] void ThrowTooLittleInput(size_t position, const BlockShape& shape,
                                         uint64_t reads) const;
   /// Makes both buffers hold `floats`; throws when that is more than a block may hold.
-  void GrowBuffers(uint64_t floats);
+  void GrowBuffers(uint64_t floats) {
+    if (floats > buffer_b_.size()) GrowBuffersTo(floats);
+  }
+  void GrowBuffersTo(uint64_t floats);
 
   Nnet* nnet_;
   int64_t cur_frames_ = 0;
@@ -93,6 +96,7 @@ class NnetForward {
   int64_t reserved_frames_ = 0;
   FloatArray buffer_a_;
   FloatArray buffer_b_;
+  const FloatArray* output_ = &buffer_b_;
   BlockShape output_shape_;
 };
 
