@@ -11,6 +11,7 @@
 #include "nnet/runtime/component-registry.h"
 #include "nnet/runtime/nnet-nnet.h"
 #include "tests/support/expect.h"
+#include "tools/allocations.h"
 #include "utils/half-float.h"
 
 namespace handwriting::tests {
@@ -321,6 +322,48 @@ TEST(StoredForms, EveryWriterTellsWhenTheStreamFails) {
     expect_failures(FixedWrittenBy(*layer), [&](FILE* fp) { return layer->WriteFixed(fp); });
     if (fixed == nullptr) continue;
     expect_failures(WrittenBy(*fixed), [&](FILE* fp) { return fixed->Write(fp); });
+  }
+}
+
+// Once its buffers have had the size of the largest call, a layer runs and starts anew without
+// allocating anything.
+TEST(SteadyState, NoLayerAllocates) {
+  std::vector<Bytes> samples;
+  for (const Row& row : kRows) {
+    samples.push_back(row.bytes);
+    const Layer layer = ReadLayer(row.bytes);
+    if (row.fixed == Fixed::kOwnClass) samples.emplace_back(FixedWrittenBy(*layer));
+  }
+  for (const Bytes& bytes : samples) {
+    const Layer layer = ReadLayer(bytes);
+    SCOPED_TRACE(layer->TypeMarker());
+    const int dim = layer->InputDim() > 0 ? layer->InputDim() : 3;
+    const int channels = layer->GetType() == 0x704 ? 3 : layer->input_channel;
+    Floats in = Random(ToSize(channels) * ToSize(dim) * 60, 1);
+    std::vector<Bytes> network;  // registers, for the layers that name some
+    const int code = layer->GetType();
+    if (code >= 0x301 && code <= 0x304) continue;  // only stored
+    if (code == 0x702 || code == 0x703 || code == 0x1101) {
+      for (const char* name : {"x", "yz"}) {
+        network.push_back(code == 0x703 ? Component2d(0x701, 2, 2, 3, 3, Bytes().String(name))
+                                        : Component1d(code == 0x702 ? 0x700 : 0x1100, 2, 2,
+                                                      Bytes().String(name)));
+      }
+    }
+    network.push_back(bytes);
+    Model model(Network(network));
+    const auto run = [&] {
+      model.forward->Reset();
+      for (const int64_t frames : {60, 8, 25, 60}) {
+        model.forward->Propagate(in.data(), frames, dim, 1, channels);
+      }
+      model.forward->Propagate(in.data(), 40, dim, -1, channels);
+    };
+    run();
+    run();
+    const uint64_t before = CountAllocations();
+    run();
+    EXPECT_EQ(CountAllocations(), before);
   }
 }
 

@@ -8,6 +8,7 @@
 #include "api/handwriting_forward.h"
 #include "ctc/beam-search.h"
 #include "tests/support/expect.h"
+#include "tools/allocations.h"
 
 namespace handwriting::tests {
 namespace {
@@ -229,6 +230,24 @@ TEST(Recognizer, TheFrameCountOfCreateIsAHint) {
     ASSERT_TRUE(recognizer) << recognizer.printed;
     EXPECT_GT(recognizer.Process(Floats(6), 3, 2).count, 0);
   }
+}
+
+TEST(Recognizer, ASteadyCallTakesNoMemoryFromTheHeap) {
+  constexpr int kFrames = 90;
+  constexpr int kBest = 12;
+  const File file = FileOf(TwoNetworks(Network({Identity(5)}), Network({Identity(5)})));
+  void* instance = handwriting_forward_create(file.get(), kFrames, kBest);
+  Floats features = Random(5 * kFrames, 1);
+  std::vector<int> output(kBest * kFrames), len(kBest);
+  const auto process = [&](int frames) {
+    return handwriting_forward_process(instance, features.data(), frames, 5, output.data(),
+                                       len.data());
+  };
+  EXPECT_GT(process(kFrames), 1);
+  const uint64_t before = CountAllocations();
+  for (const int frames : {kFrames, 7, 40, kFrames}) process(frames);
+  EXPECT_EQ(CountAllocations(), before);
+  handwriting_forward_destory(instance);
 }
 
 TEST(Recognizer, InstancesRunOnSeparateThreads) {

@@ -208,5 +208,82 @@ TEST(Weights, TakeTheMemoryOfTheirRowsInEights) {
   }
 }
 
+// Networks of layers with weights that were read, in every form: one set of bits.
+
+Bytes RandomLayer(int code, int in, int out, size_t values, const Bytes& fields = {}) {
+  Bytes block = fields;
+  for (const float x : Random(values, static_cast<uint32_t>(code), 0.4F)) {
+    code == 0x10e ? block.Raw(runtime::FloatToHalf(x)) : block.Float(x);
+  }
+  return Component1d(code, in, out, block);
+}
+
+std::vector<Bytes> CausalLayers() {
+  return {RandomLayer(0x103, 9, 21, 4 * 21 * (9 + 21) + 8 * 21),
+          RandomLayer(0x106, 21, 13, 4 * 19 * (21 + 13) + 7 * 19 + 13 * 19 + 13, Bytes().Int(19)),
+          RandomLayer(0x10d, 13, 18, 3 * 18 * (13 + 18) + 6 * 18, Bytes().Int(18)),
+          RandomLayer(0x10f, 18, 18, 2 * 18 * 19),
+          RandomLayer(0x101, 18, 33, 18 * 33),
+          Affine(33, 10, Random(10, 1), Random(330, 2)),
+          Component1d(0x204, 10, 10)};
+}
+
+std::vector<Bytes> FixedTwins(std::vector<Bytes> layers) {
+  for (Bytes& bytes : layers) {
+    const Layer layer = ReadLayer(bytes);
+    if (layer->HasFixedForm()) bytes = Bytes(FixedWrittenBy(*layer));
+  }
+  return layers;
+}
+
+// Runs `floats` for every target that fuses; all must give the same.
+template <class Run>
+void ExpectSameOnFusingTargets(const Run& run) {
+  Floats first;
+  ForEachVectorTarget([&] {
+    if ((hwy::SupportedTargets() & (HWY_AVX2 | HWY_AVX3)) == 0) return;
+    const Floats out = run();
+    if (first.empty()) first = out;
+    ExpectSameBits(out, first);
+  });
+}
+
+TEST(SameBits, OfCausalNetworksForEveryChunkingOnEveryTarget) {
+  constexpr int64_t kFrames = 300;
+  const Floats in = Random(kFrames * 9, 4);
+  for (const auto& layers : {CausalLayers(), FixedTwins(CausalLayers())}) {
+    ExpectSameOnFusingTargets([&] {
+      Model model(Network(layers));
+      const Floats whole = model.Call(in, kFrames, 9);
+      for (const int64_t chunk : {1, 7, 16, 129}) {
+        model.forward->Reset();
+        std::vector<int64_t> chunks(kFrames / chunk, chunk);
+        if (kFrames % chunk != 0) chunks.push_back(kFrames % chunk);
+        EXPECT_EQ(model.Chunks(in, 9, chunks, false).frames, whole) << chunk;
+      }
+      return whole;
+    });
+  }
+}
+
+TEST(SameBits, OfLayersThatSeeAWholeCallOnEveryTarget) {
+  Bytes encoder = Bytes().Int(2);
+  for (int i = 0; i < 4; ++i) encoder.Add(Affine(12, 12, Random(12, 5), Random(144, 6)));
+  encoder.Add(Affine(12, 40, Random(40, 7), Random(480, 8)));
+  encoder.Add(Affine(40, 12, Random(12, 9), Random(480, 10)));
+  for (int i = 0; i < 2; ++i) {
+    encoder.Add(Component1d(0x406, 12, 12, Bytes().Int(12).Float(1e-5F).Floats(Random(24, 11))));
+  }
+  const std::vector<Bytes> layers = {
+      RandomLayer(0x10e, 9, 34, 8 * 17 * (9 + 17 + 2), Bytes().Int(17)),
+      RandomLayer(0x110, 34, 12, 6 * 6 * (34 + 6 + 2), Bytes().Int(6)),
+      RandomLayer(0x10c, 12, 12, 2 * (4 * 7 * (12 + 6) + 7 * 7 + 6 * 7 + 6), Bytes().Int(7)),
+      Component1d(0x109, 12, 12, encoder), Affine(12, 11, Random(11, 1), Random(132, 2))};
+  const Floats in = Random(150 * 9, 4);
+  for (const auto& network : {layers, FixedTwins(layers)}) {
+    ExpectSameOnFusingTargets([&] { return Model(Network(network)).Call(in, 150, 9); });
+  }
+}
+
 }  // namespace
 }  // namespace handwriting::tests

@@ -137,7 +137,8 @@ void AttentionLayer::Reserve(int64_t frames) {
 
 void AttentionLayer::Reset() {
   propagate_count = 0;
-  for (const NestedRef& nested : Nested()) {
+  if (nested_.empty()) nested_ = Nested();
+  for (const NestedRef& nested : nested_) {
     if (*nested.layer != nullptr) (*nested.layer)->Reset();
   }
 }

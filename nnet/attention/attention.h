@@ -78,6 +78,8 @@ class AttentionLayer : public Component {
   void CountCall();
 
  private:
+  /// What Nested gives, made once: a reset allocates nothing.
+  NestedList nested_;
   /// The nested components that have been read so far.
   std::vector<const Component*> ReadComponents() const;
 

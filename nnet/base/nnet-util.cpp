@@ -17,6 +17,8 @@ constexpr size_t kAlignment = 64;
 // machine.
 constexpr size_t kMaxFloats = size_t{1} << 30;
 
+thread_local uint64_t array_allocations = 0;
+
 // Fresh memory costs more than anything that is done with it once: the system clears it page by page
 // as it is touched. Whole huge pages within a large array are asked for, which takes a fourth of the
 // time; where the system has none to give, nothing changes.
@@ -25,6 +27,7 @@ constexpr size_t kHugePage = size_t{2} << 20;
 // Floats of any value, or null when the count is too large or the memory cannot be had. The bytes
 // are rounded up to whole cache lines, which aligned allocation asks for.
 float* NewFloats(size_t rows, size_t cols) {
+  ++array_allocations;
   if (cols != 0 && rows > kMaxFloats / cols) return nullptr;
   const size_t bytes = rows * cols * sizeof(float);
   const size_t whole = (bytes + kAlignment - 1) / kAlignment * kAlignment;
@@ -43,6 +46,8 @@ float* AllocateFloats(size_t rows, size_t cols) {
 }
 
 }  // namespace
+
+uint64_t ArrayAllocations() noexcept { return array_allocations; }
 
 void alloc_floats(float** p, size_t rows, size_t cols) {
   *p = AllocateFloats(rows, cols);

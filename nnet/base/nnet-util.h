@@ -22,6 +22,9 @@ void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit);
 /// Frees an array made by alloc_floats or grow_floats; null is ignored.
 void free_floats(float* p) noexcept;
 
+/// Arrays that the calling thread has allocated so far, for programs that watch a steady state.
+uint64_t ArrayAllocations() noexcept;
+
 /// Memory for the arrays of a model that is being read: while one is open, arrays that the same thread
 /// allocates uncleared lie side by side in one block, which the system can give in few large pages.
 /// The block is freed with the last of its arrays. `expected_bytes` is what the arrays may take at
