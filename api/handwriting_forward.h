@@ -14,6 +14,9 @@
  *    throws, exits or aborts. A recognizer remains usable after a failed call.
  * 6. One recognizer is used by one thread at a time; different recognizers may run on different
  *    threads. Creating one sets OpenBLAS to one thread for the whole process.
+ * 7. The same model and features give the same result on every processor with fused multiply-add
+ *    (AVX2 or AVX-512). Without it, scores may differ in their last bits, and with them the order
+ *    of sequences whose scores are about equal.
  *
  * Example: the best label sequence of a matrix of 100 frames of 8 features.
  *
