@@ -43,7 +43,7 @@ struct OutputRows {
 /// The most frames whose gate rows are formed at a time: enough for the input product to make use of
 /// the weights that it reads, and few enough for the rows to stay in the cache until the recurrence
 /// reads them, however long the call is.
-inline constexpr size_t kGateFrames = 128;
+inline constexpr size_t kGateFrames = 24;
 
 /// Calls visit(first, count) for blocks of neighbouring frames of a call, in the order of the
 /// direction.
