@@ -166,6 +166,32 @@ TEST(Weights, CodeProductsAreAsExactAsFloatsAndTheSameEverywhere) {
   }
 }
 
+// The largest sums that digits and codes can give, for offsets that are folded into them and for those
+// that are not: all results are known.
+TEST(Weights, CodeProductsAtTheEdgesOfTheirRange) {
+  ForEachVectorTarget([] {
+    for (const int32_t offset : {-128, -255, 0, 250, 2048, -2100, 1 << 30}) {
+      for (const size_t inputs : {4, 60, 253, 257, 507, 509, 2048, 4096, 4097}) {
+        for (const int code : {0, 255}) {
+          WeightMatrix weights;
+          weights.AllocateCodes(3, inputs, 8.0F, offset, memory);
+          weights.Put(0, 3, std::vector<uint8_t>(3 * inputs, static_cast<uint8_t>(code)).data());
+          for (const float x : {1.0F, -1.0F}) {
+            const Floats in(2 * inputs, x);
+            Floats out(6);
+            weights.Multiply({in.data(), inputs}, 2, {}, {out.data(), 3});
+            const double wanted =
+                (static_cast<double>(code) + offset) / 8.0 * x * static_cast<double>(inputs);
+            for (const float y : out) {
+              ASSERT_NEAR(y, wanted, std::fabs(wanted) * 2e-7) << offset << " " << inputs;
+            }
+          }
+        }
+      }
+    }
+  });
+}
+
 TEST(Weights, CodeProductsOfUnusualRows) {
   const float inf = std::numeric_limits<float>::infinity();
   const float nan = std::numeric_limits<float>::quiet_NaN();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -39,8 +40,9 @@ struct CodeRow {
   size_t padded;
   /// 1 / (factor * scale): what turns an integer total into a value.
   double unit;
-  /// The sum of the integers.
+  /// The sum of the integers, and of the digits of each plane of bytes.
   int64_t sum;
+  int32_t plane_sums[3];
   float* out;
 };
 
@@ -87,40 +89,59 @@ float LargestMagnitude(const float* in, size_t n) {
   return result;
 }
 
-// The digits of `n` values, which are those of the row from input `first` on; returns the sum of the
-// integers. With bytes the planes are those of 2^16, 2^8 and 1, otherwise those of 2^12 and 1, all
-// digits signed.
+template <class D, class V>
+HWY_INLINE int32_t LaneSum(D d, V v) {
+  HWY_ALIGN int32_t lanes[hn::MaxLanes(d)];
+  hn::Store(v, d, lanes);
+  int32_t sum = 0;
+  for (size_t lane = 0; lane < hn::Lanes(d); ++lane) sum += lanes[lane];
+  return sum;
+}
+
+// The digits of `n` <= kChunkInputs values, which are those of the row from input `first` on, and their
+// sums. With bytes the planes are those of 2^16, 2^8 and 1, otherwise those of 2^12 and 1, all digits
+// signed.
 template <class D>
-int64_t StoreDigits(D d, const float* values, size_t n, float factor, bool bytes,
-                    const CodeRow& row, size_t first) {
+void StoreDigits(D d, const float* values, size_t n, float factor, bool bytes, CodeRow& row,
+                 size_t first) {
   const hn::RebindToSigned<D> di;
   const hn::Rebind<int8_t, D> d8;
   const hn::Rebind<int16_t, D> d16;
-  auto sum = hn::Zero(di);
-  for (size_t i = first; i < first + n; i += hn::Lanes(d), values += hn::Lanes(d)) {
-    const auto q = hn::NearestInt(hn::Mul(hn::LoadU(d, values), hn::Set(d, factor)));
-    sum = hn::Add(sum, q);
-    if (bytes) {
+  const auto scale = hn::Set(d, factor);
+  auto high_sum = hn::Zero(di);
+  auto middle_sum = hn::Zero(di);
+  auto low_sum = hn::Zero(di);
+  if (bytes) {
+    int8_t* planes = row.digits + first;
+    for (size_t i = 0; i < n; i += hn::Lanes(d)) {
+      const auto q = hn::NearestInt(hn::Mul(hn::LoadU(d, values + i), scale));
       const auto low = hn::ShiftRight<24>(hn::ShiftLeft<24>(q));
       const auto rest = hn::ShiftRight<8>(hn::Sub(q, low));
       const auto middle = hn::ShiftRight<24>(hn::ShiftLeft<24>(rest));
       const auto high = hn::ShiftRight<8>(hn::Sub(rest, middle));
-      hn::StoreU(hn::DemoteTo(d8, high), d8, row.digits + i);
-      hn::StoreU(hn::DemoteTo(d8, middle), d8, row.digits + row.padded + i);
-      hn::StoreU(hn::DemoteTo(d8, low), d8, row.digits + 2 * row.padded + i);
-    } else {
-      auto* planes = reinterpret_cast<int16_t*>(row.digits);
-      const auto high = hn::ShiftRight<12>(hn::Add(q, hn::Set(di, 2048)));
-      const auto low = hn::Sub(q, hn::ShiftLeft<12>(high));
-      hn::StoreU(hn::DemoteTo(d16, high), d16, planes + i);
-      hn::StoreU(hn::DemoteTo(d16, low), d16, planes + row.padded + i);
+      hn::StoreU(hn::DemoteTo(d8, high), d8, planes + i);
+      hn::StoreU(hn::DemoteTo(d8, middle), d8, planes + row.padded + i);
+      hn::StoreU(hn::DemoteTo(d8, low), d8, planes + 2 * row.padded + i);
+      high_sum = hn::Add(high_sum, high);
+      middle_sum = hn::Add(middle_sum, middle);
+      low_sum = hn::Add(low_sum, low);
     }
+    row.plane_sums[0] += LaneSum(di, high_sum);
+    row.plane_sums[1] += LaneSum(di, middle_sum);
+    row.plane_sums[2] += LaneSum(di, low_sum);
+    return;
   }
-  HWY_ALIGN int32_t sums[hn::MaxLanes(d)];
-  hn::Store(sum, di, sums);
-  int64_t total = 0;
-  for (size_t lane = 0; lane < hn::Lanes(d); ++lane) total += sums[lane];
-  return total;
+  int16_t* planes = reinterpret_cast<int16_t*>(row.digits) + first;
+  for (size_t i = 0; i < n; i += hn::Lanes(d)) {
+    const auto q = hn::NearestInt(hn::Mul(hn::LoadU(d, values + i), scale));
+    const auto high = hn::ShiftRight<12>(hn::Add(q, hn::Set(di, 2048)));
+    const auto low = hn::Sub(q, hn::ShiftLeft<12>(high));
+    hn::StoreU(hn::DemoteTo(d16, high), d16, planes + i);
+    hn::StoreU(hn::DemoteTo(d16, low), d16, planes + row.padded + i);
+    high_sum = hn::Add(high_sum, high);
+    low_sum = hn::Add(low_sum, low);
+  }
+  row.sum += int64_t{LaneSum(di, high_sum)} * 4096 + LaneSum(di, low_sum);
 }
 
 // Turns one row into integers, the last of them from a padded copy. False when a value is not finite.
@@ -131,15 +152,15 @@ bool MakeRow(const float* in, size_t inputs, float scale, bool bytes, CodeRow& r
   const float factor = largest > 0.0F ? std::min(kLargest / largest, kLargestFactor) : 1.0F;
   row.unit = 1.0 / (static_cast<double>(factor) * static_cast<double>(scale));
   row.sum = 0;
+  std::fill_n(row.plane_sums, 3, 0);
   const size_t whole = inputs / kAlignment * kAlignment;
   for (size_t first = 0; first < whole; first += kChunkInputs) {
-    row.sum += StoreDigits(d, in + first, std::min(kChunkInputs, whole - first), factor, bytes, row,
-                           first);
+    StoreDigits(d, in + first, std::min(kChunkInputs, whole - first), factor, bytes, row, first);
   }
   if (whole != row.padded) {
     HWY_ALIGN float tail[kAlignment] = {};
     std::copy(in + whole, in + inputs, tail);
-    row.sum += StoreDigits(d, tail, kAlignment, factor, bytes, row, whole);
+    StoreDigits(d, tail, kAlignment, factor, bytes, row, whole);
   }
   return true;
 }
@@ -212,45 +233,36 @@ HWY_INLINE __m512i FourDigits(const int8_t* digits) {
   return four;
 }
 
-// The sums of one row and one panel, a plane of digits after another.
-struct ByteSums {
-  alignas(64) int32_t planes[kBytePlanes][kPanelOutputs];
-};
-
-// Eight totals of a panel, which are exact.
-HWY_INLINE __m512d JoinPlanes(const ByteSums& sums, size_t first) {
-  const auto plane = [&](size_t i) HWY_ATTR {
-    return _mm512_cvtepi32_pd(
-        _mm256_load_si256(reinterpret_cast<const __m256i*>(sums.planes[i] + first)));
-  };
-  const __m512d total = _mm512_fmadd_pd(plane(0), _mm512_set1_pd(65536.0), plane(2));
-  return _mm512_fmadd_pd(plane(1), _mm512_set1_pd(256.0), total);
+// Eight exact totals from their sums in the three planes, of which the lower two may have been joined
+// as integers.
+HWY_INLINE __m512d JoinPlanes(__m256i high, __m256i middle, __m256i low) {
+  const __m512d total =
+      _mm512_fmadd_pd(_mm512_cvtepi32_pd(high), _mm512_set1_pd(65536.0), _mm512_cvtepi32_pd(low));
+  return _mm512_fmadd_pd(_mm512_cvtepi32_pd(middle), _mm512_set1_pd(256.0), total);
+}
+HWY_INLINE __m512d JoinPlanes(__m256i high, __m256i lower) {
+  return _mm512_fmadd_pd(_mm512_cvtepi32_pd(high), _mm512_set1_pd(65536.0),
+                         _mm512_cvtepi32_pd(lower));
 }
 
-// Ends a panel as EndOutputs does. The totals of a row that is summed in several chunks are carried
-// from one to the next.
-void EndPanel(const CodeRow& row, const CodePanels& weights, const ProductEnd& end, size_t n,
-              const ByteSums& sums, bool first, bool last, double* carried) {
-  __m512d totals[2] = {JoinPlanes(sums, 0), JoinPlanes(sums, 8)};
-  if (!first) {
-    totals[0] = _mm512_add_pd(_mm512_load_pd(carried), totals[0]);
-    totals[1] = _mm512_add_pd(_mm512_load_pd(carried + 8), totals[1]);
-  }
-  if (!last) {
-    _mm512_store_pd(carried, totals[0]);
-    _mm512_store_pd(carried + 8, totals[1]);
-    return;
-  }
-  const __m512d offset =
-      _mm512_set1_pd(static_cast<double>(weights.offset) * static_cast<double>(row.sum));
+// Ends a panel as EndOutputs does; the sums hold the part of the offset already.
+template <bool kJoinLower>
+HWY_INLINE void EndPanel(const CodeRow& row, const CodePanels& weights, const ProductEnd& end,
+                         size_t n, __m512i high, __m512i middle, __m512i low) {
   const __m512d unit = _mm512_set1_pd(row.unit);
-  const auto value = [&](__m512d total) HWY_ATTR {
-    return _mm512_cvtpd_ps(_mm512_mul_pd(_mm512_add_pd(total, offset), unit));
+  const auto half = [](__m512i v, bool upper) HWY_ATTR {
+    return upper ? _mm512_extracti64x4_epi64(v, 1) : _mm512_castsi512_si256(v);
+  };
+  const __m512i lower = _mm512_add_epi32(_mm512_slli_epi32(middle, 8), low);
+  const auto value = [&](bool upper) HWY_ATTR {
+    const __m512d total =
+        kJoinLower ? JoinPlanes(half(high, upper), half(lower, upper))
+                   : JoinPlanes(half(high, upper), half(middle, upper), half(low, upper));
+    return _mm512_cvtpd_ps(_mm512_mul_pd(total, unit));
   };
   const hn::CappedTag<float, kPanelOutputs> d;
-  const hn::Half<decltype(d)> half;
-  auto y = hn::Combine(d, hn::Vec<decltype(half)>{value(totals[1])},
-                       hn::Vec<decltype(half)>{value(totals[0])});
+  using Half = hn::Vec<hn::Half<decltype(d)>>;
+  auto y = hn::Combine(d, Half{value(true)}, Half{value(false)});
   if (end.scale != 1.0F) {
     y = end.scale == 0.0F ? hn::Zero(d) : hn::Mul(y, hn::Set(d, end.scale));
   }
@@ -265,66 +277,68 @@ void EndPanel(const CodeRow& row, const CodePanels& weights, const ProductEnd& e
   }
 }
 
+// What fits the sums of the planes, the part of the offset included.
+bool FitsByteTiles(const CodePanels& weights) {
+  constexpr int32_t kLargestOffset = 2048;
+  return weights.inputs <= kChunkInputs && std::abs(int64_t{weights.offset}) <= kLargestOffset;
+}
+// Whether the sums of the two lower planes fit 32 bits together: a digit is no larger than 128, and 256
+// times the larger of the two sums counts.
+bool LowerPlanesFit(const CodePanels& weights) {
+  const int64_t offset = weights.offset;
+  const int64_t largest = std::max(std::abs(offset), std::abs(offset + 255));
+  return largest * static_cast<int64_t>(weights.inputs) * 128 * 257 < int64_t{1} << 31;
+}
+
 template <size_t kRows, size_t kPanels>
 void ByteTile(const CodeRow* rows, const CodePanels& weights, const ProductEnd& end, size_t n) {
-  constexpr size_t kChunk = kChunkInputs / kUnitCodes;
   const size_t units = UnitsFor(weights.inputs);
   const size_t panel_bytes = units * kUnitCodes * kPanelOutputs;
   const uint8_t* w = weights.data + n / kPanelOutputs * panel_bytes;
   const size_t padded = rows[0].padded;
-  ByteSums kept[kRows][kPanels];
-  alignas(64) double carried[kRows][kPanels][kPanelOutputs];
-  size_t first = 0;
-  bool last = false;
-  while (!last) {
-    const size_t count = std::min(kChunk, units - first);
-    last = first + count == units;
-    __m512i sums[kRows][kBytePlanes][kPanels];
-    const int8_t* digits[kRows];
+  __m512i sums[kRows][kBytePlanes][kPanels];
+  const int8_t* digits[kRows];
 #pragma GCC unroll 2
-    for (size_t r = 0; r < kRows; ++r) {
-      digits[r] = rows[r].digits + first * kUnitCodes;
+  for (size_t r = 0; r < kRows; ++r) {
+    digits[r] = rows[r].digits;
 #pragma GCC unroll 3
-      for (size_t plane = 0; plane < kBytePlanes; ++plane) {
+    for (size_t plane = 0; plane < kBytePlanes; ++plane) {
+      const __m512i start = _mm512_set1_epi32(weights.offset * rows[r].plane_sums[plane]);
 #pragma GCC unroll 4
-        for (size_t p = 0; p < kPanels; ++p) sums[r][plane][p] = _mm512_setzero_si512();
-      }
+      for (size_t p = 0; p < kPanels; ++p) sums[r][plane][p] = start;
     }
-    for (size_t k = count; k != 0; --k) {
-      __m512i codes[kPanels];
+  }
+  for (size_t k = units; k != 0; --k) {
+    __m512i codes[kPanels];
 #pragma GCC unroll 4
-      for (size_t p = 0; p < kPanels; ++p) codes[p] = LoadCodes(w + p * panel_bytes);
-#pragma GCC unroll 2
-      for (size_t r = 0; r < kRows; ++r) {
-#pragma GCC unroll 3
-        for (size_t plane = 0; plane < kBytePlanes; ++plane) {
-          const __m512i four = FourDigits(digits[r] + plane * padded);
-#pragma GCC unroll 4
-          for (size_t p = 0; p < kPanels; ++p) {
-            sums[r][plane][p] = AddByteProducts(sums[r][plane][p], codes[p], four);
-          }
-        }
-        digits[r] += kUnitCodes;
-      }
-      w += kUnitCodes * kPanelOutputs;
-    }
+    for (size_t p = 0; p < kPanels; ++p) codes[p] = LoadCodes(w + p * panel_bytes);
 #pragma GCC unroll 2
     for (size_t r = 0; r < kRows; ++r) {
 #pragma GCC unroll 3
       for (size_t plane = 0; plane < kBytePlanes; ++plane) {
+        const __m512i four = FourDigits(digits[r] + plane * padded);
 #pragma GCC unroll 4
         for (size_t p = 0; p < kPanels; ++p) {
-          _mm512_store_si512(kept[r][p].planes[plane], sums[r][plane][p]);
+          sums[r][plane][p] = AddByteProducts(sums[r][plane][p], codes[p], four);
         }
       }
+      digits[r] += kUnitCodes;
     }
-    for (size_t r = 0; r < kRows; ++r) {
-      for (size_t p = 0; p < kPanels; ++p) {
-        EndPanel(rows[r], weights, end, n + p * kPanelOutputs, kept[r][p], first == 0, last,
-                 carried[r][p]);
+    w += kUnitCodes * kPanelOutputs;
+  }
+  asm volatile("" ::: "memory");
+  const bool join = LowerPlanesFit(weights);
+#pragma GCC unroll 2
+  for (size_t r = 0; r < kRows; ++r) {
+#pragma GCC unroll 4
+    for (size_t p = 0; p < kPanels; ++p) {
+      const size_t at = n + p * kPanelOutputs;
+      if (join) {
+        EndPanel<true>(rows[r], weights, end, at, sums[r][0][p], sums[r][1][p], sums[r][2][p]);
+      } else {
+        EndPanel<false>(rows[r], weights, end, at, sums[r][0][p], sums[r][1][p], sums[r][2][p]);
       }
     }
-    first += count;
   }
 }
 
@@ -481,16 +495,21 @@ void PairRows(const CodeRow* rows, size_t count, const CodePanels& weights, cons
 void CodeProduct(StridedRows<const float> in, size_t rows, const CodePanels& weights,
                  const ProductEnd& end, StridedRows<float> out, int8_t* digits, size_t room) {
   constexpr size_t kMostRows = 16;
-  const bool bytes = HWY_TARGET <= HWY_AVX3 && HasByteProducts();
+#if HWY_TARGET <= HWY_AVX3
+  const bool bytes = HasByteProducts() && FitsByteTiles(weights);
+#else
+  constexpr bool bytes = false;
+#endif
   const size_t row_bytes = CodeRowBytes(weights.inputs);
   const size_t block = std::clamp<size_t>(room / row_bytes, 1, kMostRows);
-  CodeRow made[kMostRows];
+  CodeRow made[kMostRows] = {};
   for (size_t first = 0; first < rows; first += block) {
     size_t count = 0;
     for (size_t r = first; r < std::min(rows, first + block); ++r) {
       const float* row = in.From(r).data;
-      made[count] = {digits + count * row_bytes, PaddedInputs(weights.inputs), 0.0, 0,
-                     out.From(r).data};
+      made[count].digits = digits + count * row_bytes;
+      made[count].padded = PaddedInputs(weights.inputs);
+      made[count].out = out.From(r).data;
       if (MakeRow(row, weights.inputs, weights.scale, bytes, made[count])) {
         ++count;
       } else {
