@@ -20,6 +20,7 @@
 // After foreach_target.h, which includes this file again for every target.
 #include <hwy/highway.h>
 
+#include "nnet/base/row-columns-inl.h"
 #include "nnet/base/vector-math-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -147,45 +148,75 @@ float MaxOf(const float* v, size_t n) {
   return max == 0.0F ? *std::find(v, v + n, 0.0F) : max;
 }
 
-// The sum of a row is defined in element order, so that it is the same on every target: one chain
-// of additions, each of which waits for the one before. Eight rows are summed side by side, so that
-// their chains overlap; a block of fewer rows is summed row by row.
-constexpr size_t kSumRows = 8;
-
-void SumRows(const float* X, size_t rows, size_t cols, float* sums) {
-  std::fill_n(sums, kSumRows, 0.0F);
-  if (rows == kSumRows) {
-    float s[kSumRows] = {};
-    for (size_t c = 0; c < cols; ++c) {
-      for (size_t r = 0; r < kSumRows; ++r) s[r] += X[r * cols + c];
-    }
-    std::copy_n(s, kSumRows, sums);
-    return;
+// MaxOf but for the sign of a zero, which no difference shows.
+float LargestOf(const float* v, size_t n) {
+  const hn::ScalableTag<float> d;
+  const size_t lanes = hn::Lanes(d);
+  const auto first = hn::Set(d, v[0]);
+  const auto larger = [](auto best, auto x)
+                          HWY_ATTR { return hn::IfThenElse(hn::Gt(x, best), x, best); };
+  auto best = first;
+  auto best1 = first;
+  auto best2 = first;
+  auto best3 = first;
+  size_t i = 0;
+  for (; i + 4 * lanes <= n; i += 4 * lanes) {
+    best = larger(best, hn::LoadU(d, v + i));
+    best1 = larger(best1, hn::LoadU(d, v + i + lanes));
+    best2 = larger(best2, hn::LoadU(d, v + i + 2 * lanes));
+    best3 = larger(best3, hn::LoadU(d, v + i + 3 * lanes));
   }
-  for (size_t r = 0; r < rows; ++r) {
-    for (size_t c = 0; c < cols; ++c) sums[r] += X[r * cols + c];
+  best = larger(larger(best, best1), larger(best2, best3));
+  for (; i + lanes <= n; i += lanes) best = larger(best, hn::LoadU(d, v + i));
+  if (i < n) {
+    const auto inside = hn::FirstN(d, n - i);
+    best = larger(best, hn::IfThenElse(inside, LoadPart(d, v + i, n - i), first));
   }
+  return hn::GetLane(hn::MaxOfLanes(d, best));
 }
 
-// Softmax of blocks of kSumRows rows in three passes: the exponentials of each row, the sums of all
-// rows of the block, then `FinishOp{1 / sum}` over each row. The block is small enough to stay in
-// the cache from pass to pass.
+// The sum of a row is defined in element order, so that it is the same on every target: one chain of
+// additions, each of which waits for the one before. As many rows as a vector has lanes are summed side
+// by side, a row a lane.
+#if HWY_TARGET != HWY_SCALAR
+template <class D>
+HWY_INLINE void AddColumns(D d, const float* X, size_t stride, size_t count, float* sums) {
+  auto sum = hn::LoadU(d, sums);
+  ForEachColumn(d, X, stride, count, [&](auto column) HWY_ATTR { sum = hn::Add(sum, column); });
+  hn::StoreU(sum, d, sums);
+}
+#endif
+
+HWY_INLINE void AddColumns(hn::CappedTag<float, 1> /*d*/, const float* X, size_t /*stride*/,
+                           size_t count, float* sum) {
+  for (size_t c = 0; c < count; ++c) *sum += X[c];
+}
+
+// Columns that are summed while the exponentials of a group of rows are in the first-level cache.
+constexpr size_t kSoftmaxColumns = 128;
+
+// Softmax of groups of rows in three passes: the largest value of each row; the exponentials and their
+// sums, some columns at a time; `FinishOp{1 / sum}` over each row.
 template <class FinishOp>
 void SoftmaxRows(const float* in, size_t rows, size_t cols, float* out) {
-  for (size_t first = 0; first < rows; first += kSumRows) {
-    const size_t count = std::min(kSumRows, rows - first);
-    for (size_t r = first; r < first + count; ++r) {
-      const float* row = in + r * cols;
-      Map(row, cols, out + r * cols, ExpOfDifferenceOp{MaxOf(row, cols)});
+  ForEachRowGroup(hn::ScalableTag<float>(), 0, rows, [=](auto d, size_t first) HWY_ATTR {
+    constexpr size_t kGroup = hn::MaxLanes(d);
+    const float* x = in + first * cols;
+    float* y = out + first * cols;
+    float largest[kGroup];
+    float sums[kGroup] = {};
+    for (size_t r = 0; r < kGroup; ++r) largest[r] = LargestOf(x + r * cols, cols);
+    for (size_t c = 0; c < cols; c += kSoftmaxColumns) {
+      const size_t count = std::min(kSoftmaxColumns, cols - c);
+      for (size_t r = 0; r < kGroup; ++r) {
+        const size_t at = r * cols + c;
+        Map(x + at, count, y + at, ExpOfDifferenceOp{largest[r]});
+      }
+      AddColumns(d, y + c, cols, count, sums);
     }
-    float sums[kSumRows];
-    float* block = out + first * cols;
-    SumRows(block, count, cols, sums);
-    for (size_t r = 0; r < count; ++r) {
-      float* row = block + r * cols;
-      Map(row, cols, row, FinishOp{1.0F / sums[r]});
-    }
-  }
+    for (size_t r = 0; r < kGroup; ++r)
+      Map(y + r * cols, cols, y + r * cols, FinishOp{1.0F / sums[r]});
+  });
 }
 
 void Softmax(const float* in, size_t rows, size_t cols, float* out) {

@@ -10,6 +10,8 @@
 // After foreach_target.h, which includes this file again for every target.
 #include <hwy/highway.h>
 
+#include "nnet/base/lanes-inl.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace tarev::nnet::handwriting_CTC {
 namespace HWY_NAMESPACE {
@@ -57,27 +59,18 @@ HWY_INLINE hn::Vec<D> LoadWeights(D d, const uint16_t* weights) {
   return hn::PromoteTo(d, hn::LoadU(half, reinterpret_cast<const hwy::float16_t*>(weights)));
 }
 
-// The first `lanes` values of a vector, all of them unless `part`. Targets before AVX2 have no masked
-// access to memory.
+// The first `lanes` values of a vector, all of them unless `part`.
 template <class D>
 HWY_INLINE hn::Vec<D> LoadLanes(D d, const float* from, bool part, size_t lanes) {
-  if (!part) return hn::LoadU(d, from);
-  if constexpr (HWY_TARGET <= HWY_AVX2) return hn::MaskedLoad(hn::FirstN(d, lanes), d, from);
-  HWY_ALIGN float values[LanesOf<D>()] = {};
-  std::copy_n(from, lanes, values);
-  return hn::Load(d, values);
+  return part ? LoadPart(d, from, lanes) : hn::LoadU(d, from);
 }
 
 template <class D>
 HWY_INLINE void StoreLanes(D d, hn::Vec<D> v, float* to, bool part, size_t lanes) {
-  if (!part) {
-    hn::StoreU(v, d, to);
-  } else if constexpr (HWY_TARGET <= HWY_AVX2) {
-    hn::BlendedStore(v, hn::FirstN(d, lanes), d, to);
+  if (part) {
+    StorePart(d, v, to, lanes);
   } else {
-    HWY_ALIGN float values[LanesOf<D>()];
-    hn::Store(v, d, values);
-    std::copy_n(values, lanes, to);
+    hn::StoreU(v, d, to);
   }
 }
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "nnet/base/lanes-inl.h"
 #include "utils/fast-math.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -22,18 +23,21 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
 /// out[i] = op(in[i]) for n values; `in` and `out` may be the same array. The tail runs through the
-/// same vector code on a padded copy, so that a value gives the same bits wherever it is.
+/// same vector code, so that a value gives the same bits wherever it is.
 template <class Op>
-void Map(const float* in, size_t n, float* out, const Op& op) {
+void Map(const float* in, size_t n, float* out, const Op op) {
   const hn::ScalableTag<float> d;
   const size_t lanes = hn::Lanes(d);
   size_t i = 0;
+  for (; i + 2 * lanes <= n; i += 2 * lanes) {
+    const auto first = op(d, hn::LoadU(d, in + i));
+    const auto second = op(d, hn::LoadU(d, in + i + lanes));
+    hn::StoreU(first, d, out + i);
+    hn::StoreU(second, d, out + i + lanes);
+  }
   for (; i + lanes <= n; i += lanes) hn::StoreU(op(d, hn::LoadU(d, in + i)), d, out + i);
   if (i == n) return;
-  HWY_ALIGN float tail[hn::MaxLanes(d)] = {};
-  std::copy(in + i, in + n, tail);
-  hn::Store(op(d, hn::Load(d, tail)), d, tail);
-  std::copy_n(tail, n - i, out + i);
+  StorePart(d, op(d, LoadPart(d, in + i, n - i)), out + i, n - i);
 }
 
 /// out[i] = op(a[i], b[i]), likewise; `out` may be `a` or `b`.
@@ -46,19 +50,34 @@ void Map2(const float* a, const float* b, size_t n, float* out, const Op& op) {
     hn::StoreU(op(d, hn::LoadU(d, a + i), hn::LoadU(d, b + i)), d, out + i);
   }
   if (i == n) return;
-  HWY_ALIGN float tail_a[hn::MaxLanes(d)] = {};
-  HWY_ALIGN float tail_b[hn::MaxLanes(d)] = {};
-  std::copy(a + i, a + n, tail_a);
-  std::copy(b + i, b + n, tail_b);
-  hn::Store(op(d, hn::Load(d, tail_a), hn::Load(d, tail_b)), d, tail_a);
-  std::copy_n(tail_a, n - i, out + i);
+  const size_t left = n - i;
+  StorePart(d, op(d, LoadPart(d, a + i, left), LoadPart(d, b + i, left)), out + i, left);
+}
+
+/// Truncates values of integer range; any integer elsewhere, where the general conversion takes a few
+/// instructions more to saturate.
+#if HWY_TARGET <= HWY_AVX3
+HWY_INLINE hn::Vec<hn::CappedTag<int32_t, 16>> Truncate(hn::CappedTag<int32_t, 16> /*di*/,
+                                                        hn::Vec<hn::CappedTag<float, 16>> t) {
+  return hn::Vec<hn::CappedTag<int32_t, 16>>{_mm512_cvttps_epi32(t.raw)};
+}
+#endif
+#if HWY_TARGET <= HWY_AVX2
+HWY_INLINE hn::Vec<hn::CappedTag<int32_t, 8>> Truncate(hn::CappedTag<int32_t, 8> /*di*/,
+                                                       hn::Vec<hn::CappedTag<float, 8>> t) {
+  return hn::Vec<hn::CappedTag<int32_t, 8>>{_mm256_cvttps_epi32(t.raw)};
+}
+#endif
+template <class DI, class V>
+HWY_INLINE hn::Vec<DI> Truncate(DI di, V t) {
+  return hn::ConvertTo(di, t);
 }
 
 /// fast_math::ExpFromBits where 0 < t < kExpLimit; any value elsewhere.
 template <class D, class V>
 HWY_INLINE V ExpFromBits(D d, V t) {
   const hn::RebindToSigned<D> di;
-  const auto bits = hn::ConvertTo(di, t);
+  const auto bits = Truncate(di, t);
   const auto mantissa = hn::And(bits, hn::Set(di, static_cast<int32_t>(fast_math::kMantissaMask)));
   const V m =
       hn::BitCast(d, hn::Or(mantissa, hn::Set(di, static_cast<int32_t>(fast_math::kOneBits))));

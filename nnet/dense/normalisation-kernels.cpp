@@ -9,8 +9,8 @@
 // After foreach_target.h, which includes this file again for every target.
 #include <hwy/highway.h>
 
+#include "nnet/base/row-columns-inl.h"
 #include "nnet/base/vector-math-inl.h"
-#include "nnet/dense/row-columns-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace tarev::nnet::handwriting_CTC {
@@ -33,7 +33,7 @@ void GroupMoments(D d, const float* X, size_t cols, Moments* moments) {
   auto sum_high = hn::Zero(wide);
   auto squares_low = hn::Zero(wide);
   auto squares_high = hn::Zero(wide);
-  ForEachColumn(d, X, cols, [&](auto column) HWY_ATTR {
+  ForEachColumn(d, X, cols, cols, [&](auto column) HWY_ATTR {
     const auto low = hn::PromoteTo(wide, hn::LowerHalf(half, column));
     const auto high = hn::PromoteTo(wide, hn::UpperHalf(half, column));
     sum_low = hn::Add(sum_low, low);
@@ -54,7 +54,7 @@ void GroupMoments(D d, const float* X, size_t cols, Moments* moments) {
 template <class D>
 void GroupSquares(D d, const float* X, size_t cols, float* sums) {
   auto sum = hn::Zero(d);
-  ForEachColumn(d, X, cols,
+  ForEachColumn(d, X, cols, cols,
                 [&](auto column) HWY_ATTR { sum = hn::Add(sum, hn::Mul(column, column)); });
   hn::StoreU(sum, d, sums);
 }

@@ -6,11 +6,11 @@
 //
 // Included after hwy/highway.h, once per target.
 
-#if defined(NNET_ROW_COLUMNS_INL_H_) == defined(HWY_TARGET_TOGGLE)
-#ifdef NNET_ROW_COLUMNS_INL_H_
-#undef NNET_ROW_COLUMNS_INL_H_
+#if defined(NNET_BASE_ROW_COLUMNS_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef NNET_BASE_ROW_COLUMNS_INL_H_
+#undef NNET_BASE_ROW_COLUMNS_INL_H_
 #else
-#define NNET_ROW_COLUMNS_INL_H_
+#define NNET_BASE_ROW_COLUMNS_INL_H_
 #endif
 
 #include <cstddef>
@@ -37,17 +37,18 @@ HWY_INLINE hn::Vec<D> LoadRowBlocks(D d, const float* X, size_t cols) {
   }
 }
 
-/// Calls consume(v) for every column in order; lane r of v is the value of row r. D has at least
-/// four lanes, X as many rows as D has lanes. Columns left over after the last four are gathered
-/// one by one.
+/// Calls consume(v) for every one of `count` columns in order; lane r of v is the value of row r. D has
+/// at least four lanes, X as many rows as D has lanes, `stride` floats apart. Columns left over after
+/// the last four are gathered one by one.
 template <class D, class Consume>
-HWY_INLINE void ForEachColumn(D d, const float* X, size_t cols, const Consume& consume) {
+HWY_INLINE void ForEachColumn(D d, const float* X, size_t stride, size_t count,
+                              const Consume& consume) {
   size_t c = 0;
-  for (; c + 4 <= cols; c += 4) {
-    const auto row0 = LoadRowBlocks(d, X + c, cols);
-    const auto row1 = LoadRowBlocks(d, X + cols + c, cols);
-    const auto row2 = LoadRowBlocks(d, X + 2 * cols + c, cols);
-    const auto row3 = LoadRowBlocks(d, X + 3 * cols + c, cols);
+  for (; c + 4 <= count; c += 4) {
+    const auto row0 = LoadRowBlocks(d, X + c, stride);
+    const auto row1 = LoadRowBlocks(d, X + stride + c, stride);
+    const auto row2 = LoadRowBlocks(d, X + 2 * stride + c, stride);
+    const auto row3 = LoadRowBlocks(d, X + 3 * stride + c, stride);
     const auto even_low = hn::InterleaveLower(d, row0, row2);
     const auto odd_low = hn::InterleaveLower(d, row1, row3);
     consume(hn::InterleaveLower(d, even_low, odd_low));
@@ -57,9 +58,9 @@ HWY_INLINE void ForEachColumn(D d, const float* X, size_t cols, const Consume& c
     consume(hn::InterleaveLower(d, even_high, odd_high));
     consume(hn::InterleaveUpper(d, even_high, odd_high));
   }
-  for (; c < cols; ++c) {
+  for (; c < count; ++c) {
     HWY_ALIGN float column[hn::MaxLanes(d)];
-    for (size_t r = 0; r < hn::Lanes(d); ++r) column[r] = X[r * cols + c];
+    for (size_t r = 0; r < hn::Lanes(d); ++r) column[r] = X[r * stride + c];
     consume(hn::Load(d, column));
   }
 }
