@@ -96,6 +96,12 @@ testing::AssertionResult IsOneLine(const std::string& err) {
 TEST_F(ToolTest, WrongCommandLinesAreRefused) {
   Store("model.bin", Network({kSum}));
   WriteNpy(Path("in.npy"), {{1, 2}, {0, 0}});
+  std::vector<std::string> lines = {"bench"};
+  for (const char* options :
+       {"--network 0", "--network 2", "--frames 0", "--chunk 5", "--network 1 --chunk 0",
+        "--network 1 --nbest 5", "--nbest 0", "--seconds 0", "--seconds nan", "--seconds 1x"}) {
+    lines.push_back(std::string("bench model.bin ") + options);
+  }
   for (const char* arguments :
        {"", "frobnicate", "--frobnicate", "inspect", "inspect model.bin other.bin",
         "inspect --frobnicate model.bin", "convert model.bin", "forward model.bin in.npy",
@@ -105,7 +111,10 @@ TEST_F(ToolTest, WrongCommandLinesAreRefused) {
         "forward model.bin in.npy out.npy --chunk 99999999999999999999",
         "forward model.bin in.npy out.npy --network 0",
         "forward model.bin in.npy out.npy --network 2", "recognize model.bin",
-        "recognize model.bin in.npy --nbest 0", "bench model.bin"}) {
+        "recognize model.bin in.npy --nbest 0"}) {
+    lines.emplace_back(arguments);
+  }
+  for (const std::string& arguments : lines) {
     const Outcome outcome = Run(arguments);
     EXPECT_EQ(outcome.status, 2) << arguments;
     EXPECT_EQ(outcome.out, "") << arguments;
@@ -116,11 +125,12 @@ TEST_F(ToolTest, WrongCommandLinesAreRefused) {
 
 TEST_F(ToolTest, HelpNamesEveryOption) {
   const std::pair<const char*, std::vector<const char*>> cases[] = {
-      {"", {"inspect", "convert", "forward", "recognize", "Exit status"}},
+      {"", {"inspect", "convert", "forward", "recognize", "bench", "Exit status"}},
       {"inspect", {"MODEL", "--json"}},
       {"convert", {"IN", "OUT", "--fixed"}},
       {"forward", {"MODEL", "FEATURES", "OUT", "--network", "--chunk", "--mark-last"}},
-      {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}}};
+      {"recognize", {"MODEL", "FEATURES", "--nbest", "--labels", "--json"}},
+      {"bench", {"MODEL", "--network", "--frames", "--chunk", "--seconds", "--nbest", "--json"}}};
   for (const auto& [command, words] : cases) {
     const Outcome outcome = Run(std::string(command) + " --help");
     EXPECT_EQ(outcome.status, 0);
@@ -383,6 +393,74 @@ TEST_F(RecognizeTest, NamesOnStandardInputAreAnsweredOneByOne) {
       "' recognize model.bin --nbest 1 - >>.out");
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.out, "a.npy\n\t1 2 2\nb.npy\n\t2 1\n");
+}
+
+TEST_F(RecognizeTest, BenchTellsTimesSharesAndAllocations) {
+  const std::string keys =
+      "allocations_per_call blas_core first_call_ms frames_per_second layers load_ms memory_bytes "
+      "model_bytes ns_per_call_median ns_per_call_min ns_per_frame_median ns_per_frame_min "
+      "vector_target ";
+  Store("planes.txt", "<PReLU2d> 2 2 <Alpha> 0.5\n</Nnet>");
+  using Layers = std::vector<std::pair<int, std::string>>;  // network (0: not told) and marker
+  const std::tuple<const char*, Layers> cases[] = {
+      {"model.bin --frames 40 --nbest 2", {{1, "<AffineTransform>"}, {2, "<LogSoftmax>"}}},
+      {"model.bin --network 2", {{0, "<LogSoftmax>"}}},
+      {"model.bin --network 1 --frames 7 --chunk 3", {{0, "<AffineTransform>"}}},
+      {"planes.txt --network 1 --chunk 500", {{0, "<PReLU2d>"}}}};
+  for (const auto& [arguments, layers] : cases) {
+    SCOPED_TRACE(arguments);
+    const Outcome outcome = Run(std::string("bench --seconds 0.01 --json ") + arguments);
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    json document = json::parse(outcome.out);
+    const bool whole = layers.front().first != 0;
+    EXPECT_EQ(document.contains("decoder"), whole);
+    double shares = whole ? document["decoder"]["share"].get<double>() : 0;
+    document.erase("decoder");
+    std::string found_keys;
+    for (const auto& [key, value] : document.items()) {
+      found_keys += key + " ";
+      EXPECT_TRUE(value > 0.0 || !(key.starts_with("ns_") || key.ends_with("_ms"))) << key;
+    }
+    EXPECT_EQ(found_keys, keys);
+    EXPECT_EQ(document["allocations_per_call"], 0);
+    EXPECT_LE(document["ns_per_call_min"], document["ns_per_call_median"]);
+    Layers found;
+    for (const json& layer : document["layers"]) {
+      found.emplace_back(layer.value("network", 0), layer["marker"]);
+      EXPECT_EQ(layer["position"], 0);
+      EXPECT_TRUE(layer["ns_median"].is_number());
+      shares += layer["share"].get<double>();
+    }
+    EXPECT_EQ(found, layers);
+    EXPECT_NEAR(shares, 1, 1e-6);
+  }
+  const std::string text = Run("bench --seconds 0.01 model.bin").out;
+  for (const char* word : {"vector target ", "frames per second ", "<LogSoftmax>", "search"}) {
+    EXPECT_NE(text.find(word), std::string::npos) << word << "\n" << text;
+  }
+}
+
+TEST_F(RecognizeTest, BenchRefusesModelsThatCannotRun) {
+  Store("one.bin", Network({kSum}));
+  Store("cut.bin", Network({kSum}).str() + Network({kHalf}).str().substr(0, 16));
+  Store("model.txt", "<Sigmoid> 3 3\n</Nnet>\n");
+  Store("misfit.bin", Bytes().Add(Network({kSum})).Add(Network({kSum})));
+  Store("open.bin", Network({Component1d(kLogSoftmax, 0, 0), kSum, kSum}));
+  const std::pair<const char*, const char*> cases[] = {
+      {"one.bin", "one.bin: 1 network found, 2 wanted (or --network)"},
+      {"cut.bin",
+       "cut.bin: network 2: layer 0: read component failed! (<Alpha>: 4 bytes wanted, 0 left)"},
+      {"model.txt", "model.txt: text form found, binary form wanted (handwriting convert)"},
+      {"misfit.bin", "misfit.bin: mismatched input dimension! layer[<AffineTransform>] [2] vs [3]"},
+      {"open.bin --network 1",
+       "open.bin: network 1: mismatched input dimension! layer[<AffineTransform>] [2] vs [3] (the "
+       "model does not set the width of its input, tried with 100 frames x 2)"}};
+  for (const auto& [arguments, message] : cases) {
+    const Outcome outcome = Run(std::string("bench --seconds 0.01 ") + arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, std::string("handwriting: ") + message + "\n");
+  }
 }
 
 // Matrices of NumPy.

@@ -5,40 +5,68 @@
 
 #include "nnet/base/nnet-util.h"
 
+// NOLINTBEGIN(cppcoreguidelines-no-malloc): the memory is malloc's
+
 namespace {
+
+using std::align_val_t;
+using std::nothrow_t;
+using std::size_t;
 
 thread_local uint64_t allocations = 0;
 
-void* Take(std::size_t size, std::size_t alignment) noexcept {
+void* Take(size_t size, size_t alignment = 1) noexcept {
   ++allocations;
-  const std::size_t bytes = size == 0 ? 1 : size;
+  const size_t bytes = size == 0 ? 1 : size;
   return alignment <= __STDCPP_DEFAULT_NEW_ALIGNMENT__
              ? std::malloc(bytes)
              : std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
 }
 
-void* TakeOrThrow(std::size_t size, std::size_t alignment) {
+void* TakeOrThrow(size_t size, size_t alignment = 1) {
   void* const memory = Take(size, alignment);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
 
+size_t Bytes(align_val_t alignment) { return static_cast<size_t>(alignment); }
+
 }  // namespace
 
-// The array forms and those that do not throw call these.
-void* operator new(std::size_t size) { return TakeOrThrow(size, 1); }
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  return TakeOrThrow(size, static_cast<std::size_t>(alignment));
+// Every form of both operators: a sanitizer brings its own for those that are left out, and they do
+// not fit these.
+void* operator new(size_t size) { return TakeOrThrow(size); }
+void* operator new[](size_t size) { return TakeOrThrow(size); }
+void* operator new(size_t size, const nothrow_t& /*tag*/) noexcept { return Take(size); }
+void* operator new[](size_t size, const nothrow_t& /*tag*/) noexcept { return Take(size); }
+void* operator new(size_t size, align_val_t alignment) {
+  return TakeOrThrow(size, Bytes(alignment));
+}
+void* operator new[](size_t size, align_val_t alignment) {
+  return TakeOrThrow(size, Bytes(alignment));
+}
+void* operator new(size_t size, align_val_t alignment, const nothrow_t& /*tag*/) noexcept {
+  return Take(size, Bytes(alignment));
+}
+void* operator new[](size_t size, align_val_t alignment, const nothrow_t& /*tag*/) noexcept {
+  return Take(size, Bytes(alignment));
 }
 // GCC sees through inlined calls of the operators above that the memory is malloc's.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
-// NOLINTBEGIN(cppcoreguidelines-no-malloc): the memory is malloc's
 void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
-void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
+void operator delete[](void* memory, size_t /*size*/) noexcept { std::free(memory); }
+void operator delete(void* memory, const nothrow_t& /*tag*/) noexcept { std::free(memory); }
+void operator delete[](void* memory, const nothrow_t& /*tag*/) noexcept { std::free(memory); }
+void operator delete(void* memory, align_val_t /*alignment*/) noexcept { std::free(memory); }
+void operator delete[](void* memory, align_val_t /*alignment*/) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t /*size*/, align_val_t /*alignment*/) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, size_t /*size*/, align_val_t /*alignment*/) noexcept {
   std::free(memory);
 }
 // NOLINTEND(cppcoreguidelines-no-malloc)

@@ -12,6 +12,9 @@
 
 namespace handwriting::tools {
 
+/// The most paths that --nbest lets a search keep.
+inline constexpr int kMaxBest = 1000;
+
 inline constexpr int kDone = 0;
 inline constexpr int kFailed = 1;
 inline constexpr int kWrongCommandLine = 2;
@@ -33,6 +36,7 @@ Command AddInspect(CLI::App& app);
 Command AddConvert(CLI::App& app);
 Command AddForward(CLI::App& app);
 Command AddRecognize(CLI::App& app);
+Command AddBench(CLI::App& app);
 
 /// Refuses an option's value outside [1, max].
 inline CLI::Validator CountUpTo(int max) {
@@ -44,6 +48,9 @@ inline CLI::Validator CountUpTo(int max) {
 /// The text with every control character replaced: one line, and nothing that a terminal would
 /// obey. For names that come out of files.
 std::string Printable(std::string text);
+
+/// What results and times hang on: "vector target ..., BLAS core ...".
+std::string MachineText();
 
 /// Writes "handwriting: <text>" as one line to standard error.
 void PrintError(const std::string& text);

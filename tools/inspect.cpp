@@ -1,6 +1,5 @@
 // `handwriting inspect`: what a model file holds.
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +18,7 @@
 #include "nnet/runtime/nnet-nnet.h"
 #include "tools/commands.h"
 #include "tools/model-file.h"
+#include "tools/table.h"
 
 namespace handwriting::tools {
 namespace {
@@ -154,29 +154,13 @@ TableRow RowOf(const Json& layer) {
           Printable(layer.at("links").get<std::string>())};
 }
 
-void PrintTable(const std::vector<TableRow>& rows) {
-  std::array<size_t, kColumns> widths{};
-  for (const TableRow& row : rows) {
-    for (size_t c = 0; c < kColumns; ++c) widths[c] = std::max(widths[c], row[c].size());
-  }
-  for (const TableRow& row : rows) {
-    std::string line;
-    for (size_t c = 0; c < kColumns; ++c) {
-      const std::string padding(widths[c] - row[c].size(), ' ');
-      line += "  " + (kRightAligned[c] ? padding + row[c] : row[c] + padding);
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    std::cout << line << '\n';
-  }
-}
-
 void PrintNetwork(const Json& network, size_t number) {
   std::cout << "\nnetwork " << number << '\n';
   std::vector<TableRow> rows = {kHeading};
   for (const Json& layer : network.at("layers")) rows.push_back(RowOf(layer));
   rows.push_back({"", "total", "", "", "", network.at("parameters").dump(),
                   network.at("bytes").dump(), "", ""});
-  PrintTable(rows);
+  PrintTable(rows, kRightAligned);
   if (const Json& failure = network.at("link_failure"); !failure.is_null()) {
     std::cout << "  cannot be linked: " << Printable(failure.get<std::string>()) << '\n';
   }
@@ -195,8 +179,8 @@ void PrintFile(const Json& file) {
   std::cout << Printable(file.at("file").get<std::string>()) << ": "
             << file.at("form").get<std::string>() << ", networks " << networks.size()
             << ", parameters " << file.at("parameters") << ", bytes held " << file.at("bytes")
-            << "\nvector target " << file.at("vector_target").get<std::string>() << ", BLAS core "
-            << file.at("blas_core").get<std::string>() << '\n';
+            << '\n'
+            << MachineText() << '\n';
   for (size_t i = 0; i < networks.size(); ++i) PrintNetwork(networks[i], i + 1);
   const Json& fits = file.at("fits_next");
   if (!fits.empty()) std::cout << '\n';

@@ -1,4 +1,4 @@
-// `handwriting`: looks at model files, converts them and runs them.
+// `handwriting`: looks at model files, converts them, runs them and times them.
 
 #include <algorithm>
 #include <exception>
@@ -21,6 +21,13 @@ std::string Printable(std::string text) {
   const auto is_control = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
   std::replace_if(text.begin(), text.end(), is_control, '?');
   return text;
+}
+
+std::string MachineText() {
+  using tarev::nnet::handwriting_CTC::blas_core_name;
+  using tarev::nnet::handwriting_CTC::vector_target_name;
+  std::string text = "vector target ";
+  return text.append(vector_target_name()).append(", BLAS core ").append(blas_core_name());
 }
 
 void PrintError(const std::string& text) {
@@ -46,14 +53,7 @@ Files are written beside their target and renamed when they are complete.
 Exit status: 0 done; 1 the work failed, one line on standard error says what and where; 2 the command
 line is wrong.)";
 
-/// Which program this is and what its results hang on: the vector target and the BLAS core.
-std::string VersionText() {
-  using tarev::nnet::handwriting_CTC::blas_core_name;
-  using tarev::nnet::handwriting_CTC::vector_target_name;
-  std::string text = "handwriting " HANDWRITING_VERSION;
-  text.append(", vector target ").append(vector_target_name());
-  return text.append(", BLAS core ").append(blas_core_name());
-}
+std::string VersionText() { return "handwriting " HANDWRITING_VERSION ", " + MachineText(); }
 
 int ExitStatus(CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {  // --help, --version
@@ -73,12 +73,14 @@ int ExitStatus(CLI::App& app, const CLI::ParseError& error) {
 
 int Run(int argc, char** argv) {
   CLI::App app(
-      "Looks at the model files of the handwriting recognizer, converts them and runs them.",
+      "Looks at the model files of the handwriting recognizer, converts them, runs them\n"
+      "and times them.",
       "handwriting");
   app.set_version_flag("--version", VersionText, "Print version, vector target and BLAS core");
   app.footer(kFooter);
   app.require_subcommand(1);
-  const Command commands[] = {AddInspect(app), AddConvert(app), AddForward(app), AddRecognize(app)};
+  const Command commands[] = {AddInspect(app), AddConvert(app), AddForward(app), AddRecognize(app),
+                              AddBench(app)};
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

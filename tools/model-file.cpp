@@ -109,6 +109,12 @@ bool IsTextModel(FILE* fp) {
   return is_text;
 }
 
+void RefuseTextModel(const std::string& path) {
+  const FilePointer file = OpenForReading(path);
+  if (!IsTextModel(file.get())) return;
+  throw std::runtime_error(path + ": text form found, binary form wanted (handwriting convert)");
+}
+
 ModelFile ReadModelFile(const std::string& path) {
   const FilePointer file = OpenForReading(path);
   try {

@@ -22,6 +22,9 @@ FilePointer OpenForReading(const std::string& path);
 /// Whether the stream, which must be seekable, holds a model in text form. Goes back to its start.
 bool IsTextModel(FILE* fp);
 
+/// Throws std::runtime_error for a file in text form, which the library's own reader does not take.
+void RefuseTextModel(const std::string& path);
+
 /// All networks of a file, in order.
 struct ModelFile {
   bool is_text = false;

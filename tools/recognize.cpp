@@ -31,7 +31,6 @@ using Sequence = std::vector<int>;
 
 // Frames to prepare for; a longer input makes the recognizer grow, once.
 constexpr int kPreparedFrames = 256;
-constexpr int kMaxBest = 1000;
 
 struct Options {
   std::string model;
@@ -235,12 +234,6 @@ class Session {
   Recognizer recognizer_;
   Labels labels_;
 };
-
-void RefuseTextModel(const std::string& path) {
-  const FilePointer file = OpenForReading(path);
-  if (!IsTextModel(file.get())) return;
-  throw std::runtime_error(path + ": text form found, binary form wanted (handwriting convert)");
-}
 
 int Run(const Options& options) {
   RefuseTextModel(options.model);

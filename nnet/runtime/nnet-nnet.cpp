@@ -118,7 +118,9 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
   FloatArray* from = &buffer_a_;
   FloatArray* to = &buffer_b_;
   for (size_t position = 0; position < nnet_->layers.size(); ++position) {
+    if (observer_ != nullptr) observer_->BeforeLayer(position);
     shape = RunLayer(position, in, *from, *to, shape, call_id, frame_limit);
+    if (observer_ != nullptr) observer_->AfterLayer(position);
     std::swap(from, to);
   }
   output_ = from;

@@ -32,6 +32,14 @@ struct BlockShape {
   uint64_t floats() const { return BlockFloats(channels, dim, frames); }
 };
 
+/// Is told when each layer of a call begins and ends to run. A call that throws leaves the end out.
+class LayerObserver {
+ public:
+  virtual ~LayerObserver() = default;
+  virtual void BeforeLayer(size_t position) = 0;
+  virtual void AfterLayer(size_t position) = 0;
+};
+
 /// Runs one network. Frames move between layers through two buffers that change places after every
 /// layer and only grow; once they have the size of the largest call, a call allocates nothing.
 ///
@@ -62,6 +70,10 @@ class NnetForward {
   /// Prepares for a new input: clears the call count and what the layers carry.
   void Reset();
 
+  /// Has the layers of every call from here on watched by `observer`, which the caller owns; null for
+  /// none.
+  void Observe(LayerObserver* observer) { observer_ = observer; }
+
   /// The result of the last call, valid until the next one; of no meaning after a call that threw.
   /// The executor owns it.
   const float* Output() const { return output_->data(); }
@@ -89,6 +101,7 @@ class NnetForward {
   void GrowBuffersTo(uint64_t floats);
 
   Nnet* nnet_;
+  LayerObserver* observer_ = nullptr;
   int64_t cur_frames_ = 0;
   int32_t input_dim_ = 0;
   int32_t output_dim_ = 0;
