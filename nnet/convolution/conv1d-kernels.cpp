@@ -116,9 +116,64 @@ constexpr std::array<TileFunction, sizeof...(kLess)> TilesOf(std::index_sequence
   return {&Tile<kWidth, 1, kDepthwise, kLess + 1>...};
 }
 
+// The taps of a depthwise sum whose weights and inputs fit the registers together.
+constexpr size_t kMostSlidingTaps = HWY_TARGET <= HWY_AVX3 ? 12 : 6;
+
+// A depthwise convolution in which one frame's inputs are those of the frame before, moved on by one:
+// they stay in registers, and a frame loads a single new one. The places of the inputs go round, so
+// that none is moved.
+template <size_t kWidth, size_t kTaps>
+void SlideOverFrames(const ConvolutionRun& run, const TilePlace& at) {
+  const BlockTag<kWidth> d;
+  using V = hn::Vec<BlockTag<kWidth>>;
+  constexpr size_t kLanes = hn::MaxLanes(d);
+  const ptrdiff_t in_step = run.in_frame_step;
+  const ptrdiff_t out_step = run.out_frame_step;
+  for (size_t v = 0; v < VectorsOf<kWidth>(); ++v) {
+    const float* in = at.in + v * kLanes;
+    const float* rows = at.weights + v * kLanes;
+    float* out = at.out + v * kLanes;
+    const V bias = hn::LoadU(d, at.bias + v * kLanes);
+    V weights[kTaps];
+    V inputs[kTaps];
+#pragma GCC unroll 12
+    for (size_t tap = 0; tap < kTaps; ++tap) weights[tap] = hn::LoadU(d, rows + tap * kWidth);
+#pragma GCC unroll 12
+    for (size_t tap = 0; tap + 1 < kTaps; ++tap, in += in_step) inputs[tap] = hn::LoadU(d, in);
+    for (size_t left = run.frames; left != 0;) {
+#pragma GCC unroll 12
+      for (size_t f = 0; f < kTaps && left != 0; ++f, --left, in += in_step, out += out_step) {
+        inputs[(f + kTaps - 1) % kTaps] = hn::LoadU(d, in);
+        V sum = hn::Zero(d);
+#pragma GCC unroll 12
+        for (size_t tap = 0; tap < kTaps; ++tap) {
+          sum = hn::Add(sum, hn::Mul(inputs[(f + tap) % kTaps], weights[tap]));
+        }
+        hn::StoreU(hn::Add(sum, bias), d, out);
+      }
+    }
+  }
+}
+
+template <size_t kWidth, size_t... kLess>
+constexpr std::array<TileFunction, sizeof...(kLess)> SlidesOf(std::index_sequence<kLess...>) {
+  return {&SlideOverFrames<kWidth, kLess + 1>...};
+}
+
+// Whether a run's inputs slide so. Few frames do not pay for the loads before the first.
+bool Slides(const ConvolutionRun& run) {
+  const size_t taps = run.outer.count * run.inner.count;
+  return run.outer.count == 1 && taps >= 1 && taps <= kMostSlidingTaps && run.frames >= 4 &&
+         run.inner.in_step == run.in_frame_step && run.inner.weight_step == 1;
+}
+
 // The frames of a run in tiles of about the same size, so that no small one is left over.
 template <size_t kWidth, bool kDepthwise>
 void RunBlock(const ConvolutionRun& run, TilePlace at) {
+  if constexpr (kDepthwise) {
+    static constexpr auto kSlides = SlidesOf<kWidth>(std::make_index_sequence<kMostSlidingTaps>());
+    if (Slides(run)) return kSlides[run.inner.count - 1](run, at);
+  }
   constexpr size_t kMost =
       std::max<size_t>(1, (kDepthwise ? kDepthwiseChains : kChains) / VectorsOf<kWidth>());
   static constexpr auto kTiles = TilesOf<kWidth, kDepthwise>(std::make_index_sequence<kMost>());
