@@ -24,7 +24,7 @@ struct _hist_t;
 class _hist_ptr_t {
  public:
   _hist_ptr_t() noexcept = default;
-  _hist_ptr_t(std::nullptr_t) noexcept {}
+  _hist_ptr_t(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor): as the standard's
   _hist_ptr_t(const _hist_ptr_t& other) noexcept;
   _hist_ptr_t(_hist_ptr_t&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
   _hist_ptr_t& operator=(_hist_ptr_t other) noexcept {
@@ -70,8 +70,9 @@ struct _hist_t {
 // path would wait for each of them.
 inline void prefetch_ancestors(const _hist_t* node) noexcept {
   constexpr std::uintptr_t kDistance = 48 * sizeof(_hist_t);
-  __builtin_prefetch(
-      reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(node) - kDistance));
+  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(node) - kDistance;
+  // Only an address: there may be nothing. NOLINTNEXTLINE(performance-no-int-to-ptr)
+  __builtin_prefetch(reinterpret_cast<const void*>(address));
 }
 
 inline _hist_ptr_t::_hist_ptr_t(const _hist_ptr_t& other) noexcept : node_(other.node_) {
