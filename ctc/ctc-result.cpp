@@ -67,7 +67,7 @@ int _beam_search_t::get_CTC_result(int* output, int* len) const {
   }
   std::sort(order.begin(), order.end(), [&sequences](std::size_t a, std::size_t b) {
     const auto compared = sequences[a] <=> sequences[b];
-    return compared < 0 || (compared == 0 && a < b);
+    return std::is_lt(compared) || (std::is_eq(compared) && a < b);
   });
   for (const std::size_t i : order) {
     const float score = beam_list[i].score;

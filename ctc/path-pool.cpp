@@ -26,8 +26,8 @@ void _path_pool_t::begin_block(std::size_t index) noexcept {
 // In a loop: through the destructors of the parents it would take one stack frame per frame of the
 // input.
 void _path_pool_t::release(_hist_t* node) noexcept {
-  auto* const block =
-      reinterpret_cast<_block_t*>(reinterpret_cast<std::uintptr_t>(node) & ~(kBlockBytes - 1));
+  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(node) & ~(kBlockBytes - 1);
+  auto* const block = reinterpret_cast<_block_t*>(address);  // NOLINT(performance-no-int-to-ptr)
   _path_pool_t& pool = *block->pool;
   do {
     prefetch_ancestors(node);

@@ -366,7 +366,7 @@ void ByteRows(const CodeRow* rows, size_t count, const CodePanels& weights, cons
 #endif
 
 // Tiles with the digits of twelve bits, whose products with codes are summed in pairs.
-#if HWY_TARGET == HWY_SCALAR
+#if HWY_TARGET > HWY_SSSE3  // without vectors, or with emulated ones
 
 using PairTag = hn::CappedTag<int16_t, 1>;
 constexpr size_t kPairOutputs = 1;

@@ -1,0 +1,87 @@
+// What the machine can do at most: fused multiply-adds from registers, and reads from each level of
+// memory. The other rows are measured against these.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <vector>
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "bench/limits-bench.cpp"
+#include <hwy/foreach_target.h>  // IWYU pragma: keep
+// After foreach_target.h, which includes this file again for every target.
+#include <hwy/highway.h>
+
+HWY_BEFORE_NAMESPACE();
+namespace handwriting::bench {
+namespace HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+constexpr size_t kChains = 10;
+
+// `steps` multiply-adds in each of ten chains; returns the number of floats that they made.
+size_t MultiplyAdds(size_t steps, float factor, float* result) {
+  const hn::ScalableTag<float> d;
+  const auto x = hn::Set(d, factor);
+  hn::Vec<decltype(d)> sums[kChains];
+#pragma GCC unroll 10
+  for (size_t c = 0; c < kChains; ++c) sums[c] = hn::Set(d, static_cast<float>(c));
+  for (size_t i = 0; i < steps; ++i) {
+#pragma GCC unroll 10
+    for (size_t c = 0; c < kChains; ++c) sums[c] = hn::MulAdd(sums[c], x, x);
+  }
+  float total = 0.0F;
+  for (size_t c = 0; c < kChains; ++c) total += hn::GetLane(sums[c]);
+  *result = total;
+  return steps * kChains * hn::Lanes(d);
+}
+
+float Read(const float* values, size_t count) {
+  const hn::ScalableTag<float> d;
+  const size_t lanes = hn::Lanes(d);
+  auto s0 = hn::Zero(d), s1 = s0, s2 = s0, s3 = s0;
+  for (size_t i = 0; i + 4 * lanes <= count; i += 4 * lanes) {
+    s0 = hn::Add(s0, hn::LoadU(d, values + i));
+    s1 = hn::Add(s1, hn::LoadU(d, values + i + lanes));
+    s2 = hn::Add(s2, hn::LoadU(d, values + i + 2 * lanes));
+    s3 = hn::Add(s3, hn::LoadU(d, values + i + 3 * lanes));
+  }
+  return hn::GetLane(hn::Add(hn::Add(s0, s1), hn::Add(s2, s3)));
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace handwriting::bench
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace handwriting::bench {
+namespace {
+
+HWY_EXPORT(MultiplyAdds);
+HWY_EXPORT(Read);
+
+void BM_LimitOfArithmetic(benchmark::State& state) {
+  size_t floats = 0;
+  float result = 0.0F;
+  for (auto _ : state) {
+    floats += HWY_DYNAMIC_DISPATCH(MultiplyAdds)(10000, 0.5F, &result);
+    benchmark::DoNotOptimize(result);
+  }
+  state.counters["FLOP/s"] =
+      benchmark::Counter(2.0 * static_cast<double>(floats), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_LimitOfArithmetic);
+
+void BM_LimitOfReading(benchmark::State& state) {
+  const std::vector<float> values(static_cast<size_t>(state.range(0)) * 256, 1.0F);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(HWY_DYNAMIC_DISPATCH(Read)(values.data(), values.size()));
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0) * 1024);
+}
+BENCHMARK(BM_LimitOfReading)->ArgName("KiB")->Arg(16)->Arg(512)->Arg(4096)->Arg(65536);
+
+}  // namespace
+}  // namespace handwriting::bench
+#endif  // HWY_ONCE
