@@ -108,12 +108,12 @@ void BM_ConvPlainLoop(benchmark::State& state) {
   Report(state, p);
 }
 
-// Dense with three taps, and depthwise with five.
+// Dense with three taps, and depthwise with three and five.
 void Shapes(benchmark::internal::Benchmark* bench) {
   bench->ArgNames({"channels", "frames", "taps", "groups"})->Unit(benchmark::kMicrosecond);
   for (const int frames : {16, 128, 1024}) {
     for (const int channels : {64, 128, 256}) bench->Args({channels, frames, 3, 1});
-    bench->Args({128, frames, 5, 128});
+    for (const int taps : {3, 5}) bench->Args({128, frames, taps, 128});
   }
 }
 

@@ -48,6 +48,7 @@ void PlainElements(const float* in, size_t rows, size_t cols, float* out) {
 
 KERNEL_BENCH(softmax, runtime::fast_softmax, 128, 100);
 KERNEL_BENCH(softmax_narrow, runtime::fast_softmax, 128, 11);
+KERNEL_BENCH(softmax_row, runtime::fast_softmax, 1, 100);
 KERNEL_BENCH(softmax_plain, PlainSoftmax, 128, 100);
 KERNEL_BENCH(softmax_narrow_plain, PlainSoftmax, 128, 11);
 KERNEL_BENCH(log_softmax, runtime::fast_log_softmax, 128, 7000);

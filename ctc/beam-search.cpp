@@ -25,8 +25,7 @@ _beam_search_t::_beam_search_t(int beam_size, int topn_size, int classes, std::F
 void _beam_search_t::process_first_frame(const float* frame) {
   // A path of the input before could outlast this one in an entry that no candidate replaces, and
   // be longer than this input. Without any path alive the pool starts anew.
-  for (_list_score_node& entry : topn_result) entry.hist.reset();
-  for (_list_score_node& entry : beam_list) entry.hist.reset();
+  release_paths();
   get_topn(frame, label_dim, topn_index);
   search_first_frame();
 }
@@ -41,6 +40,14 @@ void _beam_search_t::process_all_frame(const float* frames, int count) {
   process_first_frame(frames);
   for (int t = 1; t < count; ++t) {
     process_one_frame(frames + static_cast<std::size_t>(t) * static_cast<std::size_t>(label_dim));
+  }
+}
+
+void _beam_search_t::release_paths() {
+  for (bool left = true; left;) {
+    left = false;
+    for (_list_score_node& entry : topn_result) left |= _path_pool_t::release_stretch(entry.hist);
+    for (_list_score_node& entry : beam_list) left |= _path_pool_t::release_stretch(entry.hist);
   }
 }
 

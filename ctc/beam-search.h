@@ -87,9 +87,15 @@ class _beam_search_t {
   std::vector<_origin_t> origins_;
   std::vector<_list_score_node> next_result_;
 
-  // Working memory of get_CTC_result, kept from call to call: the sequence of each beam entry, the
-  // entries sorted by sequence, and what they merge to.
+  // The label sequences of `beam_list`, in `scratch_`.
+  void collapse_paths() const;
+  // Releases the paths of both beams.
+  void release_paths();
+
+  // Working memory of get_CTC_result, kept from call to call: how far the path of each beam entry has
+  // been walked, its sequence, the entries sorted by sequence, and what they merge to.
   struct _result_scratch_t {
+    std::vector<_path_walk_t> walks;
     std::vector<std::vector<int>> sequences;
     std::vector<std::size_t> order;
     std::vector<_result_score_node> results;

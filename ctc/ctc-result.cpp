@@ -4,6 +4,7 @@
 #include <cmath>
 #include <compare>
 #include <cstddef>
+#include <numeric>
 #include <vector>
 
 #include "ctc/beam-search.h"
@@ -13,16 +14,16 @@ namespace handwriting_CTC {
 
 namespace {
 
-// The label sequence of a path: runs of equal labels count once, then blanks are dropped.
-void collapse_path(const _hist_t* newest, std::vector<int>& sequence) {
-  sequence.clear();
-  int last = -1;
-  for (const _hist_t* node = newest; node != nullptr; node = node->parent.get()) {
+// Goes on with the label sequence of a path, newest label first: runs of equal labels count once,
+// then blanks are dropped.
+void collapse_stretch(_path_walk_t& walk, std::vector<int>& sequence) {
+  auto [node, last] = walk;
+  for (int left = kPathStretch; left > 0 && node != nullptr; --left, node = node->parent.get()) {
     prefetch_ancestors(node);
     if (node->label != last && node->label != 0) sequence.push_back(node->label);
     last = node->label;
   }
-  std::reverse(sequence.begin(), sequence.end());
+  walk = {node, last};
 }
 
 // Best first. With a NaN among the scores the comparison is no strict weak order, which std::sort
@@ -53,18 +54,34 @@ float log_add(float v, float s) {
   return static_cast<float>(sum + static_cast<double>(larger));
 }
 
+void _beam_search_t::collapse_paths() const {
+  auto& walks = scratch_.walks;
+  auto& sequences = scratch_.sequences;
+  walks.resize(beam_list.size());
+  sequences.resize(beam_list.size());
+  for (std::size_t i = 0; i < beam_list.size(); ++i) {
+    walks[i] = {beam_list[i].hist.get(), -1};
+    sequences[i].clear();
+  }
+  for (bool left = true; left;) {
+    left = false;
+    for (std::size_t i = 0; i < walks.size(); ++i) {
+      collapse_stretch(walks[i], sequences[i]);
+      left |= walks[i].node != nullptr;
+    }
+  }
+  for (std::vector<int>& sequence : sequences) std::reverse(sequence.begin(), sequence.end());
+}
+
 // Paths are collapsed first. Sorted by their sequences, and within one sequence in the order of the
 // beam, equal ones lie side by side and are merged in that order.
 int _beam_search_t::get_CTC_result(int* output, int* len) const {
-  auto& [sequences, order, results] = scratch_;
-  sequences.resize(beam_list.size());
+  collapse_paths();
+  auto& [walks, sequences, order, results] = scratch_;
   order.resize(beam_list.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
   results.clear();
   results.reserve(beam_list.size());
-  for (std::size_t i = 0; i < beam_list.size(); ++i) {
-    collapse_path(beam_list[i].hist.get(), sequences[i]);
-    order[i] = i;
-  }
   std::sort(order.begin(), order.end(), [&sequences](std::size_t a, std::size_t b) {
     const auto compared = sequences[a] <=> sequences[b];
     return std::is_lt(compared) || (std::is_eq(compared) && a < b);

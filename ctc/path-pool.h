@@ -29,6 +29,10 @@ class _path_pool_t {
     return _hist_ptr_t(new (cell) _hist_t(label, parent));
   }
 
+  // Lets go of the newest nodes of a path, of up to kPathStretch, as far as no other path shares them.
+  // Returns whether any are left in `path`.
+  static bool release_stretch(_hist_ptr_t& path) noexcept;
+
  private:
   friend class _hist_ptr_t;
 
@@ -67,6 +71,10 @@ class _path_pool_t {
   void next_block();
   void begin_block(std::size_t index) noexcept;
 
+  static _path_pool_t& pool_of(_hist_t* node) noexcept;
+  // Destroys a node without holders and returns its parent, which still counts it as a holder.
+  _hist_t* destroy(_hist_t* node) noexcept;
+  void begin_anew_if_empty() noexcept;
   // Destroys a node without holders, and the ancestors that it was the last holder of.
   static void release(_hist_t* node) noexcept;
 

@@ -66,6 +66,16 @@ struct _hist_t {
   _hist_ptr_t parent;    // null at the first frame
 };
 
+// Whoever walks all paths of a beam takes turns after so many nodes: the nodes of a frame lie side by
+// side, and what one path brought into the cache serves the others.
+inline constexpr int kPathStretch = 128;
+
+// How far a path has been walked.
+struct _path_walk_t {
+  const _hist_t* node;  // the next one; null at the end
+  int last;             // the label before it
+};
+
 // Asks for the memory of nodes some frames before: they lie at lower addresses, and a walk along a long
 // path would wait for each of them.
 inline void prefetch_ancestors(const _hist_t* node) noexcept {

@@ -97,7 +97,8 @@ constexpr Shape kShapes[] = {{2, 4, 3, 1, 1, 1, 1, 2},           {1, 1, 1, 1, 0,
                              {5, 20, 1, 4, 0, 0, 7, 1},          {3, 11, 0, 1, 0, 0, 1, 1},
                              {3, 5, 3, 2, 1, 1, 1, 1, true, 1},  {3, 17, 5, 2, 0, 0, 2, 1},
                              {2, 3, 2, 5, 0, 0, 1, 1, true, 9},  {4, 8, 7, 4, 2, 1, 6, 2},
-                             {9, 9, 4, 3, 1, 0, 2, 9, false, 2}, {2, 2, 3, 4, 0, 0, 2, 1}};
+                             {9, 9, 4, 3, 1, 0, 2, 9, false, 2}, {2, 2, 3, 4, 0, 0, 2, 1},
+                             {20, 20, 11, 1, 5, 5, 1, 20}};
 
 /// Runs the layer of a file over several numbers of frames on every vector target. Every fifth
 /// value of its input is one of `specials`, where there are any.

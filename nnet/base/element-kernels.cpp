@@ -20,7 +20,7 @@
 // After foreach_target.h, which includes this file again for every target.
 #include <hwy/highway.h>
 
-#include "nnet/base/row-columns-inl.h"
+#include "nnet/base/softmax-inl.h"
 #include "nnet/base/vector-math-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -64,15 +64,6 @@ struct LogOp {
   }
 };
 
-// e^(x - max), +infinity where the difference is NaN.
-struct ExpOfDifferenceOp {
-  float max;
-  template <class D, class V>
-  V operator()(D d, V x) const {
-    return ExpOfDifference(d, hn::Sub(x, hn::Set(d, max)));
-  }
-};
-
 // Multiplies as scale_vec does: a factor of 0 clears infinities and NaNs too.
 struct ScaleOp {
   float factor;
@@ -82,11 +73,12 @@ struct ScaleOp {
   }
 };
 
+// The logarithm of x >= 0 scaled by a factor >= 0.
 struct ScaledLogOp {
   float factor;
   template <class D, class V>
   V operator()(D d, V x) const {
-    return Log(d, ScaleOp{factor}(d, x));
+    return LogOfNonNegative(d, ScaleOp{factor}(d, x));
   }
 };
 
@@ -122,101 +114,15 @@ void MulToRows(float* X, size_t rows, size_t cols, const float* v, float scale) 
   for (size_t r = 0; r < rows; ++r, X += cols) Map2(X, v, cols, X, MulScaledOp{scale});
 }
 
-float ScalarMax(const float* v, size_t n, float max) {
-  for (size_t i = 0; i < n; ++i) {
-    if (v[i] > max) max = v[i];
-  }
-  return max;
-}
-
-// Each lane keeps what a forward scan over its own elements, beginning with v[0], would keep; so a
-// NaN at the front stays and later ones are passed over. The largest value does not depend on the
-// order of the scan but for the sign of a zero, which is looked up at the end.
+// The largest value does not depend on the order of the scan but for the sign of a zero, which is
+// looked up at the end.
 float MaxOf(const float* v, size_t n) {
   const hn::ScalableTag<float> d;
-  const size_t lanes = hn::Lanes(d);
-  if (n < 2 * lanes) return ScalarMax(v, n, v[0]);
-  auto best = hn::Set(d, v[0]);
-  size_t i = 0;
-  for (; i + lanes <= n; i += lanes) {
-    const auto x = hn::LoadU(d, v + i);
-    best = hn::IfThenElse(hn::Gt(x, best), x, best);
-  }
   HWY_ALIGN float kept[hn::MaxLanes(d)];
-  hn::Store(best, d, kept);
-  const float max = ScalarMax(v + i, n - i, ScalarMax(kept, lanes, kept[0]));
+  hn::Store(MaxByLanes(d, v, n), d, kept);
+  float max = kept[0];
+  for (const float x : kept) max = x > max ? x : max;
   return max == 0.0F ? *std::find(v, v + n, 0.0F) : max;
-}
-
-// MaxOf but for the sign of a zero, which no difference shows.
-float LargestOf(const float* v, size_t n) {
-  const hn::ScalableTag<float> d;
-  const size_t lanes = hn::Lanes(d);
-  const auto first = hn::Set(d, v[0]);
-  const auto larger = [](auto best, auto x)
-                          HWY_ATTR { return hn::IfThenElse(hn::Gt(x, best), x, best); };
-  auto best = first;
-  auto best1 = first;
-  auto best2 = first;
-  auto best3 = first;
-  size_t i = 0;
-  for (; i + 4 * lanes <= n; i += 4 * lanes) {
-    best = larger(best, hn::LoadU(d, v + i));
-    best1 = larger(best1, hn::LoadU(d, v + i + lanes));
-    best2 = larger(best2, hn::LoadU(d, v + i + 2 * lanes));
-    best3 = larger(best3, hn::LoadU(d, v + i + 3 * lanes));
-  }
-  best = larger(larger(best, best1), larger(best2, best3));
-  for (; i + lanes <= n; i += lanes) best = larger(best, hn::LoadU(d, v + i));
-  if (i < n) {
-    const auto inside = hn::FirstN(d, n - i);
-    best = larger(best, hn::IfThenElse(inside, LoadPart(d, v + i, n - i), first));
-  }
-  return hn::GetLane(hn::MaxOfLanes(d, best));
-}
-
-// The sum of a row is defined in element order, so that it is the same on every target: one chain of
-// additions, each of which waits for the one before. As many rows as a vector has lanes are summed side
-// by side, a row a lane.
-#if HWY_TARGET != HWY_SCALAR
-template <class D>
-HWY_INLINE void AddColumns(D d, const float* X, size_t stride, size_t count, float* sums) {
-  auto sum = hn::LoadU(d, sums);
-  ForEachColumn(d, X, stride, count, [&](auto column) HWY_ATTR { sum = hn::Add(sum, column); });
-  hn::StoreU(sum, d, sums);
-}
-#endif
-
-HWY_INLINE void AddColumns(hn::CappedTag<float, 1> /*d*/, const float* X, size_t /*stride*/,
-                           size_t count, float* sum) {
-  for (size_t c = 0; c < count; ++c) *sum += X[c];
-}
-
-// Columns that are summed while the exponentials of a group of rows are in the first-level cache.
-constexpr size_t kSoftmaxColumns = 128;
-
-// Softmax of groups of rows in three passes: the largest value of each row; the exponentials and their
-// sums, some columns at a time; `FinishOp{1 / sum}` over each row.
-template <class FinishOp>
-void SoftmaxRows(const float* in, size_t rows, size_t cols, float* out) {
-  ForEachRowGroup(hn::ScalableTag<float>(), 0, rows, [=](auto d, size_t first) HWY_ATTR {
-    constexpr size_t kGroup = hn::MaxLanes(d);
-    const float* x = in + first * cols;
-    float* y = out + first * cols;
-    float largest[kGroup];
-    float sums[kGroup] = {};
-    for (size_t r = 0; r < kGroup; ++r) largest[r] = LargestOf(x + r * cols, cols);
-    for (size_t c = 0; c < cols; c += kSoftmaxColumns) {
-      const size_t count = std::min(kSoftmaxColumns, cols - c);
-      for (size_t r = 0; r < kGroup; ++r) {
-        const size_t at = r * cols + c;
-        Map(x + at, count, y + at, ExpOfDifferenceOp{largest[r]});
-      }
-      AddColumns(d, y + c, cols, count, sums);
-    }
-    for (size_t r = 0; r < kGroup; ++r)
-      Map(y + r * cols, cols, y + r * cols, FinishOp{1.0F / sums[r]});
-  });
 }
 
 void Softmax(const float* in, size_t rows, size_t cols, float* out) {

@@ -65,6 +65,52 @@ HWY_INLINE void ForEachColumn(D d, const float* X, size_t stride, size_t count,
   }
 }
 
+/// Transposes the N x N values of `rows`, N being the lanes of D: first every 4 x 4 values in place,
+/// by the instructions that interleave within 128-bit blocks, then the blocks among themselves.
+template <class D>
+HWY_INLINE void TransposeSquare(D d, hn::Vec<D> (&rows)[hn::MaxLanes(D())]) {
+  using V = hn::Vec<D>;
+  constexpr size_t kLanes = hn::MaxLanes(D());
+  V quads[kLanes / 4][4];  // block b of quads[g][c]: column 4 b + c of rows 4 g … 4 g + 3
+#pragma GCC unroll 4
+  for (size_t g = 0; g < kLanes / 4; ++g) {
+    const V* row = rows + 4 * g;
+    const V even_low = hn::InterleaveLower(d, row[0], row[2]);
+    const V odd_low = hn::InterleaveLower(d, row[1], row[3]);
+    const V even_high = hn::InterleaveUpper(d, row[0], row[2]);
+    const V odd_high = hn::InterleaveUpper(d, row[1], row[3]);
+    quads[g][0] = hn::InterleaveLower(d, even_low, odd_low);
+    quads[g][1] = hn::InterleaveUpper(d, even_low, odd_low);
+    quads[g][2] = hn::InterleaveLower(d, even_high, odd_high);
+    quads[g][3] = hn::InterleaveUpper(d, even_high, odd_high);
+  }
+#pragma GCC unroll 4
+  for (size_t c = 0; c < 4; ++c) {
+    if constexpr (kLanes == 4) {
+      rows[c] = quads[0][c];
+    } else if constexpr (kLanes == 8) {
+      rows[c] = hn::ConcatLowerLower(d, quads[1][c], quads[0][c]);
+      rows[4 + c] = hn::ConcatUpperUpper(d, quads[1][c], quads[0][c]);
+    } else {
+      static_assert(kLanes == 16);
+      const V even_low = hn::ConcatLowerLower(d, quads[2][c], quads[0][c]);
+      const V odd_low = hn::ConcatLowerLower(d, quads[3][c], quads[1][c]);
+      const V even_high = hn::ConcatUpperUpper(d, quads[2][c], quads[0][c]);
+      const V odd_high = hn::ConcatUpperUpper(d, quads[3][c], quads[1][c]);
+      rows[c] = hn::OddEvenBlocks(hn::SwapAdjacentBlocks(odd_low), even_low);
+      rows[4 + c] = hn::OddEvenBlocks(odd_low, hn::SwapAdjacentBlocks(even_low));
+      rows[8 + c] = hn::OddEvenBlocks(hn::SwapAdjacentBlocks(odd_high), even_high);
+      rows[12 + c] = hn::OddEvenBlocks(odd_high, hn::SwapAdjacentBlocks(even_high));
+    }
+  }
+}
+
+#else
+
+/// A single value.
+template <class D>
+HWY_INLINE void TransposeSquare(D /*d*/, hn::Vec<D> (&/*rows*/)[1]) {}
+
 #endif
 
 /// Cuts `rows` rows into groups as large as vectors are, the last ones smaller: calls run(d, first)

@@ -22,36 +22,58 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-/// out[i] = op(in[i]) for n values; `in` and `out` may be the same array. The tail runs through the
-/// same vector code, so that a value gives the same bits wherever it is.
+/// How a kernel reaches a whole vector of an array.
+template <class D>
+struct WholeVector {
+  D d;
+  HWY_INLINE hn::Vec<D> Load(const float* p) const { return hn::LoadU(d, p); }
+  HWY_INLINE void Store(hn::Vec<D> v, float* p) const { hn::StoreU(v, d, p); }
+};
+
+/// How it reaches the tail of an array: 0 < n < lanes values. The arithmetic is that of whole
+/// vectors, so that a value gives the same bits wherever it is.
+template <class D>
+struct FirstLanes {
+  D d;
+  size_t n;
+  HWY_INLINE hn::Vec<D> Load(const float* p) const { return LoadPart(d, p, n); }
+  HWY_INLINE void Store(hn::Vec<D> v, float* p) const { StorePart(d, v, p, n); }
+};
+
+/// Calls body(access, i) for every vector of n values, i being its first value and `access` the way
+/// to it in any array of n values: WholeVector, at the end FirstLanes where a tail is left.
+template <class Body>
+HWY_INLINE void ForEachVector(size_t n, const Body& body) {
+  using D = hn::ScalableTag<float>;
+  const size_t lanes = hn::Lanes(D());
+  size_t i = 0;
+  for (; i + lanes <= n; i += lanes) body(WholeVector<D>(), i);
+  if (i < n) body(FirstLanes<D>{D(), n - i}, i);
+}
+
+/// out[i] = op(in[i]) for n values; `in` and `out` may be the same array. Two vectors a step, so
+/// that one's chain of operations runs in the shadow of the other's.
 template <class Op>
-void Map(const float* in, size_t n, float* out, const Op op) {
+HWY_INLINE void Map(const float* in, size_t n, float* out, const Op& op) {
   const hn::ScalableTag<float> d;
   const size_t lanes = hn::Lanes(d);
   size_t i = 0;
   for (; i + 2 * lanes <= n; i += 2 * lanes) {
-    const auto first = op(d, hn::LoadU(d, in + i));
-    const auto second = op(d, hn::LoadU(d, in + i + lanes));
-    hn::StoreU(first, d, out + i);
-    hn::StoreU(second, d, out + i + lanes);
+    const auto y0 = op(d, hn::LoadU(d, in + i));
+    const auto y1 = op(d, hn::LoadU(d, in + i + lanes));
+    hn::StoreU(y0, d, out + i);
+    hn::StoreU(y1, d, out + i + lanes);
   }
-  for (; i + lanes <= n; i += lanes) hn::StoreU(op(d, hn::LoadU(d, in + i)), d, out + i);
-  if (i == n) return;
-  StorePart(d, op(d, LoadPart(d, in + i, n - i)), out + i, n - i);
+  ForEachVector(n - i, [&](auto access, size_t j)
+                           HWY_ATTR { access.Store(op(d, access.Load(in + i + j)), out + i + j); });
 }
 
 /// out[i] = op(a[i], b[i]), likewise; `out` may be `a` or `b`.
 template <class Op>
-void Map2(const float* a, const float* b, size_t n, float* out, const Op& op) {
-  const hn::ScalableTag<float> d;
-  const size_t lanes = hn::Lanes(d);
-  size_t i = 0;
-  for (; i + lanes <= n; i += lanes) {
-    hn::StoreU(op(d, hn::LoadU(d, a + i), hn::LoadU(d, b + i)), d, out + i);
-  }
-  if (i == n) return;
-  const size_t left = n - i;
-  StorePart(d, op(d, LoadPart(d, a + i, left), LoadPart(d, b + i, left)), out + i, left);
+HWY_INLINE void Map2(const float* a, const float* b, size_t n, float* out, const Op& op) {
+  ForEachVector(n, [&](auto access, size_t i) HWY_ATTR {
+    access.Store(op(access.d, access.Load(a + i), access.Load(b + i)), out + i);
+  });
 }
 
 /// Truncates values of integer range; any integer elsewhere, where the general conversion takes a few
@@ -73,7 +95,8 @@ HWY_INLINE hn::Vec<DI> Truncate(DI di, V t) {
   return hn::ConvertTo(di, t);
 }
 
-/// fast_math::ExpFromBits where 0 < t < kExpLimit; any value elsewhere.
+/// fast_math::ExpFromBits for 0 <= t <= kExpLimit, with 0 and +infinity at the ends; any value
+/// elsewhere.
 template <class D, class V>
 HWY_INLINE V ExpFromBits(D d, V t) {
   const hn::RebindToSigned<D> di;
@@ -126,9 +149,20 @@ template <class D, class V>
 HWY_INLINE V ExpOfDifference(D d, V x) {
   const V t =
       hn::Add(hn::Mul(x, hn::Set(d, fast_math::kExpScale)), hn::Set(d, fast_math::kExpBias));
-  const V e = hn::IfThenElseZero(hn::Gt(t, hn::Zero(d)), ExpFromBits(d, t));
-  const V infinity = hn::Set(d, std::numeric_limits<float>::infinity());
-  return hn::IfThenElse(hn::Lt(t, hn::Set(d, fast_math::kExpLimit)), e, infinity);
+  // Of a NaN and a number Min gives its second argument.
+  return ExpFromBits(d, hn::Max(hn::Min(t, hn::Set(d, fast_math::kExpLimit)), hn::Zero(d)));
+}
+
+/// fast_math::FastLog of x, with the bits of x as an unsigned integer converted to `number`.
+template <class D, class V>
+HWY_INLINE V LogOfBits(D d, V x, V number) {
+  const hn::RebindToUnsigned<D> du;
+  const auto mantissa = hn::And(hn::BitCast(du, x), hn::Set(du, fast_math::kMantissaMask));
+  const V m = hn::BitCast(d, hn::Or(mantissa, hn::Set(du, fast_math::kHalfBits)));
+  V y = hn::Sub(hn::Mul(number, hn::Set(d, fast_math::kLogScale)), hn::Set(d, fast_math::kLogBias));
+  y = hn::Sub(y, hn::Mul(hn::Set(d, fast_math::kLogB1), m));
+  y = hn::Sub(y, hn::Div(hn::Set(d, fast_math::kLogB2), hn::Add(m, hn::Set(d, fast_math::kLogB3))));
+  return hn::Mul(y, hn::Set(d, fast_math::kLogLn2));
 }
 
 /// fast_math::FastLog. Not every target converts unsigned integers: the bits are converted in two
@@ -140,13 +174,13 @@ HWY_INLINE V Log(D d, V x) {
   const auto bits = hn::BitCast(du, x);
   const V high = hn::ConvertTo(d, hn::BitCast(di, hn::ShiftRight<16>(bits)));
   const V low = hn::ConvertTo(d, hn::BitCast(di, hn::And(bits, hn::Set(du, 0xFFFF))));
-  const V value = hn::Add(hn::Mul(high, hn::Set(d, 65536.0F)), low);
-  const V m = hn::BitCast(d, hn::Or(hn::And(bits, hn::Set(du, fast_math::kMantissaMask)),
-                                    hn::Set(du, fast_math::kHalfBits)));
-  V y = hn::Sub(hn::Mul(value, hn::Set(d, fast_math::kLogScale)), hn::Set(d, fast_math::kLogBias));
-  y = hn::Sub(y, hn::Mul(hn::Set(d, fast_math::kLogB1), m));
-  y = hn::Sub(y, hn::Div(hn::Set(d, fast_math::kLogB2), hn::Add(m, hn::Set(d, fast_math::kLogB3))));
-  return hn::Mul(y, hn::Set(d, fast_math::kLogLn2));
+  return LogOfBits(d, x, hn::Add(hn::Mul(high, hn::Set(d, 65536.0F)), low));
+}
+
+/// The same where the sign bit of x is clear, which leaves the conversion a single step.
+template <class D, class V>
+HWY_INLINE V LogOfNonNegative(D d, V x) {
+  return LogOfBits(d, x, hn::ConvertTo(d, hn::BitCast(hn::RebindToSigned<D>(), x)));
 }
 
 }  // namespace HWY_NAMESPACE

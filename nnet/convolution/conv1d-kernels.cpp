@@ -25,6 +25,8 @@ namespace hn = hwy::HWY_NAMESPACE;
 constexpr size_t kChains = 12;
 // A depthwise sum is short and every product loads an input of its own: fewer chains do.
 constexpr size_t kDepthwiseChains = 6;
+// The longest depthwise sum whose weights stay in registers, beside the bias and the sum.
+constexpr size_t kMostTaps = 9;
 // Blocks that are computed side by side where a run has a single frame, which alone has too few
 // chains.
 constexpr size_t kBlocksOfOneFrame = 4;
@@ -116,67 +118,78 @@ constexpr std::array<TileFunction, sizeof...(kLess)> TilesOf(std::index_sequence
   return {&Tile<kWidth, 1, kDepthwise, kLess + 1>...};
 }
 
-// The taps of a depthwise sum whose weights and inputs fit the registers together.
-constexpr size_t kMostSlidingTaps = HWY_TARGET <= HWY_AVX3 ? 12 : 6;
-
-// A depthwise convolution in which one frame's inputs are those of the frame before, moved on by one:
-// they stay in registers, and a frame loads a single new one. The places of the inputs go round, so
-// that none is moved.
+// All frames of a depthwise run of so few taps that their weights stay in registers. The sums of the
+// frames do not depend on each other, and the processor overlaps as many as it can. A sum starts
+// with its first product: that differs from one that starts from 0 in the sign of a zero at most, and
+// adding a bias that is not -0 removes the difference.
+//
+// Where each frame's taps are those of the frame before moved on by one, they stay in registers too,
+// in a ring that one value enters a frame; after as many frames as taps it is where it was.
 template <size_t kWidth, size_t kTaps>
-void SlideOverFrames(const ConvolutionRun& run, const TilePlace& at) {
+void DepthwiseFrames(const ConvolutionRun& run, const TilePlace& at) {
   const BlockTag<kWidth> d;
   using V = hn::Vec<BlockTag<kWidth>>;
-  constexpr size_t kLanes = hn::MaxLanes(d);
-  const ptrdiff_t in_step = run.in_frame_step;
-  const ptrdiff_t out_step = run.out_frame_step;
-  for (size_t v = 0; v < VectorsOf<kWidth>(); ++v) {
-    const float* in = at.in + v * kLanes;
-    const float* rows = at.weights + v * kLanes;
-    float* out = at.out + v * kLanes;
-    const V bias = hn::LoadU(d, at.bias + v * kLanes);
+  const ptrdiff_t in_frame_step = run.in_frame_step;
+  const ptrdiff_t out_frame_step = run.out_frame_step;
+  const ptrdiff_t tap_step = run.inner.in_step;
+  const ptrdiff_t row_step = run.inner.weight_step * static_cast<ptrdiff_t>(kWidth);
+  for (size_t c = 0; c < kWidth; c += hn::MaxLanes(d)) {
+    const float* in = at.in + c;
+    float* out = at.out + c;
+    const V bias = hn::Add(hn::LoadU(d, at.bias + c), hn::Zero(d));
     V weights[kTaps];
-    V inputs[kTaps];
-#pragma GCC unroll 12
-    for (size_t tap = 0; tap < kTaps; ++tap) weights[tap] = hn::LoadU(d, rows + tap * kWidth);
-#pragma GCC unroll 12
-    for (size_t tap = 0; tap + 1 < kTaps; ++tap, in += in_step) inputs[tap] = hn::LoadU(d, in);
-    for (size_t left = run.frames; left != 0;) {
-#pragma GCC unroll 12
-      for (size_t f = 0; f < kTaps && left != 0; ++f, --left, in += in_step, out += out_step) {
-        inputs[(f + kTaps - 1) % kTaps] = hn::LoadU(d, in);
-        V sum = hn::Zero(d);
-#pragma GCC unroll 12
-        for (size_t tap = 0; tap < kTaps; ++tap) {
-          sum = hn::Add(sum, hn::Mul(inputs[(f + tap) % kTaps], weights[tap]));
+#pragma GCC unroll 16
+    for (size_t tap = 0; tap < kTaps; ++tap) {
+      weights[tap] = hn::LoadU(d, at.weights + c + static_cast<ptrdiff_t>(tap) * row_step);
+    }
+    const auto value = [&](size_t tap) HWY_ATTR {
+      return hn::LoadU(d, in + static_cast<ptrdiff_t>(tap) * tap_step);
+    };
+    const auto compute_frame = [&](const V& first, const auto& value_of) HWY_ATTR {
+      V sum = hn::Mul(first, weights[0]);
+#pragma GCC unroll 16
+      for (size_t tap = 1; tap < kTaps; ++tap) {
+        sum = hn::Add(sum, hn::Mul(value_of(tap), weights[tap]));
+      }
+      hn::StoreU(hn::Add(sum, bias), d, out);
+      in += in_frame_step;
+      out += out_frame_step;
+    };
+
+    size_t left = run.frames;
+    if (in_frame_step == tap_step && left >= kTaps) {
+      V ring[kTaps];
+#pragma GCC unroll 16
+      for (size_t tap = 0; tap + 1 < kTaps; ++tap) ring[tap] = value(tap);
+      for (; left >= kTaps; left -= kTaps) {
+#pragma GCC unroll 16
+        for (size_t f = 0; f < kTaps; ++f) {
+          ring[(f + kTaps - 1) % kTaps] = value(kTaps - 1);
+          compute_frame(ring[f], [&](size_t tap) HWY_ATTR { return ring[(f + tap) % kTaps]; });
         }
-        hn::StoreU(hn::Add(sum, bias), d, out);
       }
     }
+    for (; left != 0; --left) compute_frame(value(0), value);
   }
 }
 
+// The functions above by their number of taps, from 1 on.
 template <size_t kWidth, size_t... kLess>
-constexpr std::array<TileFunction, sizeof...(kLess)> SlidesOf(std::index_sequence<kLess...>) {
-  return {&SlideOverFrames<kWidth, kLess + 1>...};
-}
-
-// Whether a run's inputs slide so. Few frames do not pay for the loads before the first.
-bool Slides(const ConvolutionRun& run) {
-  const size_t taps = run.outer.count * run.inner.count;
-  return run.outer.count == 1 && taps >= 1 && taps <= kMostSlidingTaps && run.frames >= 4 &&
-         run.inner.in_step == run.in_frame_step && run.inner.weight_step == 1;
+constexpr std::array<TileFunction, sizeof...(kLess)> DepthwiseOf(std::index_sequence<kLess...>) {
+  return {&DepthwiseFrames<kWidth, kLess + 1>...};
 }
 
 // The frames of a run in tiles of about the same size, so that no small one is left over.
 template <size_t kWidth, bool kDepthwise>
 void RunBlock(const ConvolutionRun& run, TilePlace at) {
-  if constexpr (kDepthwise) {
-    static constexpr auto kSlides = SlidesOf<kWidth>(std::make_index_sequence<kMostSlidingTaps>());
-    if (Slides(run)) return kSlides[run.inner.count - 1](run, at);
-  }
   constexpr size_t kMost =
       std::max<size_t>(1, (kDepthwise ? kDepthwiseChains : kChains) / VectorsOf<kWidth>());
   static constexpr auto kTiles = TilesOf<kWidth, kDepthwise>(std::make_index_sequence<kMost>());
+  if constexpr (kDepthwise) {
+    static constexpr auto kByTaps = DepthwiseOf<kWidth>(std::make_index_sequence<kMostTaps>());
+    const size_t taps = run.inner.count;
+    if (run.outer.count == 1 && taps - 1 < kMostTaps) return kByTaps[taps - 1](run, at);
+  }
   size_t left = run.frames;
   for (size_t tiles = (run.frames + kMost - 1) / kMost; tiles != 0; --tiles) {
     const size_t frames = (left + tiles - 1) / tiles;
