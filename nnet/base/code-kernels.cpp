@@ -178,15 +178,11 @@ HWY_INLINE void EndOutputs(const CodeRow& row, const CodePanels& weights, const 
   if (end.scale != 1.0F) {
     for (float& value : values) value = end.scale == 0.0F ? 0.0F : value * end.scale;
   }
-  if (n + kOutputs <= weights.outputs) {
-    for (size_t i = 0; i < kOutputs; ++i) {
-      row.out[n + i] = end.bias != nullptr ? values[i] + end.bias[n + i] : values[i];
-    }
-  } else {
-    for (size_t i = 0; n + i < weights.outputs; ++i) {
-      row.out[n + i] = end.bias != nullptr ? values[i] + end.bias[n + i] : values[i];
-    }
+  const size_t count = std::min(kOutputs, weights.outputs - n);
+  if (end.bias != nullptr) {
+    for (size_t i = 0; i < count; ++i) values[i] += end.bias[n + i];
   }
+  std::copy_n(values, count, row.out + n);
 }
 
 // Rows with infinities and NaNs: all other terms are too small to matter.
