@@ -1,5 +1,5 @@
-// What a call costs beside the work of its layers: a network of layers that do next to nothing on one
-// value, and the same layers called one after another.
+// What a call costs beside the work of its layers: a network of layers that do next to nothing on
+// one value, and the same layers called one after another.
 
 #include <benchmark/benchmark.h>
 

@@ -1,5 +1,5 @@
-// Layers that multiply rows with weights, as floats and as 8-bit codes, beside the plain form of the
-// same work: whole BLAS calls on the rows of the file, scalar gates.
+// Layers that multiply rows with weights, as floats and as 8-bit codes, beside the plain form of
+// the same work: whole BLAS calls on the rows of the file, scalar gates.
 
 #include <benchmark/benchmark.h>
 
@@ -109,7 +109,8 @@ BENCHMARK(BM_Affine)->Apply(AffineSizes);
 BENCHMARK(BM_AffineFixed)->Apply(AffineSizes);
 BENCHMARK(BM_AffinePlain)->Apply(AffineSizes);
 
-// Recurrent layers of so many cells on as many inputs: cells, frames. A projection halves the cells.
+// Recurrent layers of so many cells on as many inputs: cells, frames. A projection halves the
+// cells.
 
 enum class Cell { kLstm, kProjected, kGru };
 

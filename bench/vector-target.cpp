@@ -1,5 +1,5 @@
-// HANDWRITING_BENCH_TARGET in the environment (AVX2, SSE4, SSSE3) measures the library as it runs on
-// a processor whose best vector target is that one. OPENBLAS_CORETYPE does the like for the BLAS
+// HANDWRITING_BENCH_TARGET in the environment (AVX2, SSE4, SSSE3) measures the library as it runs
+// on a processor whose best vector target is that one. OPENBLAS_CORETYPE does the like for the BLAS
 // library.
 
 #include <cstdio>

@@ -92,8 +92,8 @@ class _beam_search_t {
   // Releases the paths of both beams.
   void release_paths();
 
-  // Working memory of get_CTC_result, kept from call to call: how far the path of each beam entry has
-  // been walked, its sequence, the entries sorted by sequence, and what they merge to.
+  // Working memory of get_CTC_result, kept from call to call: how far the path of each beam entry
+  // has been walked, its sequence, the entries sorted by sequence, and what they merge to.
   struct _result_scratch_t {
     std::vector<_path_walk_t> walks;
     std::vector<std::vector<int>> sequences;

@@ -9,13 +9,14 @@
 
 namespace handwriting_CTC {
 
-// Memory of path nodes. A released node is reused by a later one; memory returns to the heap only when
-// the pool is destroyed, so the pool holds what the longest input so far needed. Every survivor of
-// every frame gets a node, and taking or returning one is a few instructions. For one thread at a time.
+// Memory of path nodes. A released node is reused by a later one; memory returns to the heap only
+// when the pool is destroyed, so the pool holds what the longest input so far needed. Every
+// survivor of every frame gets a node, and taking or returning one is a few instructions. For one
+// thread at a time.
 //
-// Nodes that are not reused are handed out in the order of their addresses, and once no node is alive
-// the pool begins with the first address again: the path that an input ends with lies in memory about
-// as it will be walked.
+// Nodes that are not reused are handed out in the order of their addresses, and once no node is
+// alive the pool begins with the first address again: the path that an input ends with lies in
+// memory about as it will be walked.
 class _path_pool_t {
  public:
   _path_pool_t() = default;
@@ -29,8 +30,8 @@ class _path_pool_t {
     return _hist_ptr_t(new (cell) _hist_t(label, parent));
   }
 
-  // Lets go of the newest nodes of a path, of up to kPathStretch, as far as no other path shares them.
-  // Returns whether any are left in `path`.
+  // Lets go of the newest nodes of a path, of up to kPathStretch, as far as no other path shares
+  // them. Returns whether any are left in `path`.
   static bool release_stretch(_hist_ptr_t& path) noexcept;
 
  private:
@@ -41,8 +42,8 @@ class _path_pool_t {
   };
   static_assert(sizeof(_hist_t) == 16 && sizeof(_free_cell_t) <= sizeof(_hist_t));
 
-  // A block lies at a multiple of its size, so that a node finds its pool: the pointer at the start of
-  // the block around it.
+  // A block lies at a multiple of its size, so that a node finds its pool: the pointer at the start
+  // of the block around it.
   static constexpr std::size_t kBlockBytes = std::size_t{16} << 10;
   struct _block_t {
     _path_pool_t* pool;
@@ -66,8 +67,8 @@ class _path_pool_t {
     fresh_ += sizeof(_hist_t);
     return cell;
   }
-  // Goes on to the next block, which is allocated if it is not there. Throws std::bad_alloc and leaves
-  // the pool as it was.
+  // Goes on to the next block, which is allocated if it is not there. Throws std::bad_alloc and
+  // leaves the pool as it was.
   void next_block();
   void begin_block(std::size_t index) noexcept;
 

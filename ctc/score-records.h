@@ -19,8 +19,8 @@ struct _index_score_node {
 
 struct _hist_t;
 
-// A shared pointer to a path node, which counts its holders itself: half the size of the standard one,
-// and without the cost of counting for several threads.
+// A shared pointer to a path node, which counts its holders itself: half the size of the standard
+// one, and without the cost of counting for several threads.
 class _hist_ptr_t {
  public:
   _hist_ptr_t() noexcept = default;
@@ -66,8 +66,8 @@ struct _hist_t {
   _hist_ptr_t parent;    // null at the first frame
 };
 
-// Whoever walks all paths of a beam takes turns after so many nodes: the nodes of a frame lie side by
-// side, and what one path brought into the cache serves the others.
+// Whoever walks all paths of a beam takes turns after so many nodes: the nodes of a frame lie side
+// by side, and what one path brought into the cache serves the others.
 inline constexpr int kPathStretch = 128;
 
 // How far a path has been walked.
@@ -76,8 +76,8 @@ struct _path_walk_t {
   int last;             // the label before it
 };
 
-// Asks for the memory of nodes some frames before: they lie at lower addresses, and a walk along a long
-// path would wait for each of them.
+// Asks for the memory of nodes some frames before: they lie at lower addresses, and a walk along a
+// long path would wait for each of them.
 inline void prefetch_ancestors(const _hist_t* node) noexcept {
   constexpr std::uintptr_t kDistance = 48 * sizeof(_hist_t);
   const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(node) - kDistance;

@@ -166,8 +166,8 @@ TEST(Weights, CodeProductsAreAsExactAsFloatsAndTheSameEverywhere) {
   }
 }
 
-// The largest sums that digits and codes can give, for offsets that are folded into them and for those
-// that are not: all results are known.
+// The largest sums that digits and codes can give, for offsets that are folded into them and for
+// those that are not: all results are known.
 TEST(Weights, CodeProductsAtTheEdgesOfTheirRange) {
   ForEachVectorTarget([] {
     for (const int32_t offset : {-128, -255, 0, 250, 2048, -2100, 1 << 30}) {

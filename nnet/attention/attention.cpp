@@ -50,9 +50,9 @@ void AttentionLayer::ReserveScores(int64_t queries, int64_t keys) {
   GrowBlock(value_panels_, BlockFloats(1, padded(head_dim), keys));
 }
 
-// A head is a band of columns. Its keys and values become the panels of two products; then, for each
-// tile of query rows, three steps: scores, softmax of each score row, weighted sum of the values.
-// Queries and context are read and written in place.
+// A head is a band of columns. Its keys and values become the panels of two products; then, for
+// each tile of query rows, three steps: scores, softmax of each score row, weighted sum of the
+// values. Queries and context are read and written in place.
 void AttentionLayer::Attend(const float* query, int64_t queries, const float* key,
                             const float* value, int64_t keys, float* context) {
   const size_t d = ToSize(model_dim);

@@ -54,8 +54,8 @@ class AttentionLayer : public Component {
 
   /// Grows a buffer to `floats` floats; throws when that is more than a block may hold.
   void GrowBlock(FloatArray& buffer, uint64_t floats);
-  /// Makes room for the scores of one tile of query rows against `keys` keys, and for the keys or values
-  /// of one head.
+  /// Makes room for the scores of one tile of query rows against `keys` keys, and for the keys or
+  /// values of one head.
   void ReserveScores(int64_t queries, int64_t keys);
   /// For each head, context = softmax(query key' / sqrt(head_dim)) value. Rows are model_dim wide,
   /// `queries` of query and context, `keys` of key and value. Without keys the context is 0. Needs

@@ -20,8 +20,8 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// The integers of a row reach up to here: three signed digits of a byte each can say them, and two of
-// twelve bits.
+// The integers of a row reach up to here: three signed digits of a byte each can say them, and two
+// of twelve bits.
 constexpr float kLargest = 8355000.0F;
 // The largest factor between a row and its integers. Rows of yet smaller values lose places.
 constexpr float kLargestFactor = 0x1p120F;
@@ -33,8 +33,8 @@ constexpr size_t kAlignment = 64;
 // Three planes of bytes, or two planes of 16 bits, which is more.
 constexpr size_t kPlaneBytes = 4;
 
-// One row as integers: `digits` holds its planes, each of `padded` digits with zeros behind the last
-// input.
+// One row as integers: `digits` holds its planes, each of `padded` digits with zeros behind the
+// last input.
 struct CodeRow {
   int8_t* digits;
   size_t padded;
@@ -98,9 +98,9 @@ HWY_INLINE int32_t LaneSum(D d, V v) {
   return sum;
 }
 
-// The digits of `n` <= kChunkInputs values, which are those of the row from input `first` on, and their
-// sums. With bytes the planes are those of 2^16, 2^8 and 1, otherwise those of 2^12 and 1, all digits
-// signed.
+// The digits of `n` <= kChunkInputs values, which are those of the row from input `first` on, and
+// their sums. With bytes the planes are those of 2^16, 2^8 and 1, otherwise those of 2^12 and 1,
+// all digits signed.
 template <class D>
 void StoreDigits(D d, const float* values, size_t n, float factor, bool bytes, CodeRow& row,
                  size_t first) {
@@ -144,7 +144,8 @@ void StoreDigits(D d, const float* values, size_t n, float factor, bool bytes, C
   row.sum += int64_t{LaneSum(di, high_sum)} * 4096 + LaneSum(di, low_sum);
 }
 
-// Turns one row into integers, the last of them from a padded copy. False when a value is not finite.
+// Turns one row into integers, the last of them from a padded copy. False when a value is not
+// finite.
 bool MakeRow(const float* in, size_t inputs, float scale, bool bytes, CodeRow& row) {
   const hn::ScalableTag<float> d;
   const float largest = LargestMagnitude(in, inputs);
@@ -166,7 +167,8 @@ bool MakeRow(const float* in, size_t inputs, float scale, bool bytes, CodeRow& r
 }
 
 // Ends kOutputs neighbouring outputs of a row: `totals` are the sums of integers times codes, whose
-// offset enters through the sum of the integers. Every step is rounded by itself, on all targets alike.
+// offset enters through the sum of the integers. Every step is rounded by itself, on all targets
+// alike.
 template <size_t kOutputs>
 HWY_INLINE void EndOutputs(const CodeRow& row, const CodePanels& weights, const ProductEnd& end,
                            size_t n, const double* totals) {
@@ -204,9 +206,9 @@ void NonFiniteRow(const float* in, const CodePanels& weights, const ProductEnd& 
 
 #if HWY_TARGET <= HWY_AVX3
 
-// Sums of four products of bytes in each 32-bit lane, in one instruction that takes unsigned codes and
-// signed digits. It is written out because the compiler moves the accumulators of the intrinsic to
-// the stack.
+// Sums of four products of bytes in each 32-bit lane, in one instruction that takes unsigned codes
+// and signed digits. It is written out because the compiler moves the accumulators of the intrinsic
+// to the stack.
 constexpr size_t kByteTileRows = 2;
 constexpr size_t kByteTilePanels = 4;
 constexpr size_t kBytePlanes = 3;
@@ -229,8 +231,8 @@ HWY_INLINE __m512i FourDigits(const int8_t* digits) {
   return four;
 }
 
-// Eight exact totals from their sums in the three planes, of which the lower two may have been joined
-// as integers.
+// Eight exact totals from their sums in the three planes, of which the lower two may have been
+// joined as integers.
 HWY_INLINE __m512d JoinPlanes(__m256i high, __m256i middle, __m256i low) {
   const __m512d total =
       _mm512_fmadd_pd(_mm512_cvtepi32_pd(high), _mm512_set1_pd(65536.0), _mm512_cvtepi32_pd(low));
@@ -278,8 +280,8 @@ bool FitsByteTiles(const CodePanels& weights) {
   constexpr int32_t kLargestOffset = 2048;
   return weights.inputs <= kChunkInputs && std::abs(int64_t{weights.offset}) <= kLargestOffset;
 }
-// Whether the sums of the two lower planes fit 32 bits together: a digit is no larger than 128, and 256
-// times the larger of the two sums counts.
+// Whether the sums of the two lower planes fit 32 bits together: a digit is no larger than 128, and
+// 256 times the larger of the two sums counts.
 bool LowerPlanesFit(const CodePanels& weights) {
   const int64_t offset = weights.offset;
   const int64_t largest = std::max(std::abs(offset), std::abs(offset + 255));
@@ -400,8 +402,8 @@ HWY_INLINE hn::Vec<PairTag> FourDigits(const int16_t* digits) {
   return hn::BitCast(PairTag(), hn::Set(hn::Repartition<int64_t, PairTag>(), four));
 }
 
-// sum += pairs of products, done here and now: the compiler would otherwise form all products before
-// it adds any, and run out of registers.
+// sum += pairs of products, done here and now: the compiler would otherwise form all products
+// before it adds any, and run out of registers.
 template <class V>
 HWY_INLINE V AddPairs(V sum, hn::Vec<PairTag> codes, hn::Vec<PairTag> digits) {
   V unused = sum;

@@ -1,17 +1,17 @@
 #ifndef NNET_BASE_CODE_KERNELS_H_
 #define NNET_BASE_CODE_KERNELS_H_
 
-// Products of float rows with 8-bit codes in panels, by integer arithmetic. Code q of a matrix means
-// the weight (q + offset) / scale.
+// Products of float rows with 8-bit codes in panels, by integer arithmetic. Code q of a matrix
+// means the weight (q + offset) / scale.
 //
 // A row of input is brought to integers of 24 bits, the largest magnitude near the end of their
 // range, so that what is lost is a few units in 10^8 of that magnitude. Codes and integers are
 // multiplied and summed exactly; each result is rounded where it is turned into a float. Its bits
 // are therefore the same on every vector target, for any number of rows.
 //
-// Panels are those of panel-kernels.h, all of them of full width, with units of four codes: the codes
-// of one output for inputs 4 k to 4 k + 3 are neighbours. Inputs that are missing at the end have codes
-// of 0.
+// Panels are those of panel-kernels.h, all of them of full width, with units of four codes: the
+// codes of one output for inputs 4 k to 4 k + 3 are neighbours. Inputs that are missing at the end
+// have codes of 0.
 
 #include <cstddef>
 #include <cstdint>

@@ -16,8 +16,8 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-/// The first `count` lanes of a vector; the others are zeros. Reads nothing beyond them. Targets before
-/// AVX2 have no masked access to memory.
+/// The first `count` lanes of a vector; the others are zeros. Reads nothing beyond them. Targets
+/// before AVX2 have no masked access to memory.
 template <class D>
 HWY_INLINE hn::Vec<D> LoadPart(D d, const float* from, size_t count) {
   if constexpr (HWY_TARGET <= HWY_AVX2) return hn::MaskedLoad(hn::FirstN(d, count), d, from);
@@ -26,8 +26,9 @@ HWY_INLINE hn::Vec<D> LoadPart(D d, const float* from, size_t count) {
   return hn::Load(d, values);
 }
 
-/// Stores the first `count` lanes, fewer than all, and nothing beyond them. Before AVX-512 by halves,
-/// halves of halves and so on: masked stores of older targets take longer, where there are any.
+/// Stores the first `count` lanes, fewer than all, and nothing beyond them. Before AVX-512 by
+/// halves, halves of halves and so on: masked stores of older targets take longer, where there are
+/// any.
 template <class D>
 HWY_INLINE void StorePart([[maybe_unused]] D d, [[maybe_unused]] hn::Vec<D> v,
                           [[maybe_unused]] float* to, [[maybe_unused]] size_t count) {

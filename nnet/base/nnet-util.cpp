@@ -19,9 +19,9 @@ constexpr size_t kMaxFloats = size_t{1} << 30;
 
 thread_local uint64_t array_allocations = 0;
 
-// Fresh memory costs more than anything that is done with it once: the system clears it page by page
-// as it is touched. Whole huge pages within a large array are asked for, which takes a fourth of the
-// time; where the system has none to give, nothing changes.
+// Fresh memory costs more than anything that is done with it once: the system clears it page by
+// page as it is touched. Whole huge pages within a large array are asked for, which takes a fourth
+// of the time; where the system has none to give, nothing changes.
 constexpr size_t kHugePage = size_t{2} << 20;
 
 // Floats of any value, or null when the count is too large or the memory cannot be had. The bytes

@@ -25,10 +25,11 @@ void free_floats(float* p) noexcept;
 /// Arrays that the calling thread has allocated so far, for programs that watch a steady state.
 uint64_t ArrayAllocations() noexcept;
 
-/// Memory for the arrays of a model that is being read: while one is open, arrays that the same thread
-/// allocates uncleared lie side by side in one block, which the system can give in few large pages.
-/// The block is freed with the last of its arrays. `expected_bytes` is what the arrays may take at
-/// most; where that is little, or the block cannot be had, every array is allocated by itself.
+/// Memory for the arrays of a model that is being read: while one is open, arrays that the same
+/// thread allocates uncleared lie side by side in one block, which the system can give in few large
+/// pages. The block is freed with the last of its arrays. `expected_bytes` is what the arrays may
+/// take at most; where that is little, or the block cannot be had, every array is allocated by
+/// itself.
 class ArrayArena {
  public:
   explicit ArrayArena(size_t expected_bytes);

@@ -19,15 +19,15 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
 // Sums are formed side by side in registers: rows of input by vectors of outputs. The rows share
-// every vector of weights that is loaded, the vectors every input value. With 32 registers (AVX-512)
-// four vectors of outputs fit, with 16 two.
+// every vector of weights that is loaded, the vectors every input value. With 32 registers
+// (AVX-512) four vectors of outputs fit, with 16 two.
 using TileTag = hn::CappedTag<float, kPanelOutputs>;
 using NarrowTag = hn::CappedTag<float, kNarrowOutputs>;
 constexpr size_t kTileRows = 6;
 constexpr size_t kTileVectors = HWY_TARGET <= HWY_AVX3 ? 4 : 2;
-// The inputs after which the sums of a tile are put down in the output, and the rows that all panels
-// are multiplied with before the next rows are: what is read again then lies in the second-level
-// cache.
+// The inputs after which the sums of a tile are put down in the output, and the rows that all
+// panels are multiplied with before the next rows are: what is read again then lies in the
+// second-level cache.
 constexpr size_t kBlockInputs = 512;
 constexpr size_t kBlockRows = 120;
 
@@ -41,8 +41,8 @@ constexpr size_t VectorsPerPanel() {
   return kWidth / LanesOf<D>();
 }
 
-// A single row has as many chains as vectors: enough to hide the latency of the multiply-adds, and few
-// enough streams of weights for the first-level cache. They are those of whole panels.
+// A single row has as many chains as vectors: enough to hide the latency of the multiply-adds, and
+// few enough streams of weights for the first-level cache. They are those of whole panels.
 template <class D>
 constexpr size_t RowVectors() {
   return VectorsPerPanel<D>() == 1 ? 6 : std::max<size_t>(8, VectorsPerPanel<D>());
@@ -165,8 +165,8 @@ constexpr auto TilesOf(std::index_sequence<kLess...> /*rows*/) {
       std::make_index_sequence<TileVectors<D, kWidth>()>())...};
 }
 
-// All rows of a block with the outputs of one tile. The rows are spread evenly over tiles, so that no
-// small one is left over.
+// All rows of a block with the outputs of one tile. The rows are spread evenly over tiles, so that
+// no small one is left over.
 template <class D, size_t kWidth, class T>
 void TileRows(TilePlace<T> at, size_t rows, size_t outputs) {
   static constexpr auto kTiles = TilesOf<D, kWidth, T>(std::make_index_sequence<kTileRows>());
@@ -294,8 +294,8 @@ void Product(StridedRows<const float> in, size_t rows, const Panels<float>& weig
   ManyRows(in, rows, weights, end, out);
 }
 
-// Half as many bytes a weight, so that the conversion counts: to eight floats it takes less than half
-// the time of that to sixteen.
+// Half as many bytes a weight, so that the conversion counts: to eight floats it takes less than
+// half the time of that to sixteen.
 void HalfProduct(StridedRows<const float> in, size_t rows, const Panels<uint16_t>& weights,
                  const ProductEnd& end, StridedRows<float> out) {
   if (rows == 1) return OneRow<hn::CappedTag<float, 8>>(in.data, weights, end, out.data);
@@ -304,8 +304,8 @@ void HalfProduct(StridedRows<const float> in, size_t rows, const Panels<uint16_t
 
 #if HWY_TARGET != HWY_SCALAR
 
-// A square of units transposed in registers, whose side is the number of units in 16 bytes. Each step
-// interleaves the first half of the rows with the second.
+// A square of units transposed in registers, whose side is the number of units in 16 bytes. Each
+// step interleaves the first half of the rows with the second.
 template <class T>
 HWY_INLINE void TransposeSquare(StridedRows<const T> in, T* panel, size_t width) {
   const hn::CappedTag<T, 16 / sizeof(T)> d;
@@ -330,8 +330,8 @@ HWY_INLINE void TransposeSquare(StridedRows<const T> in, T* panel, size_t width)
 
 #endif
 
-// Squares first, in strips as wide as a cache line, so that a line is read whole before those of other
-// rows take its place; then what is left over at both edges, unit by unit.
+// Squares first, in strips as wide as a cache line, so that a line is read whole before those of
+// other rows take its place; then what is left over at both edges, unit by unit.
 template <class T>
 void Fill(StridedRows<const T> units, size_t rows, size_t count, size_t first, T* panel,
           size_t width) {

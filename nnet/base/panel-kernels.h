@@ -19,8 +19,8 @@ namespace tarev::nnet::handwriting_CTC {
 
 /// Outputs of a panel.
 inline constexpr size_t kPanelOutputs = 16;
-/// Outputs of the last panel where these are enough for it. Outputs that are missing in the last panel
-/// are zeros.
+/// Outputs of the last panel where these are enough for it. Outputs that are missing in the last
+/// panel are zeros.
 inline constexpr size_t kNarrowOutputs = 8;
 
 /// The outputs of the panel that begins `left` outputs before the end.
@@ -42,8 +42,8 @@ struct Panels {
 };
 
 /// What becomes of a finished sum s of output n: s * scale + bias[n], both rounded. Without a bias
-/// nothing is added. A scale of 0 gives zeros, whatever the sum is. The bias of a single row may be the
-/// row of results itself, to which the product is then added.
+/// nothing is added. A scale of 0 gives zeros, whatever the sum is. The bias of a single row may be
+/// the row of results itself, to which the product is then added.
 struct ProductEnd {
   const float* bias = nullptr;
   float scale = 1.0F;
@@ -56,15 +56,15 @@ void panel_product(StridedRows<const float> in, size_t rows, const Panels<float>
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<uint16_t>& weights,
                    const ProductEnd& end, StridedRows<float> out);
 
-/// Writes `rows` rows of `count` units into a panel of the given width from its output `first` on: unit
-/// k of row r becomes panel[k * width + first + r]. A unit is 16 or 32 bits.
+/// Writes `rows` rows of `count` units into a panel of the given width from its output `first` on:
+/// unit k of row r becomes panel[k * width + first + r]. A unit is 16 or 32 bits.
 void fill_panel(StridedRows<const uint32_t> units, size_t rows, size_t count, size_t first,
                 uint32_t* panel, size_t width);
 void fill_panel(StridedRows<const uint16_t> units, size_t rows, size_t count, size_t first,
                 uint16_t* panel, size_t width);
 
-/// Panels of rows of weights: an output each of `inputs` weights, or an input each of `outputs` weights.
-/// `panels` has room for PaddedOutputs(outputs) x inputs floats.
+/// Panels of rows of weights: an output each of `inputs` weights, or an input each of `outputs`
+/// weights. `panels` has room for PaddedOutputs(outputs) x inputs floats.
 void pack_outputs(StridedRows<const float> rows, size_t outputs, size_t inputs, float* panels);
 void pack_inputs(StridedRows<const float> rows, size_t outputs, size_t inputs, float* panels);
 

@@ -37,9 +37,9 @@ HWY_INLINE hn::Vec<D> LoadRowBlocks(D d, const float* X, size_t cols) {
   }
 }
 
-/// Calls consume(v) for every one of `count` columns in order; lane r of v is the value of row r. D has
-/// at least four lanes, X as many rows as D has lanes, `stride` floats apart. Columns left over after
-/// the last four are gathered one by one.
+/// Calls consume(v) for every one of `count` columns in order; lane r of v is the value of row r. D
+/// has at least four lanes, X as many rows as D has lanes, `stride` floats apart. Columns left over
+/// after the last four are gathered one by one.
 template <class D, class Consume>
 HWY_INLINE void ForEachColumn(D d, const float* X, size_t stride, size_t count,
                               const Consume& consume) {
@@ -65,8 +65,9 @@ HWY_INLINE void ForEachColumn(D d, const float* X, size_t stride, size_t count,
   }
 }
 
-/// Transposes the N x N values of `rows`, N being the lanes of D: first every 4 x 4 values in place,
-/// by the instructions that interleave within 128-bit blocks, then the blocks among themselves.
+/// Transposes the N x N values of `rows`, N being the lanes of D: first every 4 x 4 values in
+/// place, by the instructions that interleave within 128-bit blocks, then the blocks among
+/// themselves.
 template <class D>
 HWY_INLINE void TransposeSquare(D d, hn::Vec<D> (&rows)[hn::MaxLanes(D())]) {
   using V = hn::Vec<D>;

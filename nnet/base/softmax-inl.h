@@ -1,5 +1,5 @@
-// Softmax of the rows of a matrix, each finished by an element-wise function of its own. Included after
-// hwy/highway.h, once per target.
+// Softmax of the rows of a matrix, each finished by an element-wise function of its own. Included
+// after hwy/highway.h, once per target.
 
 #if defined(NNET_SOFTMAX_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef NNET_SOFTMAX_INL_H_
@@ -22,16 +22,17 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-/// The first n values at p, and behind them -infinity, which beats nothing and whose exponential is 0.
+/// The first n values at p, and behind them -infinity, which beats nothing and whose exponential is
+/// 0.
 template <class D>
 HWY_INLINE hn::Vec<D> LoadPadded(D d, const float* p, size_t n) {
   const auto lowest = hn::Set(d, -std::numeric_limits<float>::infinity());
   return hn::IfThenElse(hn::FirstN(d, n), LoadPart(d, p, n), lowest);
 }
 
-/// The largest of n >= 1 values is the largest of the lanes. Each lane keeps what a forward scan over
-/// some of the values, beginning with v[0], would keep; so a NaN at the front stays in all of them
-/// and later ones are passed over.
+/// The largest of n >= 1 values is the largest of the lanes. Each lane keeps what a forward scan
+/// over some of the values, beginning with v[0], would keep; so a NaN at the front stays in all of
+/// them and later ones are passed over.
 template <class D>
 HWY_INLINE hn::Vec<D> MaxByLanes(D d, const float* v, size_t n) {
   constexpr size_t kChains = 4;
@@ -89,11 +90,11 @@ void SoftmaxRow(const float* in, size_t cols, float* out) {
   FinishRow(FinishOp{1.0F / sum}, out, cols, last);
 }
 
-/// Softmax of a group of rows, as many as a vector has lanes or fewer. The sum of a row is defined in
-/// element order, so that it is the same on every target: one chain of additions, which vectors
-/// along the row would split. Hence exponentials are computed along the rows, and squares of as many
-/// columns as rows are turned in registers for the sums: lane r of a column belongs to row r, and an
-/// addition of vectors advances the sums of all rows.
+/// Softmax of a group of rows, as many as a vector has lanes or fewer. The sum of a row is defined
+/// in element order, so that it is the same on every target: one chain of additions, which vectors
+/// along the row would split. Hence exponentials are computed along the rows, and squares of as
+/// many columns as rows are turned in registers for the sums: lane r of a column belongs to row r,
+/// and an addition of vectors advances the sums of all rows.
 template <class FinishOp>
 class SoftmaxGroup {
  public:
@@ -144,8 +145,8 @@ class SoftmaxGroup {
     return ExpOfDifference(kTag, hn::Sub(x, hn::Set(kTag, maxima_[r])));
   }
 
-  // Adds the columns of exponential(r) for all rows r to the sums. The whole square never leaves the
-  // registers.
+  // Adds the columns of exponential(r) for all rows r to the sums. The whole square never leaves
+  // the registers.
   template <class Function>
   HWY_INLINE V AddWholeSquare(V sums, const Function& exponential) const {
     V square[kLanes];
@@ -177,8 +178,8 @@ class SoftmaxGroup {
   HWY_ALIGN float square_[kLanes * kLanes] = {};  // zeros in the rows that do not exist
 };
 
-/// FinishOp{1 / sum}(exponential) for every value, with e^(x - maximum) of the row as exponential and
-/// their sum over the row. `in` and `out` may be the same array.
+/// FinishOp{1 / sum}(exponential) for every value, with e^(x - maximum) of the row as exponential
+/// and their sum over the row. `in` and `out` may be the same array.
 template <class FinishOp>
 void SoftmaxRows(const float* in, size_t rows, size_t cols, float* out) {
   constexpr size_t kGroup = hn::MaxLanes(hn::ScalableTag<float>());

@@ -76,8 +76,8 @@ HWY_INLINE void Map2(const float* a, const float* b, size_t n, float* out, const
   });
 }
 
-/// Truncates values of integer range; any integer elsewhere, where the general conversion takes a few
-/// instructions more to saturate.
+/// Truncates values of integer range; any integer elsewhere, where the general conversion takes a
+/// few instructions more to saturate.
 #if HWY_TARGET <= HWY_AVX3
 HWY_INLINE hn::Vec<hn::CappedTag<int32_t, 16>> Truncate(hn::CappedTag<int32_t, 16> /*di*/,
                                                         hn::Vec<hn::CappedTag<float, 16>> t) {

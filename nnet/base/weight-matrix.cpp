@@ -15,8 +15,8 @@ namespace {
 // Digits of a block of rows on the stack.
 constexpr size_t kStackDigits = size_t{24} << 10;
 
-// Calls visit(row, rows, n) for the parts of rows [first, first + count) that lie in one panel, which
-// begins at output n.
+// Calls visit(row, rows, n) for the parts of rows [first, first + count) that lie in one panel,
+// which begins at output n.
 template <class Visit>
 void ForEachPanel(size_t first, size_t count, const Visit& visit) {
   for (size_t row = first; row < first + count;) {
@@ -71,7 +71,8 @@ CodePanels WeightMatrix::Codes() const {
   return {reinterpret_cast<const uint8_t*>(values_.data()), outputs_, inputs_, scale_, offset_};
 }
 
-// The outputs that are missing in the last panel are zeros: that panel is cleared before rows are put.
+// The outputs that are missing in the last panel are zeros: that panel is cleared before rows are
+// put.
 void WeightMatrix::Allocate(Form form, size_t outputs, size_t inputs, uint64_t& memory_bytes) {
   const bool codes = form == Form::kCodes;
   const size_t padded = codes ? CodePanelsFor(outputs) * kPanelOutputs : PaddedOutputs(outputs);

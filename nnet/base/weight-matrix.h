@@ -14,12 +14,12 @@
 namespace tarev::nnet::handwriting_CTC {
 
 /// A matrix of outputs x inputs, a row an output in the file. It is packed when it is read: held in
-/// panels (panel-kernels.h), as floats, as binary16 or as 8-bit codes, in the precision of the file;
-/// the rows as they lie in the file are not kept. A mapped matrix is a view of rows of floats, never
-/// freed and never written.
+/// panels (panel-kernels.h), as floats, as binary16 or as 8-bit codes, in the precision of the
+/// file; the rows as they lie in the file are not kept. A mapped matrix is a view of rows of
+/// floats, never freed and never written.
 ///
-/// Products of packed matrices have the same bits on every vector target with fused multiply-add, for
-/// any number of rows; those of a mapped one round as the BLAS library does.
+/// Products of packed matrices have the same bits on every vector target with fused multiply-add,
+/// for any number of rows; those of a mapped one round as the BLAS library does.
 class WeightMatrix {
  public:
   enum class Form { kSingle, kHalf, kCodes, kMapped };
@@ -45,8 +45,8 @@ class WeightMatrix {
   void Get(size_t first, size_t count, uint16_t* rows) const;
   void Get(size_t first, size_t count, uint8_t* rows) const;
 
-  /// out (rows x outputs) = in (rows x inputs) W', ended as `end` says. `out` overlaps nothing else but
-  /// for a bias as ProductEnd has it. One thread at a time.
+  /// out (rows x outputs) = in (rows x inputs) W', ended as `end` says. `out` overlaps nothing else
+  /// but for a bias as ProductEnd has it. One thread at a time.
   void Multiply(StridedRows<const float> in, size_t rows, const ProductEnd& end,
                 StridedRows<float> out);
 

@@ -116,8 +116,8 @@ size_t CodeBlockBytes(const ParameterRef& parameter, CodeForm form) {
   return head + sums + parameter.count();
 }
 
-// Codes that are decoded are encoded again at once: as long as all of them come back, the floats alone
-// are enough for an identical write; otherwise the codes are kept beside them.
+// Codes that are decoded are encoded again at once: as long as all of them come back, the floats
+// alone are enough for an identical write; otherwise the codes are kept beside them.
 bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, FixedBlock& block,
                    uint64_t& memory_bytes) {
   if (!ReadValues(fp, block.scale)) return false;

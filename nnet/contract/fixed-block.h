@@ -25,13 +25,13 @@ struct FixedBlock {
   int32_t zero_point = 0;
   /// As stored, one a row; empty for vectors and in symmetric form. No computation uses them.
   std::vector<float> row_sums;
-  /// The codes, where they were decoded when they were read and encoding the floats does not give them
-  /// back (a zero point too large for a float, a scale of 0).
+  /// The codes, where they were decoded when they were read and encoding the floats does not give
+  /// them back (a zero point too large for a float, a scale of 0).
   std::vector<uint8_t> codes;
 };
 
-/// Reads a block into the array or matrix, which is allocated and counted in memory_bytes. False when
-/// the block is cut short. The shape must have been compared with the rest of the file.
+/// Reads a block into the array or matrix, which is allocated and counted in memory_bytes. False
+/// when the block is cut short. The shape must have been compared with the rest of the file.
 bool ReadCodeBlock(FILE* fp, const ParameterRef& parameter, CodeForm form, FixedBlock& block,
                    uint64_t& memory_bytes);
 /// Writes with the scale, zero point and row sums that were read, and the codes where they are

@@ -255,8 +255,8 @@ bool WriteSingles(FILE* fp, const ParameterRef& parameter) {
   return WriteArray(fp, std::as_const(*parameter.array).values());
 }
 
-// Halves that are held as such are written unchanged; floats, which a mapped or a text block has, are
-// rounded.
+// Halves that are held as such are written unchanged; floats, which a mapped or a text block has,
+// are rounded.
 bool WriteHalves(FILE* fp, const ParameterRef& parameter) {
   if (parameter.weights != nullptr && parameter.weights->form() == WeightMatrix::Form::kHalf) {
     return WriteRows<uint16_t>(fp, parameter, [&](size_t first, size_t rows, uint16_t* halves) {

@@ -69,8 +69,8 @@ inline Field IgnoredField(const char* name) {
 /// The next rows of an array in the order of the file; null when it is cut short.
 using NextRows = std::function<const float*(size_t rows)>;
 
-/// The order in which an array is held in memory, where it is not that of the file: Hold turns what is
-/// read into what the layer computes with, Stored turns it back for a write.
+/// The order in which an array is held in memory, where it is not that of the file: Hold turns what
+/// is read into what the layer computes with, Stored turns it back for a write.
 class ArrayOrder {
  public:
   ArrayOrder() = default;
@@ -78,8 +78,8 @@ class ArrayOrder {
   ArrayOrder& operator=(const ArrayOrder&) = default;
   virtual ~ArrayOrder() = default;
 
-  /// Floats that are held, and their values from all rows of the array, which are asked for in turn.
-  /// False when the file is cut short.
+  /// Floats that are held, and their values from all rows of the array, which are asked for in
+  /// turn. False when the file is cut short.
   virtual size_t HeldFloats() const = 0;
   virtual bool Hold(const NextRows& next, float* held) const = 0;
   virtual std::vector<float> Stored(const FloatArray& held) const = 0;
@@ -91,9 +91,9 @@ struct TextShape {
   int cols;
 };
 
-/// One array of a block: where its values are kept and the shape that the file gives them. Weights that
-/// rows are multiplied with are kept in a matrix, everything else in an array of floats; the other
-/// pointer is null.
+/// One array of a block: where its values are kept and the shape that the file gives them. Weights
+/// that rows are multiplied with are kept in a matrix, everything else in an array of floats; the
+/// other pointer is null.
 struct ParameterRef {
   const char* name;
   FloatArray* array;
@@ -155,8 +155,8 @@ inline ParameterRef Uncounted(ParameterRef parameter) {
   parameter.counted = false;
   return parameter;
 }
-/// Allocates an array or a matrix of floats, counted in memory_bytes, and gives it the values, which are
-/// in the order of the file.
+/// Allocates an array or a matrix of floats, counted in memory_bytes, and gives it the values,
+/// which are in the order of the file.
 void KeepValues(const ParameterRef& parameter, const std::vector<float>& values,
                 uint64_t& memory_bytes);
 /// The values of an array in the order of the file, decoded where it is held as codes.

@@ -22,8 +22,8 @@ inline size_t RowsAtATime(const ParameterRef& parameter, size_t value_bytes) {
   return std::min(parameter.rows, std::max<size_t>(1, kBytes / panel_bytes) * kPanelOutputs);
 }
 
-/// Calls put(first, rows, values) for all rows of an array, read as values of T. False when the file is
-/// cut short. The shape must have been compared with the rest of the file.
+/// Calls put(first, rows, values) for all rows of an array, read as values of T. False when the
+/// file is cut short. The shape must have been compared with the rest of the file.
 template <class T, class Put>
 bool ReadRows(FILE* fp, const ParameterRef& parameter, const Put& put) {
   if (parameter.count() == 0) return true;
@@ -37,8 +37,8 @@ bool ReadRows(FILE* fp, const ParameterRef& parameter, const Put& put) {
   return true;
 }
 
-/// Writes all rows of an array as values of T, which get(first, rows, values) gives. False on the first
-/// failed write.
+/// Writes all rows of an array as values of T, which get(first, rows, values) gives. False on the
+/// first failed write.
 template <class T, class Get>
 bool WriteRows(FILE* fp, const ParameterRef& parameter, const Get& get) {
   if (parameter.count() == 0) return true;

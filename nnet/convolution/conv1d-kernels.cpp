@@ -118,13 +118,13 @@ constexpr std::array<TileFunction, sizeof...(kLess)> TilesOf(std::index_sequence
   return {&Tile<kWidth, 1, kDepthwise, kLess + 1>...};
 }
 
-// All frames of a depthwise run of so few taps that their weights stay in registers. The sums of the
-// frames do not depend on each other, and the processor overlaps as many as it can. A sum starts
-// with its first product: that differs from one that starts from 0 in the sign of a zero at most, and
-// adding a bias that is not -0 removes the difference.
+// All frames of a depthwise run of so few taps that their weights stay in registers. The sums of
+// the frames do not depend on each other, and the processor overlaps as many as it can. A sum
+// starts with its first product: that differs from one that starts from 0 in the sign of a zero at
+// most, and adding a bias that is not -0 removes the difference.
 //
-// Where each frame's taps are those of the frame before moved on by one, they stay in registers too,
-// in a ring that one value enters a frame; after as many frames as taps it is where it was.
+// Where each frame's taps are those of the frame before moved on by one, they stay in registers
+// too, in a ring that one value enters a frame; after as many frames as taps it is where it was.
 template <size_t kWidth, size_t kTaps>
 void DepthwiseFrames(const ConvolutionRun& run, const TilePlace& at) {
   const BlockTag<kWidth> d;

@@ -115,10 +115,10 @@ bool ConvolutionParameters::ValidateShape(const Component& layer, Refusal& why) 
   return true;
 }
 
-// The file holds a row of taps for each pair of channels. The kernels sum over taps and input channels
-// with vectors across output channels, so they want the weights of neighbouring output channels side
-// by side, term after term in the order of the sum: that is the compute order, cut into blocks as
-// wide as the kernels' registers (BlockFrom).
+// The file holds a row of taps for each pair of channels. The kernels sum over taps and input
+// channels with vectors across output channels, so they want the weights of neighbouring output
+// channels side by side, term after term in the order of the sum: that is the compute order, cut
+// into blocks as wide as the kernels' registers (BlockFrom).
 //
 // Visits the index in compute order and the index in the file of every weight.
 template <class Visit>
@@ -150,8 +150,9 @@ void ConvolutionParameters::ForEachWeight(const Visit& visit) const {
   }
 }
 
-// In the file's order of rows the weights of a block come together when rows go by output channel: they
-// are turned block by block. When rows go by input channel, those of one belong to every block.
+// In the file's order of rows the weights of a block come together when rows go by output channel:
+// they are turned block by block. When rows go by input channel, those of one belong to every
+// block.
 bool ConvolutionParameters::Hold(const NextRows& next, float* held) const {
   if (shape_.Weights() == 0) return true;
   const size_t tail = shape_.out_per_group % kWideBlock;
@@ -226,8 +227,8 @@ bool ConvolutionParameters::HoldByInput(const NextRows& next, float* held) const
   return true;
 }
 
-// Turns rows of `count` weights, one for each channel of a block, so that those for one term lie side
-// by side and terms `step` floats apart.
+// Turns rows of `count` weights, one for each channel of a block, so that those for one term lie
+// side by side and terms `step` floats apart.
 void ConvolutionParameters::Turn(const float* rows, size_t stride, size_t count,
                                  const ChannelBlock& block, size_t step, float* to) {
   fill_panel({reinterpret_cast<const uint32_t*>(rows), stride}, block.channels, count, 0,

@@ -120,10 +120,10 @@ void SimpleConv2d1x3s2::Reserve(int64_t frames) {
   }
 }
 
-// The kernel moves by two positions, which vectors cannot do on rows as they lie. So the three values
-// that each output position sees are gathered once a call, into three stacks of planes of the
-// output's shape. Every output channel then runs over these with whole vectors, and each sum keeps
-// its order; the gathering is shared by all output channels.
+// The kernel moves by two positions, which vectors cannot do on rows as they lie. So the three
+// values that each output position sees are gathered once a call, into three stacks of planes of
+// the output's shape. Every output channel then runs over these with whole vectors, and each sum
+// keeps its order; the gathering is shared by all output channels.
 void SimpleConv2d1x3s2::Gather(const Tensor3& in, size_t out_width) {
   for (Tensor3& tap : taps_) tap.Reshape(out_width, in.height, in.channels, memory_bytes);
   // Positions whose value at 2x + 1 lies inside the row. At most one position is left, which sees
@@ -171,8 +171,9 @@ void SimpleDeconv2d1x3s2::Reserve(int64_t frames) {
 }
 
 // Input position x feeds the outputs 2x - 1, 2x and 2x + 1. Seen from the outputs, 2x takes only x,
-// and 2x + 1 takes x and then x + 1. So one pass over the input positions computes both: it reads the
-// input, the input shifted by one position, and a plane that says where x + 1 still lies in the row.
+// and 2x + 1 takes x and then x + 1. So one pass over the input positions computes both: it reads
+// the input, the input shifted by one position, and a plane that says where x + 1 still lies in the
+// row.
 void SimpleDeconv2d1x3s2::Gather(const Tensor3& in) {
   here_.Reshape(in.width, in.height, in.channels, memory_bytes);
   next_.Reshape(in.width, in.height, in.channels, memory_bytes);

@@ -25,8 +25,8 @@ class LinearLayer : public Component {
   int32_t weight_rows = 0;
   int32_t weight_cols = 0;
   WeightMatrix weights;  // weight_rows x weight_cols
-  /// Outputs that the weights have room for, a multiple of eight, and whether that is more than there
-  /// are.
+  /// Outputs that the weights have room for, a multiple of eight, and whether that is more than
+  /// there are.
   int32_t row_capacity = 0;
   bool padded = false;
 

@@ -1,9 +1,10 @@
 #ifndef NNET_FLOW_NNET_CONTROL_FLOW_SHAPES_H_
 #define NNET_FLOW_NNET_CONTROL_FLOW_SHAPES_H_
 
-// The frame shapes of the control flow: layers that pick, add or re-cut frames, and move between frame
-// rows and planes. None computes. D is the input dimension, O the output dimension, n the frames of a
-// call. (Messages carry a file's name up to its first dot, the same for both parts of the family.)
+// The frame shapes of the control flow: layers that pick, add or re-cut frames, and move between
+// frame rows and planes. None computes. D is the input dimension, O the output dimension, n the
+// frames of a call. (Messages carry a file's name up to its first dot, the same for both parts of
+// the family.)
 
 #include <cstdint>
 #include <string>

@@ -18,9 +18,9 @@ void GruParameters::ReserveState(const RecurrentShape& shape, uint64_t& memory_b
 }
 
 // The input part of all gates is one product for a block of frames. Per frame the recurrent part is
-// added onto the gate row, but for block n, where r is applied to the recurrent part alone: the input
-// part moves to the scratch before and leaves zeros behind. The output row is the state: the next step
-// reads h where this one wrote it, and only the last row is copied to the state.
+// added onto the gate row, but for block n, where r is applied to the recurrent part alone: the
+// input part moves to the scratch before and leaves zeros behind. The output row is the state: the
+// next step reads h where this one wrote it, and only the last row is copied to the state.
 void GruParameters::Propagate(const float* in, size_t frames, const RecurrentShape& shape,
                               Direction direction, float* gates, OutputRows out) {
   const size_t h = shape.cells;

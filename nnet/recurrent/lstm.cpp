@@ -28,9 +28,10 @@ void LstmParameters::ReserveState(const RecurrentShape& shape, uint64_t& memory_
   AllocateState(state, 4 * shape.cells, memory_bytes);
 }
 
-// The input part of all gates is one product for a block of frames; per frame there remain one product
-// of a row and one pass over the gates. The output row is the state: the next step reads h where this
-// one wrote it, and only the last row is copied to the state. The cell is updated in place.
+// The input part of all gates is one product for a block of frames; per frame there remain one
+// product of a row and one pass over the gates. The output row is the state: the next step reads h
+// where this one wrote it, and only the last row is copied to the state. The cell is updated in
+// place.
 void LstmParameters::Propagate(const float* in, size_t frames, const RecurrentShape& shape,
                                Direction direction, float* gates, OutputRows out) {
   const size_t c = shape.cells;
@@ -68,9 +69,10 @@ void ProjectedLstmParameters::ReserveState(const RecurrentShape& shape, uint64_t
   AllocateState(state, 8 * shape.cells, memory_bytes);
 }
 
-// The state enters a frame in one half and leaves it in the other, and the halves change places after
-// every frame: the projection and the recurrence of the next frame read where this one wrote, without
-// a copy. After an odd number of frames the last state lies in the second half and is copied once.
+// The state enters a frame in one half and leaves it in the other, and the halves change places
+// after every frame: the projection and the recurrence of the next frame read where this one wrote,
+// without a copy. After an odd number of frames the last state lies in the second half and is
+// copied once.
 void ProjectedLstmParameters::Propagate(const float* in, size_t frames, const RecurrentShape& shape,
                                         Direction direction, float* gates, OutputRows out,
                                         StateSnapshot snapshot) {

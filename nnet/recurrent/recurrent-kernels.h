@@ -31,9 +31,9 @@ struct PeepholeFrame {
 ///   hidden = sigmoid(G_o + p_o cell) tanh(cell).
 void peephole_lstm_cell(const PeepholeFrame& frame, size_t n);
 
-/// The arrays of one frame of a GRU; gate blocks r, z, n. `gates` holds the input part of r and z, with
-/// the input bias, and the recurrent part of all three; `input_candidate` is the input part of n.
-/// `hidden` is written; it may be `previous_hidden`.
+/// The arrays of one frame of a GRU; gate blocks r, z, n. `gates` holds the input part of r and z,
+/// with the input bias, and the recurrent part of all three; `input_candidate` is the input part of
+/// n. `hidden` is written; it may be `previous_hidden`.
 struct GruFrame {
   const float* gates;
   const float* input_candidate;

@@ -40,9 +40,9 @@ struct OutputRows {
   size_t stride;
 };
 
-/// The most frames whose gate rows are formed at a time: enough for the input product to make use of
-/// the weights that it reads, and few enough for the rows to stay in the cache until the recurrence
-/// reads them, however long the call is.
+/// The most frames whose gate rows are formed at a time: enough for the input product to make use
+/// of the weights that it reads, and few enough for the rows to stay in the cache until the
+/// recurrence reads them, however long the call is.
 inline constexpr size_t kGateFrames = 24;
 
 /// Calls visit(first, count) for blocks of neighbouring frames of a call, in the order of the
@@ -64,8 +64,8 @@ struct GateBuffer {
 
   /// Makes room for calls of `frames` frames, unless that is more than any block may hold.
   void ReserveGates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
-  /// The rows of the blocks of a call, gate_dim floats each, growing them if need be. Throws when the
-  /// memory cannot be had.
+  /// The rows of the blocks of a call, gate_dim floats each, growing them if need be. Throws when
+  /// the memory cannot be had.
   float* Gates(int64_t frames, int32_t gate_dim, uint64_t& memory_bytes);
 };
 

@@ -92,8 +92,8 @@ void NnetForward::ReserveFrames(int64_t frames) {
 }
 
 // Both buffers, since every layer but the first reads one and writes the other; the first reads the
-// caller's block, so that a network of one layer needs only buffer B. That one grows last: its size is
-// that of both.
+// caller's block, so that a network of one layer needs only buffer B. That one grows last: its size
+// is that of both.
 void NnetForward::GrowBuffersTo(uint64_t floats) {
   if (floats > kMaxBlockFloats) {
     ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
@@ -109,8 +109,8 @@ void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels
 }
 
 // The pass: plan, check, run, layer by layer. The first layer reads the caller's block and writes
-// buffer B; each one after it reads what the one before it wrote and writes the other buffer. No layer
-// relies on what the layer before it promised, but only on the block that is really there.
+// buffer B; each one after it reads what the one before it wrote and writes the other buffer. No
+// layer relies on what the layer before it promised, but only on the block that is really there.
 void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
   if (frames > reserved_frames_) ReserveFrames(frames);
   const int64_t frame_limit = FrameLimit(frames);
@@ -129,8 +129,8 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
 }
 
 // One pass a layer: plan, check, make room, run. The plan is made right before the layer runs, with
-// the width and the frames that really reach it, since both may depend on what earlier layers did in
-// this call; nothing that a file claims is believed before that.
+// the width and the frames that really reach it, since both may depend on what earlier layers did
+// in this call; nothing that a file claims is believed before that.
 BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatArray& from,
                                  FloatArray& to, const BlockShape& shape, int call_id,
                                  int64_t frame_limit) {

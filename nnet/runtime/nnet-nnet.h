@@ -70,8 +70,8 @@ class NnetForward {
   /// Prepares for a new input: clears the call count and what the layers carry.
   void Reset();
 
-  /// Has the layers of every call from here on watched by `observer`, which the caller owns; null for
-  /// none.
+  /// Has the layers of every call from here on watched by `observer`, which the caller owns; null
+  /// for none.
   void Observe(LayerObserver* observer) { observer_ = observer; }
 
   /// The result of the last call, valid until the next one; of no meaning after a call that threw.
@@ -87,8 +87,8 @@ class NnetForward {
 
  private:
   void LinkLayers();
-  /// Plans, checks and runs one layer on `in` or, from the second on, `from`, into `to`; returns what it
-  /// gave. No layer may take or give more than frame_limit frames.
+  /// Plans, checks and runs one layer on `in` or, from the second on, `from`, into `to`; returns
+  /// what it gave. No layer may take or give more than frame_limit frames.
   BlockShape RunLayer(size_t position, const float* in, const FloatArray& from, FloatArray& to,
                       const BlockShape& shape, int call_id, int64_t frame_limit);
   [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
