@@ -114,8 +114,8 @@ TEST(Weights, ProductsHaveTheBitsOfOneChainOfFusedSteps) {
           const Floats out = sample.Times(in, rows, {bias.data(), 0.75F});
           for (size_t i = 0; i < out.size(); ++i) {
             const size_t r = i / shape.outputs, n = i % shape.outputs;
-            const float sum =
-                FusedSum(&in[r * shape.inputs], &sample.values[n * shape.inputs], shape.inputs);
+            const float sum = FusedSum(in.data() + r * shape.inputs,
+                                       sample.values.data() + n * shape.inputs, shape.inputs);
             const float scaled = sum * 0.75F;
             if (fused) {
               ASSERT_EQ(BitsOf(out[i]), BitsOf(scaled + bias[n])) << rows << " " << i;
@@ -148,7 +148,7 @@ TEST(Weights, CodeProductsAreAsExactAsFloatsAndTheSameEverywhere) {
       if (first.empty()) first = out;
       EXPECT_EQ(out, first);
       for (size_t r = 0; r < 19; ++r) {
-        const float* row = &in[0] + r * shape.inputs;
+        const float* row = in.data() + r * shape.inputs;
         EXPECT_EQ(sample.Times({row, row + shape.inputs}, 1, {bias.data(), 0.5F}),
                   RowsOf(out, shape.outputs, r, r + 1));
         double largest = 1e-30;
@@ -156,7 +156,7 @@ TEST(Weights, CodeProductsAreAsExactAsFloatsAndTheSameEverywhere) {
           largest = std::max<double>(largest, std::fabs(out[r * shape.outputs + n]));
         }
         for (size_t n = 0; n < shape.outputs; ++n) {
-          const double sum = CodeSum(row, &sample.values[n * shape.inputs], shape.inputs);
+          const double sum = CodeSum(row, sample.values.data() + n * shape.inputs, shape.inputs);
           // The float weights are rounded, the codes are not.
           const double room = largest * (3e-7 + 1e-8 * static_cast<double>(shape.inputs));
           ASSERT_NEAR(out[r * shape.outputs + n], sum * 0.5 + bias[n], room);

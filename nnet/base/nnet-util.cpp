@@ -32,8 +32,9 @@ float* NewFloats(size_t rows, size_t cols) {
   const size_t bytes = rows * cols * sizeof(float);
   const size_t whole = (bytes + kAlignment - 1) / kAlignment * kAlignment;
   const bool huge = whole >= kHugePage;
-  void* memory = std::aligned_alloc(huge ? kHugePage : kAlignment, whole);
-  if (huge && memory != nullptr) madvise(memory, whole / kHugePage * kHugePage, MADV_HUGEPAGE);
+  void* memory = nullptr;
+  if (posix_memalign(&memory, huge ? kHugePage : kAlignment, whole) != 0) return nullptr;
+  if (huge) madvise(memory, whole / kHugePage * kHugePage, MADV_HUGEPAGE);
   return static_cast<float*>(memory);
 }
 
