@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,8 @@
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 // After foreach_target.h, which includes this file again for every target.
 #include <hwy/highway.h>
+
+#include "nnet/base/lanes-inl.h"
 
 // Shared by all targets.
 #ifndef NNET_BASE_CODE_KERNELS_CPP_ONCE_
@@ -46,6 +49,11 @@ struct CodeRow {
   float* out;
 };
 
+// What the offset of the codes adds to every total of a row.
+double Offset(const CodeRow& row, const CodePanels& weights) {
+  return static_cast<double>(weights.offset) * static_cast<double>(row.sum);
+}
+
 size_t PaddedInputs(size_t inputs) {
   return std::max<size_t>(1, (inputs + kAlignment - 1) / kAlignment) * kAlignment;
 }
@@ -77,25 +85,8 @@ float LargestMagnitude(const float* in, size_t n) {
   for (; i + lanes <= n; i += lanes) {
     largest = hn::Max(largest, hn::BitCast(di, hn::Abs(hn::LoadU(d, in + i))));
   }
-  HWY_ALIGN float kept[hn::MaxLanes(d)];
-  hn::Store(hn::BitCast(d, largest), d, kept);
-  float result = 0.0F;
-  const auto keep = [&result](float x) {
-    const float magnitude = std::fabs(x);
-    if (!(magnitude <= result)) result = magnitude;
-  };
-  for (size_t lane = 0; lane < lanes && !std::isnan(result); ++lane) keep(kept[lane]);
-  for (; i < n && !std::isnan(result); ++i) keep(in[i]);
-  return result;
-}
-
-template <class D, class V>
-HWY_INLINE int32_t LaneSum(D d, V v) {
-  HWY_ALIGN int32_t lanes[hn::MaxLanes(d)];
-  hn::Store(v, d, lanes);
-  int32_t sum = 0;
-  for (size_t lane = 0; lane < hn::Lanes(d); ++lane) sum += lanes[lane];
-  return sum;
+  if (i < n) largest = hn::Max(largest, hn::BitCast(di, hn::Abs(LoadPart(d, in + i, n - i))));
+  return std::bit_cast<float>(hn::GetLane(hn::MaxOfLanes(di, largest)));
 }
 
 // The digits of `n` <= kChunkInputs values, which are those of the row from input `first` on, and
@@ -126,9 +117,9 @@ void StoreDigits(D d, const float* values, size_t n, float factor, bool bytes, C
       middle_sum = hn::Add(middle_sum, middle);
       low_sum = hn::Add(low_sum, low);
     }
-    row.plane_sums[0] += LaneSum(di, high_sum);
-    row.plane_sums[1] += LaneSum(di, middle_sum);
-    row.plane_sums[2] += LaneSum(di, low_sum);
+    row.plane_sums[0] += hn::GetLane(hn::SumOfLanes(di, high_sum));
+    row.plane_sums[1] += hn::GetLane(hn::SumOfLanes(di, middle_sum));
+    row.plane_sums[2] += hn::GetLane(hn::SumOfLanes(di, low_sum));
     return;
   }
   int16_t* planes = reinterpret_cast<int16_t*>(row.digits) + first;
@@ -141,7 +132,8 @@ void StoreDigits(D d, const float* values, size_t n, float factor, bool bytes, C
     high_sum = hn::Add(high_sum, high);
     low_sum = hn::Add(low_sum, low);
   }
-  row.sum += int64_t{LaneSum(di, high_sum)} * 4096 + LaneSum(di, low_sum);
+  row.sum += int64_t{hn::GetLane(hn::SumOfLanes(di, high_sum))} * 4096 +
+             hn::GetLane(hn::SumOfLanes(di, low_sum));
 }
 
 // Turns one row into integers, the last of them from a padded copy. False when a value is not
@@ -166,25 +158,22 @@ bool MakeRow(const float* in, size_t inputs, float scale, bool bytes, CodeRow& r
   return true;
 }
 
-// Ends kOutputs neighbouring outputs of a row: `totals` are the sums of integers times codes, whose
-// offset enters through the sum of the integers. Every step is rounded by itself, on all targets
-// alike.
-template <size_t kOutputs>
-HWY_INLINE void EndOutputs(const CodeRow& row, const CodePanels& weights, const ProductEnd& end,
-                           size_t n, const double* totals) {
-  const double offset = static_cast<double>(weights.offset) * static_cast<double>(row.sum);
-  HWY_ALIGN float values[kOutputs];
-  for (size_t i = 0; i < kOutputs; ++i) {
-    values[i] = static_cast<float>((totals[i] + offset) * row.unit);
-  }
+// Ends neighbouring outputs of a row, as many as `d` has lanes and the matrix has from `n` on, and
+// stores them.
+template <class D>
+HWY_INLINE void StoreOutputs(D d, hn::Vec<D> y, const CodeRow& row, const CodePanels& weights,
+                             const ProductEnd& end, size_t n) {
   if (end.scale != 1.0F) {
-    for (float& value : values) value = end.scale == 0.0F ? 0.0F : value * end.scale;
+    y = end.scale == 0.0F ? hn::Zero(d) : hn::Mul(y, hn::Set(d, end.scale));
   }
-  const size_t count = std::min(kOutputs, weights.outputs - n);
-  if (end.bias != nullptr) {
-    for (size_t i = 0; i < count; ++i) values[i] += end.bias[n + i];
+  const size_t left = weights.outputs - n;
+  if (left >= hn::Lanes(d)) {
+    if (end.bias != nullptr) y = hn::Add(y, hn::LoadU(d, end.bias + n));
+    hn::StoreU(y, d, row.out + n);
+  } else {
+    if (end.bias != nullptr) y = hn::Add(y, LoadPart(d, end.bias + n, left));
+    StorePart(d, y, row.out + n, left);
   }
-  std::copy_n(values, count, row.out + n);
 }
 
 // Rows with infinities and NaNs: all other terms are too small to matter.
@@ -260,19 +249,7 @@ HWY_INLINE void EndPanel(const CodeRow& row, const CodePanels& weights, const Pr
   };
   const hn::CappedTag<float, kPanelOutputs> d;
   using Half = hn::Vec<hn::Half<decltype(d)>>;
-  auto y = hn::Combine(d, Half{value(true)}, Half{value(false)});
-  if (end.scale != 1.0F) {
-    y = end.scale == 0.0F ? hn::Zero(d) : hn::Mul(y, hn::Set(d, end.scale));
-  }
-  const size_t left = weights.outputs - n;
-  if (left >= kPanelOutputs) {
-    if (end.bias != nullptr) y = hn::Add(y, hn::LoadU(d, end.bias + n));
-    hn::StoreU(y, d, row.out + n);
-  } else {
-    const auto mask = hn::FirstN(d, left);
-    if (end.bias != nullptr) y = hn::Add(y, hn::MaskedLoad(mask, d, end.bias + n));
-    hn::BlendedStore(y, mask, d, row.out + n);
-  }
+  StoreOutputs(d, hn::Combine(d, Half{value(true)}, Half{value(false)}), row, weights, end, n);
 }
 
 // What fits the sums of the planes, the part of the offset included.
@@ -366,128 +343,195 @@ void ByteRows(const CodeRow* rows, size_t count, const CodePanels& weights, cons
 // Tiles with the digits of twelve bits, whose products with codes are summed in pairs.
 #if HWY_TARGET > HWY_SSSE3  // without vectors, or with emulated ones
 
-using PairTag = hn::CappedTag<int16_t, 1>;
-constexpr size_t kPairOutputs = 1;
-constexpr size_t kPairRows = 1;
-
-template <size_t kRows>
-void PairTile(const CodeRow* rows, const CodePanels& weights, const ProductEnd& end, size_t n) {
-  const size_t units = UnitsFor(weights.inputs);
-  const uint8_t* w = weights.data + n / kPanelOutputs * units * kUnitCodes * kPanelOutputs +
-                     n % kPanelOutputs * kUnitCodes;
-  const auto* high_digits = reinterpret_cast<const int16_t*>(rows->digits);
-  const int16_t* low_digits = high_digits + rows->padded;
-  int64_t total = 0;
-  for (size_t k = 0; k < weights.inputs; ++k) {
-    const int64_t code = w[k / kUnitCodes * kUnitCodes * kPanelOutputs + k % kUnitCodes];
-    total += code * (high_digits[k] * 4096 + low_digits[k]);
+void PairRows(const CodeRow* rows, size_t count, const CodePanels& weights, const ProductEnd& end) {
+  const hn::CappedTag<float, 1> d;
+  const size_t panel_bytes = UnitsFor(weights.inputs) * kUnitCodes * kPanelOutputs;
+  for (size_t n = 0; n < weights.outputs; ++n) {
+    const uint8_t* codes =
+        weights.data + n / kPanelOutputs * panel_bytes + n % kPanelOutputs * kUnitCodes;
+    for (size_t r = 0; r < count; ++r) {
+      const auto* high_digits = reinterpret_cast<const int16_t*>(rows[r].digits);
+      const int16_t* low_digits = high_digits + rows[r].padded;
+      int64_t total = 0;
+      for (size_t k = 0; k < weights.inputs; ++k) {
+        const int64_t code = codes[k / kUnitCodes * kUnitCodes * kPanelOutputs + k % kUnitCodes];
+        total += code * (high_digits[k] * 4096 + low_digits[k]);
+      }
+      const double exact = static_cast<double>(total) + Offset(rows[r], weights);
+      const auto value = static_cast<float>(exact * rows[r].unit);
+      StoreOutputs(d, hn::Set(d, value), rows[r], weights, end, n);
+    }
   }
-  const auto totals = static_cast<double>(total);
-  EndOutputs<1>(*rows, weights, end, n, &totals);
 }
 
 #else
 
 using PairTag = hn::CappedTag<int16_t, 32>;
-// Two vectors of outputs by three rows: two sums each, with the codes and the digits, fit sixteen
-// registers.
-constexpr size_t kPairVectors = 2;
+using PairVector = hn::Vec<PairTag>;
+using SumTag = hn::Repartition<int32_t, PairTag>;
+using SumVector = hn::Vec<SumTag>;
+using TotalTag = hn::Repartition<double, PairTag>;
+// Two sums each, with the codes, four digits and a product, fit sixteen registers. A single row
+// goes over more outputs at once.
 constexpr size_t kPairRows = 3;
-constexpr size_t kPairOutputs = kPairVectors * hn::MaxLanes(PairTag()) / kUnitCodes;
+constexpr size_t kPairVectors = 2;
+constexpr size_t kVectorOutputs = hn::MaxLanes(PairTag()) / kUnitCodes;
+constexpr size_t kSingleRowVectors = std::min<size_t>(4, kPanelOutputs / kVectorOutputs);
 
 // The digits of one unit in all groups of four lanes.
-HWY_INLINE hn::Vec<PairTag> FourDigits(const int16_t* digits) {
+HWY_INLINE PairVector FourDigits(const int16_t* digits) {
   int64_t four;
   std::memcpy(&four, digits, sizeof(four));
   return hn::BitCast(PairTag(), hn::Set(hn::Repartition<int64_t, PairTag>(), four));
 }
 
 // sum += pairs of products, done here and now: the compiler would otherwise form all products
-// before it adds any, and run out of registers.
-template <class V>
-HWY_INLINE V AddPairs(V sum, hn::Vec<PairTag> codes, hn::Vec<PairTag> digits) {
-  V unused = sum;
-  auto raw = hn::ReorderWidenMulAccumulate(hn::DFromV<V>(), codes, digits, sum, unused).raw;
-  asm volatile("" : "+v"(raw));
-  return V{raw};
+// before it adds any, or copy the sums, and run out of registers.
+HWY_INLINE void AddPairs(SumVector& sum, PairVector codes, PairVector digits) {
+#if HWY_TARGET <= HWY_AVX2
+  PairVector product;
+  asm("vpmaddwd %[codes], %[digits], %[product]\n\t"
+      "vpaddd %[product], %[sum], %[sum]"
+      : [sum] "+v"(sum.raw), [product] "=&v"(product.raw)
+      : [codes] "v"(codes.raw), [digits] "v"(digits.raw));
+#else
+  SumVector unused = sum;
+  sum = hn::ReorderWidenMulAccumulate(SumTag(), codes, digits, sum, unused);
+  asm("" : "+v"(sum.raw));
+#endif
 }
 
-template <size_t kRows>
-void PairTile(const CodeRow* rows, const CodePanels& weights, const ProductEnd& end, size_t n) {
+// The sums of one digit for the outputs of two vectors, in their order.
+HWY_INLINE SumVector JoinPairs(SumVector first, SumVector second) {
+  const SumTag d;
+  return hn::ConcatEven(d, hn::Add(second, hn::Shuffle2301(second)),
+                        hn::Add(first, hn::Shuffle2301(first)));
+}
+
+// Exact totals of half a vector of outputs, from their sums in the two planes.
+HWY_INLINE hn::Vec<TotalTag> JoinDigits(const int32_t* high, const int32_t* low) {
+  const TotalTag d;
+  const hn::Rebind<int32_t, TotalTag> d_half;
+  return hn::Add(hn::Mul(hn::PromoteTo(d, hn::Load(d_half, high)), hn::Set(d, 4096.0)),
+                 hn::PromoteTo(d, hn::Load(d_half, low)));
+}
+
+// Turns exact totals into outputs. Every step is rounded by itself.
+HWY_INLINE void EndPairs(hn::Vec<TotalTag> lower, hn::Vec<TotalTag> upper, const CodeRow& row,
+                         const CodePanels& weights, const ProductEnd& end, size_t n) {
+  const hn::Rebind<float, SumTag> d;
+  const auto offset = hn::Set(TotalTag(), Offset(row, weights));
+  const auto unit = hn::Set(TotalTag(), row.unit);
+  const auto value = [&](hn::Vec<TotalTag> total) HWY_ATTR {
+    return hn::DemoteTo(hn::Half<decltype(d)>(), hn::Mul(hn::Add(total, offset), unit));
+  };
+  StoreOutputs(d, hn::Combine(d, value(upper), value(lower)), row, weights, end, n);
+}
+
+template <size_t kRows, size_t kVectors>
+HWY_NOINLINE void PairTile(const CodeRow* rows, const CodePanels& weights, const ProductEnd& end,
+                           size_t n) {
   const PairTag d;
-  const hn::Rebind<uint8_t, PairTag> d8;
-  const hn::Repartition<int32_t, PairTag> d32;
-  using V = hn::Vec<decltype(d32)>;
-  constexpr size_t kLanes = hn::MaxLanes(d);
+  const SumTag d_sum;
+  const TotalTag d_total;
+  const hn::Rebind<uint8_t, PairTag> d_code;
+  // Two vectors of sums give one of outputs.
+  constexpr size_t kLanes = hn::MaxLanes(d_sum);
+  constexpr size_t kHalf = hn::MaxLanes(d_total);
   const size_t units = UnitsFor(weights.inputs);
   const uint8_t* w = weights.data + n / kPanelOutputs * units * kUnitCodes * kPanelOutputs +
                      n % kPanelOutputs * kUnitCodes;
   const size_t padded = rows[0].padded;
-  double totals[kRows][kPairOutputs] = {};
-  for (size_t first = 0; first < units; first += kChunkInputs / kUnitCodes) {
-    V high[kRows][kPairVectors];
-    V low[kRows][kPairVectors];
+  // What earlier chunks of inputs gave.
+  HWY_ALIGN double totals[kRows][kVectors / 2][kLanes];
+  size_t first = 0;
+  do {  // once where there are no inputs
+    SumVector high[kRows][kVectors];
+    SumVector low[kRows][kVectors];
     const int16_t* digits[kRows];
 #pragma GCC unroll 3
     for (size_t r = 0; r < kRows; ++r) {
       digits[r] = reinterpret_cast<const int16_t*>(rows[r].digits) + first * kUnitCodes;
-#pragma GCC unroll 2
-      for (size_t v = 0; v < kPairVectors; ++v) high[r][v] = low[r][v] = hn::Zero(d32);
+#pragma GCC unroll 4
+      for (size_t v = 0; v < kVectors; ++v) high[r][v] = low[r][v] = hn::Zero(d_sum);
     }
-    for (size_t k = std::min(kChunkInputs / kUnitCodes, units - first); k != 0; --k) {
-      hn::Vec<PairTag> codes[kPairVectors];
-#pragma GCC unroll 2
-      for (size_t v = 0; v < kPairVectors; ++v) {
-        codes[v] = hn::PromoteTo(d, hn::LoadU(d8, w + v * kLanes));
+    const size_t count = std::min(kChunkInputs / kUnitCodes, units - first);
+    for (size_t k = count; k != 0; --k) {
+      PairVector codes[kVectors];
+#pragma GCC unroll 4
+      for (size_t v = 0; v < kVectors; ++v) {
+        codes[v] = hn::PromoteTo(d, hn::LoadU(d_code, w + v * hn::Lanes(d)));
       }
 #pragma GCC unroll 3
       for (size_t r = 0; r < kRows; ++r) {
         const auto high_four = FourDigits(digits[r]);
+#pragma GCC unroll 4
+        for (size_t v = 0; v < kVectors; ++v) AddPairs(high[r][v], codes[v], high_four);
         const auto low_four = FourDigits(digits[r] + padded);
-#pragma GCC unroll 2
-        for (size_t v = 0; v < kPairVectors; ++v) {
-          high[r][v] = AddPairs(high[r][v], codes[v], high_four);
-          low[r][v] = AddPairs(low[r][v], codes[v], low_four);
-        }
+#pragma GCC unroll 4
+        for (size_t v = 0; v < kVectors; ++v) AddPairs(low[r][v], codes[v], low_four);
         digits[r] += kUnitCodes;
       }
       w += kUnitCodes * kPanelOutputs;
     }
+    // Through memory, so that the branches below cannot make the compiler keep the sums there.
+    HWY_ALIGN int32_t sums[kRows][kVectors / 2][2][kLanes];
 #pragma GCC unroll 3
     for (size_t r = 0; r < kRows; ++r) {
-      HWY_ALIGN int32_t highs[2 * kPairOutputs];
-      HWY_ALIGN int32_t lows[2 * kPairOutputs];
 #pragma GCC unroll 2
-      for (size_t v = 0; v < kPairVectors; ++v) {
-        hn::Store(high[r][v], d32, highs + v * hn::Lanes(d32));
-        hn::Store(low[r][v], d32, lows + v * hn::Lanes(d32));
-      }
-      for (size_t i = 0; i < kPairOutputs; ++i) {
-        totals[r][i] += (static_cast<double>(highs[2 * i]) + highs[2 * i + 1]) * 4096.0 +
-                        (static_cast<double>(lows[2 * i]) + lows[2 * i + 1]);
+      for (size_t v = 0; v < kVectors / 2; ++v) {
+        hn::Store(JoinPairs(high[r][2 * v], high[r][2 * v + 1]), d_sum, sums[r][v][0]);
+        hn::Store(JoinPairs(low[r][2 * v], low[r][2 * v + 1]), d_sum, sums[r][v][1]);
       }
     }
+    asm volatile("" ::: "memory");
+    const bool last = count == units - first;
+    for (size_t r = 0; r < kRows; ++r) {
+      for (size_t v = 0; v < kVectors / 2 && n + v * kLanes < weights.outputs; ++v) {
+        auto lower = JoinDigits(sums[r][v][0], sums[r][v][1]);
+        auto upper = JoinDigits(sums[r][v][0] + kHalf, sums[r][v][1] + kHalf);
+        double* kept = totals[r][v];
+        if (first != 0) {
+          lower = hn::Add(lower, hn::Load(d_total, kept));
+          upper = hn::Add(upper, hn::Load(d_total, kept + kHalf));
+        }
+        if (last) {
+          EndPairs(lower, upper, rows[r], weights, end, n + v * kLanes);
+        } else {
+          hn::Store(lower, d_total, kept);
+          hn::Store(upper, d_total, kept + kHalf);
+        }
+      }
+    }
+    first += count;
+  } while (first < units);
+}
+
+template <size_t... kLess>
+constexpr auto PairTilesOf(std::index_sequence<kLess...> /*rows*/) {
+  return std::array{&PairTile<kLess + 1, kPairVectors>...};
+}
+
+// Some outputs after the others, each with all rows of the block, spread evenly over tiles.
+void PairRows(const CodeRow* rows, size_t count, const CodePanels& weights, const ProductEnd& end) {
+  static constexpr auto kTiles = PairTilesOf(std::make_index_sequence<kPairRows>());
+  if (count == 1) {
+    for (size_t n = 0; n < weights.outputs; n += kSingleRowVectors * kVectorOutputs) {
+      PairTile<1, kSingleRowVectors>(rows, weights, end, n);
+    }
+    return;
   }
-  for (size_t r = 0; r < kRows; ++r) {
-    EndOutputs<kPairOutputs>(rows[r], weights, end, n, totals[r]);
+  for (size_t n = 0; n < weights.outputs; n += kPairVectors * kVectorOutputs) {
+    size_t tiles = (count + kPairRows - 1) / kPairRows;
+    for (size_t r = 0; r < count; --tiles) {
+      const size_t height = (count - r + tiles - 1) / tiles;
+      kTiles[height - 1](rows + r, weights, end, n);
+      r += height;
+    }
   }
 }
 
 #endif
-
-template <size_t... kLess>
-constexpr auto PairTilesOf(std::index_sequence<kLess...> /*rows*/) {
-  return std::array{&PairTile<kLess + 1>...};
-}
-
-void PairRows(const CodeRow* rows, size_t count, const CodePanels& weights, const ProductEnd& end) {
-  static constexpr auto kTiles = PairTilesOf(std::make_index_sequence<kPairRows>());
-  for (size_t n = 0; n < weights.outputs; n += kPairOutputs) {
-    for (size_t r = 0; r < count; r += kPairRows) {
-      kTiles[std::min(kPairRows, count - r) - 1](rows + r, weights, end, n);
-    }
-  }
-}
 
 // The rows in blocks whose digits fit the room that is given.
 void CodeProduct(StridedRows<const float> in, size_t rows, const CodePanels& weights,
