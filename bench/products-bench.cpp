@@ -10,14 +10,19 @@
 #include <cblas.h>
 
 #include "bench/plain-kernels.h"
-#include "tests/support/model-builder.h"
-#include "utils/half-float.h"
+#include "bench/sample-layers.h"
 
 namespace {
 
-using handwriting::tests::Affine;
+using handwriting::bench::AffineLayer;
+using handwriting::bench::BlstmLayer;
+using handwriting::bench::Cell;
+using handwriting::bench::Direction;
+using handwriting::bench::GruLayer;
+using handwriting::bench::LstmLayer;
+using handwriting::bench::ProjectedLayer;
+using handwriting::bench::Size;
 using handwriting::tests::Bytes;
-using handwriting::tests::Component1d;
 using handwriting::tests::FixedWrittenBy;
 using handwriting::tests::Floats;
 using handwriting::tests::Model;
@@ -31,8 +36,6 @@ using handwriting::tests::ReadLayer;
   openblas_set_num_threads(1);
   return true;
 }();
-
-size_t Size(int n) { return static_cast<size_t>(n); }
 
 // Times a network of one layer on new inputs of so many frames.
 void RunLayer(benchmark::State& state, const Bytes& component, int dim, int64_t frames) {
@@ -69,10 +72,6 @@ void PlainMultiply(const float* a, const float* x, int n, float beta, float* y) 
 }
 
 // Affine: inputs, outputs, frames.
-
-Bytes AffineLayer(int in, int out) {
-  return Affine(in, out, Random(Size(out), 1), Random(Size(in) * Size(out), 2));
-}
 
 void BM_Affine(benchmark::State& state) {
   const auto in = static_cast<int>(state.range(0));
@@ -112,65 +111,7 @@ BENCHMARK(BM_AffinePlain)->Apply(AffineSizes);
 // Recurrent layers of so many cells on as many inputs: cells, frames. A projection halves the
 // cells.
 
-enum class Cell { kLstm, kProjected, kGru };
-
-struct Direction {
-  Direction(Cell cell, int cells)
-      : outputs(cell == Cell::kProjected ? cells / 2 : cells),
-        gates((cell == Cell::kGru ? 3 : 4) * cells),
-        input(Random(Size(gates) * Size(cells), 1, 0.1F)),
-        recurrent(Random(Size(gates) * Size(outputs), 2, 0.1F)),
-        input_bias(Random(Size(gates), 3)),
-        recurrent_bias(Random(Size(gates), 4)),
-        peepholes(Random(3 * Size(cells), 5)),
-        projection(Random(Size(outputs) * Size(cells), 6, 0.1F)),
-        projection_bias(Random(Size(outputs), 7)) {}
-
-  int outputs, gates;
-  Floats input, recurrent, input_bias, recurrent_bias, peepholes, projection, projection_bias;
-};
-
-Bytes LstmLayer(int cells) {
-  const Direction d(Cell::kLstm, cells);
-  return Component1d(
-      0x103, cells, cells,
-      Bytes().Floats(d.input).Floats(d.recurrent).Floats(d.input_bias).Floats(d.recurrent_bias));
-}
-
-Bytes BlstmLayer(int cells) {
-  const Direction d(Cell::kLstm, cells);
-  Bytes block = Bytes().Int(cells);
-  for (int direction = 0; direction < 2; ++direction) {
-    for (const Floats* array : {&d.input, &d.recurrent, &d.input_bias, &d.recurrent_bias}) {
-      for (const float x : *array) block.Raw(tarev::nnet::handwriting_CTC::FloatToHalf(x));
-    }
-  }
-  return Component1d(0x10e, cells, 2 * cells, block);
-}
-
-Bytes ProjectedLayer(int cells) {
-  const Direction d(Cell::kProjected, cells);
-  return Component1d(0x106, cells, d.outputs,
-                     Bytes()
-                         .Int(cells)
-                         .Floats(d.input)
-                         .Floats(d.recurrent)
-                         .Floats(d.input_bias)
-                         .Floats(d.peepholes)
-                         .Floats(d.projection)
-                         .Floats(d.projection_bias));
-}
-
-Bytes GruLayer(int cells) {
-  const Direction d(Cell::kGru, cells);
-  return Component1d(0x10d, cells, cells,
-                     Bytes()
-                         .Int(cells)
-                         .Floats(d.input)
-                         .Floats(d.recurrent)
-                         .Floats(d.input_bias)
-                         .Floats(d.recurrent_bias));
-}
+Bytes SquareBlstm(int cells) { return BlstmLayer(cells, cells); }
 
 template <Bytes (*kLayer)(int)>
 void RunRecurrent(benchmark::State& state) {
@@ -239,7 +180,7 @@ template <Cell kCell, PlainFrame kFrame, int kDirections>
 void RunRecurrentPlain(benchmark::State& state) {
   const auto c = static_cast<int>(state.range(0));
   const auto frames = static_cast<int>(state.range(1));
-  const Direction d(kCell, c);
+  const Direction d(kCell, c, c);
   const Floats in = Random(Size(frames) * Size(c), 5);
   Floats gates(Size(frames) * Size(d.gates));
   Floats out(Size(frames) * Size(d.outputs));
@@ -270,7 +211,7 @@ void RecurrentSizes(benchmark::internal::Benchmark* bench) {
       ->Apply(RecurrentSizes)
 
 RECURRENT_BENCH("Lstm", LstmLayer, Cell::kLstm, PlainLstmFrame, 1);
-RECURRENT_BENCH("Blstm", BlstmLayer, Cell::kLstm, PlainLstmFrame, 2);
+RECURRENT_BENCH("Blstm", SquareBlstm, Cell::kLstm, PlainLstmFrame, 2);
 RECURRENT_BENCH("LstmProjected", ProjectedLayer, Cell::kProjected, PlainProjectedFrame, 1);
 RECURRENT_BENCH("Gru", GruLayer, Cell::kGru, PlainGruFrame, 1);
 
