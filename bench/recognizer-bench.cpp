@@ -149,8 +149,8 @@ void BM_LoadReading(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
 }
 
-#define LOAD_BENCH(name, model)                                                              \
-  BENCHMARK(BM_Load<model>)->Name("BM_Load/" name)->Unit(benchmark::kMillisecond);           \
+#define LOAD_BENCH(name, model)                                                    \
+  BENCHMARK(BM_Load<model>)->Name("BM_Load/" name)->Unit(benchmark::kMillisecond); \
   BENCHMARK(BM_LoadReading<model>)->Name("BM_LoadReading/" name)->Unit(benchmark::kMillisecond)
 
 LOAD_BENCH("Lstm", LstmModel);

@@ -31,14 +31,18 @@ struct Direction {
         projection_bias(tests::Random(Size(outputs), 7)) {}
 
   int outputs, gates;
-  tests::Floats input, recurrent, input_bias, recurrent_bias, peepholes, projection, projection_bias;
+  tests::Floats input, recurrent, input_bias, recurrent_bias, peepholes, projection,
+      projection_bias;
 };
 
 inline tests::Bytes LstmLayer(int cells) {
   const Direction d(Cell::kLstm, cells, cells);
-  return tests::Component1d(
-      0x103, cells, cells,
-      tests::Bytes().Floats(d.input).Floats(d.recurrent).Floats(d.input_bias).Floats(d.recurrent_bias));
+  return tests::Component1d(0x103, cells, cells,
+                            tests::Bytes()
+                                .Floats(d.input)
+                                .Floats(d.recurrent)
+                                .Floats(d.input_bias)
+                                .Floats(d.recurrent_bias));
 }
 
 inline tests::Bytes BlstmLayer(int inputs, int cells) {
@@ -55,25 +59,25 @@ inline tests::Bytes BlstmLayer(int inputs, int cells) {
 inline tests::Bytes ProjectedLayer(int cells) {
   const Direction d(Cell::kProjected, cells, cells);
   return tests::Component1d(0x106, cells, d.outputs,
-                     tests::Bytes()
-                         .Int(cells)
-                         .Floats(d.input)
-                         .Floats(d.recurrent)
-                         .Floats(d.input_bias)
-                         .Floats(d.peepholes)
-                         .Floats(d.projection)
-                         .Floats(d.projection_bias));
+                            tests::Bytes()
+                                .Int(cells)
+                                .Floats(d.input)
+                                .Floats(d.recurrent)
+                                .Floats(d.input_bias)
+                                .Floats(d.peepholes)
+                                .Floats(d.projection)
+                                .Floats(d.projection_bias));
 }
 
 inline tests::Bytes GruLayer(int cells) {
   const Direction d(Cell::kGru, cells, cells);
   return tests::Component1d(0x10d, cells, cells,
-                     tests::Bytes()
-                         .Int(cells)
-                         .Floats(d.input)
-                         .Floats(d.recurrent)
-                         .Floats(d.input_bias)
-                         .Floats(d.recurrent_bias));
+                            tests::Bytes()
+                                .Int(cells)
+                                .Floats(d.input)
+                                .Floats(d.recurrent)
+                                .Floats(d.input_bias)
+                                .Floats(d.recurrent_bias));
 }
 
 }  // namespace handwriting::bench

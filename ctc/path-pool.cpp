@@ -1,6 +1,5 @@
 #include "ctc/path-pool.h"
 
-#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -18,27 +17,27 @@ void _path_pool_t::next_block() {
 }
 
 void _path_pool_t::begin_block(std::size_t index) noexcept {
-  fresh_ = blocks_[index]->cells;
-  fresh_end_ = fresh_ + sizeof(blocks_[index]->cells);
+  fresh_ = blocks_[index]->lines;
+  fresh_end_ = fresh_ + kLines;
   next_ = index + 1;
-}
-
-_path_pool_t& _path_pool_t::pool_of(_hist_t* node) noexcept {
-  const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(node) & (kBlockBytes - 1);
-  return *reinterpret_cast<_block_t*>(reinterpret_cast<std::byte*>(node) - offset)->pool;
 }
 
 _hist_t* _path_pool_t::destroy(_hist_t* node) noexcept {
   prefetch_ancestors(node);
   _hist_t* const parent = std::exchange(node->parent.node_, nullptr);
   node->~_hist_t();
-  free_ = new (node) _free_cell_t{free_};
-  --live_;
+  _block_t& block = block_of(node);
+  _line_state_t& state = state_of(block, node);
+  if (--state.live == 0) {
+    _path_pool_t& pool = *block.pool;
+    void* const line = &block.lines[&state - block.states];
+    pool.free_ = new (line) _free_line_t{pool.free_};
+    if (--pool.lines_ == 0) pool.begin_anew();
+  }
   return parent;
 }
 
-void _path_pool_t::begin_anew_if_empty() noexcept {
-  if (live_ != 0) return;
+void _path_pool_t::begin_anew() noexcept {
   free_ = nullptr;
   begin_block(0);
 }
@@ -46,26 +45,17 @@ void _path_pool_t::begin_anew_if_empty() noexcept {
 // In a loop: through the destructors of the parents it would take one stack frame per frame of the
 // input.
 void _path_pool_t::release(_hist_t* node) noexcept {
-  _path_pool_t& pool = pool_of(node);
   do {
-    node = pool.destroy(node);
+    node = destroy(node);
   } while (node != nullptr && --node->holders == 0);
-  pool.begin_anew_if_empty();
 }
 
 bool _path_pool_t::release_stretch(_hist_ptr_t& path) noexcept {
-  if (!path) return false;
   _hist_t* node = path.node_;
-  _path_pool_t& pool = pool_of(node);
   for (int left = kPathStretch; left > 0 && node != nullptr; --left) {
-    if (--node->holders != 0) {
-      node = nullptr;
-    } else {
-      node = pool.destroy(node);
-    }
+    node = --node->holders == 0 ? destroy(node) : nullptr;
   }
   path.node_ = node;
-  pool.begin_anew_if_empty();
   return node != nullptr;
 }
 

@@ -79,7 +79,7 @@ struct _path_walk_t {
 // Asks for the memory of nodes some frames before: they lie at lower addresses, and a walk along a
 // long path would wait for each of them.
 inline void prefetch_ancestors(const _hist_t* node) noexcept {
-  constexpr std::uintptr_t kDistance = 48 * sizeof(_hist_t);
+  constexpr std::uintptr_t kDistance = 64 * sizeof(_hist_t);
   const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(node) - kDistance;
   // Only an address: there may be nothing. NOLINTNEXTLINE(performance-no-int-to-ptr)
   __builtin_prefetch(reinterpret_cast<const void*>(address));

@@ -535,7 +535,8 @@ void PairRows(const CodeRow* rows, size_t count, const CodePanels& weights, cons
 
 // The rows in blocks whose digits fit the room that is given.
 void CodeProduct(StridedRows<const float> in, size_t rows, const CodePanels& weights,
-                 const ProductEnd& end, StridedRows<float> out, int8_t* digits, size_t room) {
+                 const ProductEnd& end, const StridedRows<float>& out, int8_t* digits,
+                 size_t room) {
   constexpr size_t kMostRows = 16;
 #if HWY_TARGET <= HWY_AVX3
   const bool bytes = HasByteProducts() && FitsByteTiles(weights);
@@ -580,7 +581,8 @@ HWY_EXPORT(CodeProduct);
 size_t CodeRowBytes(size_t inputs) { return kPlaneBytes * PaddedInputs(inputs); }
 
 void code_product(StridedRows<const float> in, size_t rows, const CodePanels& weights,
-                  const ProductEnd& end, StridedRows<float> out, int8_t* digits, size_t room) {
+                  const ProductEnd& end, const StridedRows<float>& out, int8_t* digits,
+                  size_t room) {
   HWY_DYNAMIC_DISPATCH(CodeProduct)(in, rows, weights, end, out, digits, room);
 }
 

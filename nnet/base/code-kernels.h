@@ -53,7 +53,8 @@ size_t CodeRowBytes(size_t inputs);
 /// else. `room` bytes at `digits` hold the digits of as many rows at a time as fit there, one at
 /// least; they are 64-byte aligned. In a row with infinities or NaNs these alone decide the result.
 void code_product(StridedRows<const float> in, size_t rows, const CodePanels& weights,
-                  const ProductEnd& end, StridedRows<float> out, int8_t* digits, size_t room);
+                  const ProductEnd& end, const StridedRows<float>& out, int8_t* digits,
+                  size_t room);
 
 }  // namespace tarev::nnet::handwriting_CTC
 

@@ -192,7 +192,7 @@ size_t WideOutputs(const Panels<T>& weights) {
 
 template <class T>
 void BlockOfRows(StridedRows<const float> in, size_t rows, const Panels<T>& weights,
-                 const ProductEnd& end, StridedRows<float> out) {
+                 const ProductEnd& end, const StridedRows<float>& out) {
   constexpr size_t kTileOutputs = kTileVectors * LanesOf<TileTag>();
   constexpr size_t kNarrowTile = TileVectors<NarrowTag, kNarrowOutputs>() * LanesOf<NarrowTag>();
   const size_t panel_step = weights.inputs * kPanelOutputs;
@@ -282,14 +282,14 @@ void OneRow(const float* in, const Panels<T>& weights, const ProductEnd& end, fl
 
 template <class T>
 void ManyRows(StridedRows<const float> in, size_t rows, const Panels<T>& weights,
-              const ProductEnd& end, StridedRows<float> out) {
+              const ProductEnd& end, const StridedRows<float>& out) {
   for (size_t first = 0; first < rows; first += kBlockRows) {
     BlockOfRows(in.From(first), std::min(kBlockRows, rows - first), weights, end, out.From(first));
   }
 }
 
 void Product(StridedRows<const float> in, size_t rows, const Panels<float>& weights,
-             const ProductEnd& end, StridedRows<float> out) {
+             const ProductEnd& end, const StridedRows<float>& out) {
   if (rows == 1) return OneRow<TileTag>(in.data, weights, end, out.data);
   ManyRows(in, rows, weights, end, out);
 }
@@ -297,7 +297,7 @@ void Product(StridedRows<const float> in, size_t rows, const Panels<float>& weig
 // Half as many bytes a weight, so that the conversion counts: to eight floats it takes less than
 // half the time of that to sixteen.
 void HalfProduct(StridedRows<const float> in, size_t rows, const Panels<uint16_t>& weights,
-                 const ProductEnd& end, StridedRows<float> out) {
+                 const ProductEnd& end, const StridedRows<float>& out) {
   if (rows == 1) return OneRow<hn::CappedTag<float, 8>>(in.data, weights, end, out.data);
   ManyRows(in, rows, weights, end, out);
 }
@@ -382,12 +382,12 @@ HWY_EXPORT(FillUnits);
 HWY_EXPORT(FillHalves);
 
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<float>& weights,
-                   const ProductEnd& end, StridedRows<float> out) {
+                   const ProductEnd& end, const StridedRows<float>& out) {
   HWY_DYNAMIC_DISPATCH(Product)(in, rows, weights, end, out);
 }
 
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<uint16_t>& weights,
-                   const ProductEnd& end, StridedRows<float> out) {
+                   const ProductEnd& end, const StridedRows<float>& out) {
   HWY_DYNAMIC_DISPATCH(HalfProduct)(in, rows, weights, end, out);
 }
 

@@ -52,9 +52,9 @@ struct ProductEnd {
 /// out (rows x outputs) = in (rows x inputs) weights', ended as `end` says. `out` overlaps nothing
 /// else but for that bias.
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<float>& weights,
-                   const ProductEnd& end, StridedRows<float> out);
+                   const ProductEnd& end, const StridedRows<float>& out);
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<uint16_t>& weights,
-                   const ProductEnd& end, StridedRows<float> out);
+                   const ProductEnd& end, const StridedRows<float>& out);
 
 /// Writes `rows` rows of `count` units into a panel of the given width from its output `first` on:
 /// unit k of row r becomes panel[k * width + first + r]. A unit is 16 or 32 bits.

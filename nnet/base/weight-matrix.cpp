@@ -159,7 +159,7 @@ void WeightMatrix::Get(size_t first, size_t count, uint8_t* rows) const {
 }
 
 void WeightMatrix::Multiply(StridedRows<const float> in, size_t rows, const ProductEnd& end,
-                            StridedRows<float> out) {
+                            const StridedRows<float>& out) {
   switch (form_) {
     case Form::kSingle:
       return panel_product(in, rows, Singles(), end, out);
@@ -173,7 +173,7 @@ void WeightMatrix::Multiply(StridedRows<const float> in, size_t rows, const Prod
 }
 
 void WeightMatrix::MultiplyCodes(StridedRows<const float> in, size_t rows, const ProductEnd& end,
-                                 StridedRows<float> out) {
+                                 const StridedRows<float>& out) {
   if (!digits_.empty()) {
     return code_product(in, rows, Codes(), end, out, reinterpret_cast<int8_t*>(digits_.data()),
                         digits_.size() * sizeof(float));
@@ -183,7 +183,7 @@ void WeightMatrix::MultiplyCodes(StridedRows<const float> in, size_t rows, const
 }
 
 void WeightMatrix::MultiplyMapped(StridedRows<const float> in, size_t rows, const ProductEnd& end,
-                                  StridedRows<float> out) const {
+                                  const StridedRows<float>& out) const {
   const bool adds = end.bias == out.data;
   matmul_trans_b(in, {values_.data(), inputs_}, out, rows, outputs_, inputs_, end.scale,
                  adds ? 1.0F : 0.0F);

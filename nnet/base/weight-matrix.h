@@ -48,7 +48,7 @@ class WeightMatrix {
   /// out (rows x outputs) = in (rows x inputs) W', ended as `end` says. `out` overlaps nothing else
   /// but for a bias as ProductEnd has it. One thread at a time.
   void Multiply(StridedRows<const float> in, size_t rows, const ProductEnd& end,
-                StridedRows<float> out);
+                const StridedRows<float>& out);
 
   Form form() const { return form_; }
   size_t outputs() const { return outputs_; }
@@ -59,9 +59,9 @@ class WeightMatrix {
   Panels<uint16_t> Halves() const;
   CodePanels Codes() const;
   void MultiplyCodes(StridedRows<const float> in, size_t rows, const ProductEnd& end,
-                     StridedRows<float> out);
+                     const StridedRows<float>& out);
   void MultiplyMapped(StridedRows<const float> in, size_t rows, const ProductEnd& end,
-                      StridedRows<float> out) const;
+                      const StridedRows<float>& out) const;
 
   Form form_ = Form::kSingle;
   size_t outputs_ = 0;

@@ -37,6 +37,7 @@ void GruParameters::Propagate(const float* in, size_t frames, const RecurrentSha
       std::fill_n(candidate, h, 0.0F);
       recurrent_weights.Multiply({hidden, h}, 1, {.bias = gate}, {gate, 3 * h});
       float* row = out.data + (first + t) * out.stride;
+      PrefetchRows(in, frames, shape, direction, out, first + t);
       gru_cell({gate, input_candidate, recurrent_bias.data(), hidden, row}, h);
       hidden = row;
     }

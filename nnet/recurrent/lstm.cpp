@@ -45,6 +45,7 @@ void LstmParameters::Propagate(const float* in, size_t frames, const RecurrentSh
       float* gate = gates + t * 4 * c;
       recurrent_weights.Multiply({hidden, c}, 1, {.bias = gate}, {gate, 4 * c});
       float* row = out.data + (first + t) * out.stride;
+      PrefetchRows(in, frames, shape, direction, out, first + t);
       lstm_cell(gate, recurrent_bias.data(), c, cell, row);
       hidden = row;
     }
@@ -88,6 +89,7 @@ void ProjectedLstmParameters::Propagate(const float* in, size_t frames, const Re
       const size_t t = first + in_block;
       float* gate = gates + in_block * 4 * c;
       recurrent_weights.Multiply({entering + 3 * c, p}, 1, {.bias = gate}, {gate, 4 * c});
+      PrefetchRows(in, frames, shape, direction, out, t);
       peephole_lstm_cell(
           {gate, peephole_input.data(), peephole_forget.data(), peephole_output.data(), entering,
            computed, computed + c, computed + 2 * c},
