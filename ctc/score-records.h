@@ -66,8 +66,8 @@ struct _hist_t {
   _hist_ptr_t parent;    // null at the first frame
 };
 
-// Whoever walks all paths of a beam takes turns after so many nodes: the nodes of a frame lie side
-// by side, and what one path brought into the cache serves the others.
+// Whoever walks all paths of a beam takes turns after so many nodes: paths of one length lie near
+// each other, and the ancestors that one asks for serve the others.
 inline constexpr int kPathStretch = 128;
 
 // How far a path has been walked.

@@ -355,6 +355,7 @@ void Fill(StridedRows<const T> units, size_t rows, size_t count, size_t first, T
   for (size_t k = 0; k < count; ++k) {
     T* const to = panel + k * width + first;
     const T* from = units.data + k;
+#pragma GCC unroll 8
     for (size_t r = k < whole ? whole_rows : 0; r < rows; ++r) to[r] = from[r * units.stride];
   }
 }

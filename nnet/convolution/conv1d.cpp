@@ -205,21 +205,25 @@ bool ConvolutionParameters::HoldByOutput(const NextRows& next, float* held) cons
   return true;
 }
 
+// One group. Block after block for the input channels of a piece, which then lie side by side in the
+// block.
 bool ConvolutionParameters::HoldByInput(const NextRows& next, float* held) const {
   const size_t out = shape_.out_per_group;
   const size_t k = ToSize(kernel_size);
   const size_t in = ToSize(in_per_group);
-  const size_t inputs_at_a_time = kPieceFloats / std::min(kPieceFloats, out * k);
-  const float* stored = nullptr;
-  for (size_t c = 0; c < in; ++c, stored += out * k) {
-    if (c % inputs_at_a_time == 0) stored = next(out * std::min(inputs_at_a_time, in - c));
+  const size_t inputs_at_a_time = std::max<size_t>(1, kPieceFloats / std::max<size_t>(1, out * k));
+  for (size_t first = 0; first < in; first += inputs_at_a_time) {
+    const size_t inputs = std::min(inputs_at_a_time, in - first);
+    const float* stored = next(out * inputs);
     if (stored == nullptr) return false;
     float* to = held;
     for (size_t p = 0; p < out;) {
       const ChannelBlock block = BlockFrom(p, out);
-      const size_t first_term = TapsFirst() ? c : c * k;
-      Turn(stored + block.offset * k, k, k, block, (TapsFirst() ? in : 1) * block.width,
-           to + first_term * block.width);
+      for (size_t c = 0; c < inputs; ++c) {
+        const size_t first_term = TapsFirst() ? first + c : (first + c) * k;
+        Turn(stored + (c * out + block.offset) * k, k, k, block,
+             (TapsFirst() ? in : 1) * block.width, to + first_term * block.width);
+      }
       to += shape_.terms * block.width;
       p = block.offset + block.width;
     }
