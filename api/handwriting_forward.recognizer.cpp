@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 #include <cstdint>
+#include <vector>
 
 #include <cblas.h>
 
@@ -46,6 +47,21 @@ bool ReadNetwork(FILE* fp, int frames, std::unique_ptr<runtime::Nnet>& nnet,
   return true;
 }
 
+// Decodes two frames without a difference, so that the first call after create finds the search's
+// memory, and its code and that of the mathematics below it, in place. A search for which that
+// would take long has little to gain.
+void Rehearse(::handwriting_CTC::_beam_search_t& decoder) {
+  constexpr int kMostPaths = 100;
+  constexpr int kMostClasses = 1 << 16;
+  if (decoder.beam_num > kMostPaths || decoder.label_dim > kMostClasses) return;
+  const std::vector<float> scores(static_cast<size_t>(decoder.label_dim), 0.0F);
+  int labels[2 * kMostPaths];
+  int lengths[kMostPaths];
+  decoder.process_first_frame(scores.data());
+  decoder.process_one_frame(scores.data());
+  decoder.get_CTC_result(labels, lengths);
+}
+
 }  // namespace
 
 bool handwriting_forward_t::ReadFirst(FILE* fp, int max_frame_num) {
@@ -60,6 +76,7 @@ bool handwriting_forward_t::ReadSecond(FILE* fp, int nbest) {
   }
   decoder =
       std::make_unique<::handwriting_CTC::_beam_search_t>(nbest, nbest, forward2->OutputDim(), fp);
+  Rehearse(*decoder);
   return true;
 }
 
