@@ -1,9 +1,11 @@
 #include "api/handwriting_forward.h"
 
+#include <array>
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <source_location>
+#include <string_view>
 
 #include "api/handwriting_forward.recognizer.h"
 #include "utils/messages.h"
@@ -14,24 +16,24 @@ namespace runtime = tarev::nnet::handwriting_CTC;
 using runtime::Here;
 
 // Every message of the interface begins with the place that prints it and the exported function.
-void PrintPrefix(std::source_location where, const char* function) {
-  std::fprintf(stderr, "WARNING * [%s:%d<<%s>>] ", runtime::FileStem(where.file_name()).c_str(),
-               static_cast<int>(where.line()), function);
+// Printed when memory may be out: nothing here allocates.
+void Warn(std::source_location where, const char* function, const char* text) noexcept {
+  const std::string_view file = runtime::FileStem(where.file_name());
+  runtime::PrintLine("WARNING * [%.*s:%d<<%s>>] %s\n", static_cast<int>(file.size()), file.data(),
+                     static_cast<int>(where.line()), function, text);
 }
 
-void Warn(std::source_location where, const char* function, const char* text) {
-  PrintPrefix(where, function);
-  std::fprintf(stderr, "%s\n", text);
-}
-
-void WarnParameters(std::source_location where, const char* function, const char* condition) {
-  PrintPrefix(where, function);
-  std::fprintf(stderr, "Wrong parameter(s) to [%s], condition [%s]. \n", function, condition);
+void WarnParameters(std::source_location where, const char* function,
+                    const char* condition) noexcept {
+  std::array<char, 512> text;
+  std::snprintf(text.data(), text.size(), "Wrong parameter(s) to [%s], condition [%s]. ", function,
+                condition);
+  Warn(where, function, text.data());
 }
 
 }  // namespace
 
-void* handwriting_forward_create(FILE* fp, int max_frame_num, int nbest) {
+void* handwriting_forward_create(FILE* fp, int max_frame_num, int nbest) noexcept {
   constexpr const char* kFunction = "handwriting_forward_create";
   if (fp == nullptr || max_frame_num <= 0 || nbest <= 0) {
     WarnParameters(Here(), kFunction, "fp == __null || max_frame_num <= 0 || nbest <= 0");
@@ -50,7 +52,7 @@ void* handwriting_forward_create(FILE* fp, int max_frame_num, int nbest) {
 }
 
 int handwriting_forward_process(void* instance, const float* feature, int frame_num, int input_dim,
-                                int* output, int* len) {
+                                int* output, int* len) noexcept {
   constexpr const char* kFunction = "handwriting_forward_process";
   if (instance == nullptr || feature == nullptr || frame_num <= 0 || input_dim <= 0 ||
       output == nullptr || len == nullptr) {
@@ -68,6 +70,6 @@ int handwriting_forward_process(void* instance, const float* feature, int frame_
   }
 }
 
-void handwriting_forward_destory(void* instance) {
+void handwriting_forward_destory(void* instance) noexcept {
   const std::unique_ptr<handwriting_forward_t> owned(static_cast<handwriting_forward_t*>(instance));
 }

@@ -10,8 +10,13 @@
  *    holds, and what they mean, is the model's affair.
  * 4. Labels are class indices of the second network's output. Class 0 is the CTC blank and never
  *    appears in a result.
- * 5. A function that fails prints one line to standard error and returns NULL or -1. It never
- *    throws, exits or aborts. A recognizer remains usable after a failed call.
+ * 5. A function that fails returns NULL or -1 and prints one line to standard error, also when
+ *    memory has run out. It never throws, exits or aborts; a recognizer remains usable. What fails
+ *    at run time is logged as well, through Loguru (verbosity -1), one line before the other; a
+ *    host silences that line through Loguru's own settings. The line is dropped when there is no
+ *    memory for it. Loguru ends a process to which memory is refused within a line; of that there
+ *    remains the moment in which another thread takes the last 32 KiB. An executable that
+ *    defines Loguru's symbols is called in the place of the library's copy.
  * 6. One recognizer is used by one thread at a time; different recognizers may run on different
  *    threads. Creating one sets OpenBLAS to one thread for the whole process.
  * 7. The same model and features give the same result on every processor with fused multiply-add
@@ -52,6 +57,12 @@
 #define HANDWRITING_FORWARD_API
 #endif
 
+#if defined(__cplusplus) && __cplusplus >= 201103L
+#define HANDWRITING_FORWARD_NOEXCEPT noexcept
+#else
+#define HANDWRITING_FORWARD_NOEXCEPT
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -68,7 +79,8 @@ extern "C" {
  * Returns the recognizer, or NULL when an argument is out of range, the file does not hold two
  * networks that this library can run, or memory runs out. A damaged or hostile file is refused, not
  * trusted. */
-HANDWRITING_FORWARD_API void* handwriting_forward_create(FILE* fp, int max_frame_num, int nbest);
+HANDWRITING_FORWARD_API void* handwriting_forward_create(FILE* fp, int max_frame_num,
+                                                         int nbest) HANDWRITING_FORWARD_NOEXCEPT;
 
 /* Recognizes one input.
  *
@@ -85,10 +97,11 @@ HANDWRITING_FORWARD_API void* handwriting_forward_create(FILE* fp, int max_frame
  * nothing of meaning. A sequence may be empty (length 0). No result depends on an earlier input. */
 HANDWRITING_FORWARD_API int handwriting_forward_process(void* instance, const float* feature,
                                                         int frame_num, int input_dim, int* output,
-                                                        int* len);
+                                                        int* len) HANDWRITING_FORWARD_NOEXCEPT;
 
 /* Releases a recognizer and everything it owns. NULL is ignored. */
-HANDWRITING_FORWARD_API void handwriting_forward_destory(void* instance);
+HANDWRITING_FORWARD_API void handwriting_forward_destory(void* instance)
+    HANDWRITING_FORWARD_NOEXCEPT;
 
 #ifdef __cplusplus
 }

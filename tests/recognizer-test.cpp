@@ -1,5 +1,8 @@
 // The three exported functions, called through the shared library.
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <functional>
 #include <thread>
@@ -32,6 +35,7 @@ class Recognizer {
   Recognizer& operator=(const Recognizer&) = delete;
 
   explicit operator bool() const { return instance_ != nullptr; }
+  void* instance() const { return instance_; }
 
   Result Process(Floats features, int frames, int dim) {
     std::vector<int> output(static_cast<size_t>(nbest_ * frames));
@@ -149,6 +153,33 @@ TEST(Recognizer, CreationRefusesWhatItCannotUse) {
     const File file = FileOf(whole.substr(0, size));
     PrintedBy([&] { ASSERT_EQ(handwriting_forward_create(file.get(), 4, 1), nullptr) << size; });
   }
+}
+
+// A datagram is what one write gives.
+TEST(Recognizer, EveryLineOfAFailureIsOneWrite) {
+  Recognizer recognizer(TwoNetworks(Network({Identity(2)}), Network({Identity(2)})), 4, 2);
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+  const int saved = dup(STDERR_FILENO);
+  dup2(ends[0], STDERR_FILENO);
+  const Floats in(3);
+  int output[2];
+  int len[2];
+  handwriting_forward_process(recognizer.instance(), in.data(), 1, 3, output, len);
+  handwriting_forward_process(recognizer.instance(), in.data(), 0, 2, output, len);
+  dup2(saved, STDERR_FILENO);
+  std::vector<std::string> lines;
+  char line[1000];
+  for (ssize_t n = 0; (n = recv(ends[1], line, sizeof(line), MSG_DONTWAIT)) > 0;) {
+    lines.emplace_back(line, static_cast<size_t>(n));
+  }
+  for (const int descriptor : {saved, ends[0], ends[1]}) close(descriptor);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_NE(lines[0].find("WARN| mismatched input dimension! "), std::string::npos) << lines[0];
+  EXPECT_TRUE(lines[1].starts_with("WARNING * [handwriting_forward:")) << lines[1];
+  EXPECT_NE(lines[1].find(">>] mismatched input dimension! "), std::string::npos) << lines[1];
+  EXPECT_NE(lines[2].find(">>] Wrong parameter(s) to ["), std::string::npos) << lines[2];
+  for (const std::string& each : lines) EXPECT_EQ(each.find('\n'), each.size() - 1);
 }
 
 TEST(Recognizer, ArgumentsAreCheckedFirst) {

@@ -155,7 +155,7 @@ TEST_F(ToolTest, DamagedModelsAreRefusedWithTheirPlace) {
        "network 2: layer 1: unknown or unimplemented nnet layer! [0102]"},
       {" \n<Sigmoid> 3 3\n", "network 1: the file ends before </Nnet>"},
       {"<Nnet> <Sigmoid> 3 3 </Nnet> <Nope\x1b> 3 3 </Nnet>",
-       "network 2: layer 0: unknown or unimplemented nnet layer! [<Nope?>]"},
+       "network 2: layer 0: unknown or unimplemented nnet layer! [<Nope\\x1b>]"},
       {std::string(4004, '\0'), "more than 1000 networks"}};
   for (const auto& [bytes, message] : cases) {
     Store("model.bin", bytes);

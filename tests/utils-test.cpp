@@ -275,5 +275,24 @@ TEST(Messages, ThrownTextIsLoggedWithPlaceAndCut) {
   EXPECT_NE(log.find(thrown), std::string::npos);
 }
 
+TEST(Messages, WhatATerminalObeysIsEscaped) {
+  EXPECT_EQ(Escaped("na\u00efve \u6587\U0001F58B ~"), "na\u00efve \u6587\U0001F58B ~");
+  EXPECT_EQ(Escaped("\x1b[2J\n\x7f"), "\\x1b[2J\\x0a\\x7f");
+  EXPECT_EQ(Escaped("\xc2\x9b"
+                    "1m \xc2\xa0"),
+            "\\xc2\\x9b"
+            "1m \xc2\xa0");
+  EXPECT_EQ(Escaped("\xff\xc0\x80\xe6\x96"), "\\xff\\xc0\\x80\\xe6\\x96");
+  EXPECT_EQ(ThrownBy([] { ThrowError(Here(), "no register [%s]", "x\r\n"); }),
+            "no register [x\\x0d\\x0a]");
+}
+
+TEST(Messages, ALineIsCutAndEnded) {
+  const std::string longest(9000, 'x');
+  const std::string line = PrintedBy([&] { PrintLine("%s\n", longest.c_str()); });
+  EXPECT_EQ(line.size(), 8192U);
+  EXPECT_EQ(line.find('\n'), 8191U);
+}
+
 }  // namespace
 }  // namespace handwriting::tests

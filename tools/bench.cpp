@@ -413,7 +413,7 @@ void Print(const Subject& subject, const Json& document) {
     return Microseconds(document.at("ns_per_" + of + "_min")) + " us at least, " +
            Microseconds(document.at("ns_per_" + of + "_median")) + " us median";
   };
-  print("", Printable(subject.place()) + ": calls of " + subject.InputText());
+  print("", Escaped(subject.place()) + ": calls of " + subject.InputText());
   print("", MachineText());
   print("\nframes per second     ", Number(document.at("frames_per_second"), 1, 0));
   print("time per frame        ", times("frame"));

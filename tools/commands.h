@@ -10,6 +10,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "utils/messages.h"
+
 namespace handwriting::tools {
 
 /// The most paths that --nbest lets a search keep.
@@ -45,9 +47,8 @@ inline CLI::Validator CountUpTo(int max) {
   return validator;
 }
 
-/// The text with every control character replaced: one line, and nothing that a terminal would
-/// obey. For names that come out of files.
-std::string Printable(std::string text);
+/// For names that come out of files: one line, and nothing that a terminal would obey.
+using tarev::nnet::handwriting_CTC::Escaped;
 
 /// What results and times hang on: "vector target ..., BLAS core ...".
 std::string MachineText();

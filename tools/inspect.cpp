@@ -151,7 +151,7 @@ TableRow RowOf(const Json& layer) {
           layer.at("parameters").dump(),
           layer.at("bytes").dump(),
           ContextText(layer),
-          Printable(layer.at("links").get<std::string>())};
+          Escaped(layer.at("links").get<std::string>())};
 }
 
 void PrintNetwork(const Json& network, size_t number) {
@@ -162,7 +162,7 @@ void PrintNetwork(const Json& network, size_t number) {
                   network.at("bytes").dump(), "", ""});
   PrintTable(rows, kRightAligned);
   if (const Json& failure = network.at("link_failure"); !failure.is_null()) {
-    std::cout << "  cannot be linked: " << Printable(failure.get<std::string>()) << '\n';
+    std::cout << "  cannot be linked: " << Escaped(failure.get<std::string>()) << '\n';
   }
 }
 
@@ -176,7 +176,7 @@ std::string FitText(const Json& from, const Json& to, const Json& fits) {
 
 void PrintFile(const Json& file) {
   const Json& networks = file.at("networks");
-  std::cout << Printable(file.at("file").get<std::string>()) << ": "
+  std::cout << Escaped(file.at("file").get<std::string>()) << ": "
             << file.at("form").get<std::string>() << ", networks " << networks.size()
             << ", parameters " << file.at("parameters") << ", bytes held " << file.at("bytes")
             << '\n'

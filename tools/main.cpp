@@ -17,12 +17,6 @@
 
 namespace handwriting::tools {
 
-std::string Printable(std::string text) {
-  const auto is_control = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
-  std::replace_if(text.begin(), text.end(), is_control, '?');
-  return text;
-}
-
 std::string MachineText() {
   using tarev::nnet::handwriting_CTC::blas_core_name;
   using tarev::nnet::handwriting_CTC::vector_target_name;
@@ -31,7 +25,7 @@ std::string MachineText() {
 }
 
 void PrintError(const std::string& text) {
-  std::cerr << "handwriting: " << Printable(text) << std::endl;
+  std::cerr << "handwriting: " << Escaped(text) << std::endl;
 }
 
 void FlushOutput() {
