@@ -82,15 +82,15 @@ HWY_INLINE hn::Vec<D> Scaled(D d, hn::Vec<D> v, float scale) {
 // Where a tile lies and what it sums over. Of its last vector only `last_lanes` values exist.
 template <class T>
 struct TilePlace {
-  StridedRows<const float> in;
-  const T* weights;
-  size_t panel_step;  // from panel to panel
-  size_t inputs;
-  ProductEnd end;
-  StridedRows<float> out;
-  bool resumes;   // from the sums that lie in the output
-  bool finishes;  // no inputs follow
-  size_t last_lanes;
+  StridedRows<const float> in = {};
+  const T* weights = nullptr;
+  size_t panel_step = 0;  // from panel to panel
+  size_t inputs = 0;
+  ProductEnd end = {};
+  StridedRows<float> out = {};
+  bool resumes = false;   // from the sums that lie in the output
+  bool finishes = false;  // no inputs follow
+  size_t last_lanes = 0;
 };
 
 // The loops over rows and vectors must be unrolled for the sums to stay in registers.

@@ -253,9 +253,8 @@ inline std::vector<Bytes> WithRegisters(int code, const Bytes& sample) {
   if (code == 0x702 || code == 0x703 || code == 0x1101) {
     for (const char* name : {"x", "yz"}) {
       layers.push_back(
-          code == 0x703
-              ? Component2d(0x701, 2, 2, 3, 3, Bytes().String(name))
-              : Component1d(code == 0x702 ? 0x700 : 0x1100, 2, 2, Bytes().String(name)));
+          code == 0x703 ? Component2d(0x701, 2, 2, 3, 3, Bytes().String(name))
+                        : Component1d(code == 0x702 ? 0x700 : 0x1100, 2, 2, Bytes().String(name)));
     }
   }
   layers.push_back(sample);
