@@ -37,11 +37,12 @@ void CheckOutput(const char* name, const runtime::BlockShape& shape, int64_t fra
 
 // Reads one network and builds an executor over it, with room for calls of `frames` frames. False
 // when the number of layers cannot be read; throws on any other failure.
-bool ReadNetwork(FILE* fp, int frames, std::unique_ptr<runtime::Nnet>& nnet,
+bool ReadNetwork(FILE* fp, int frames, runtime::BufferBudget& budget,
+                 std::unique_ptr<runtime::Nnet>& nnet,
                  std::unique_ptr<runtime::NnetForward>& forward) {
   nnet = std::make_unique<runtime::Nnet>();
   if (!runtime::ReadNnet(*nnet, fp)) return false;
-  forward = std::make_unique<runtime::NnetForward>(nnet.get());
+  forward = std::make_unique<runtime::NnetForward>(nnet.get(), &budget);
   openblas_set_num_threads(1);
   forward->ReserveFrames(frames);
   return true;
@@ -65,11 +66,11 @@ void Rehearse(::handwriting_CTC::_beam_search_t& decoder) {
 }  // namespace
 
 bool handwriting_forward_t::ReadFirst(FILE* fp, int max_frame_num) {
-  return ReadNetwork(fp, max_frame_num, nnet1, forward1);
+  return ReadNetwork(fp, max_frame_num, budget, nnet1, forward1);
 }
 
 bool handwriting_forward_t::ReadSecond(FILE* fp, int nbest) {
-  if (!ReadNetwork(fp, kChunkFrames, nnet2, forward2)) return false;
+  if (!ReadNetwork(fp, kChunkFrames, budget, nnet2, forward2)) return false;
   if (forward2->OutputDim() < 1) {
     runtime::ThrowError(Here(), "second network has no output dimension! [%d]",
                         forward2->OutputDim());

@@ -20,6 +20,8 @@ struct handwriting_forward_t {
   std::unique_ptr<tarev::nnet::handwriting_CTC::NnetForward> forward2;
   const float* nnet2_output = nullptr;
   std::unique_ptr<::handwriting_CTC::_beam_search_t> decoder;
+  // For the buffers of both networks.
+  tarev::nnet::handwriting_CTC::BufferBudget budget{tarev::nnet::handwriting_CTC::kMaxBufferBytes};
 
   handwriting_forward_t() = default;
   handwriting_forward_t(const handwriting_forward_t&) = delete;

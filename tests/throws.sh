@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # The exported functions catch std::exception and nothing else: the library throws the standard's
-# exceptions and its own one, which is derived from them.
+# exceptions and its own, which are derived from them.
 #
 # usage: throws.sh SOURCE-FOLDER
 set -euo pipefail
 cd "$1"
 
-allowed='throw (std::(runtime_error|length_error|bad_alloc|logic_error)|ComponentRefused)\('
+allowed='throw (std::(runtime_error|length_error|bad_alloc|logic_error)|ComponentRefused|BudgetExceeded)\('
 # Without comments and strings; the specifications of functions are `noexcept`.
 found=$(grep -rn --include='*.cpp' --include='*.h' -w throw api ctc nnet utils |
   sed -E 's/"([^"\\]|\\.)*"//g; s|//.*||; s|/?\*.*||' |

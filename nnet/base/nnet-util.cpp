@@ -1,5 +1,6 @@
 #include "nnet/base/nnet-util.h"
 
+#include <malloc.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -32,8 +33,12 @@ float* NewFloats(size_t rows, size_t cols) {
   const size_t bytes = rows * cols * sizeof(float);
   const size_t whole = (bytes + kAlignment - 1) / kAlignment * kAlignment;
   const bool huge = whole >= kHugePage;
+  BufferBudget::Take(whole);
   void* memory = nullptr;
-  if (posix_memalign(&memory, huge ? kHugePage : kAlignment, whole) != 0) return nullptr;
+  if (posix_memalign(&memory, huge ? kHugePage : kAlignment, whole) != 0) {
+    BufferBudget::GiveBack(whole);
+    return nullptr;
+  }
   if (huge) madvise(memory, whole / kHugePage * kHugePage, MADV_HUGEPAGE);
   return static_cast<float*>(memory);
 }
@@ -70,8 +75,28 @@ void grow_floats(float** p, size_t new_count, size_t old_count, size_t unit) {
   *p = fresh;
 }
 
-// The one place that frees; FloatArray calls it.
-void free_floats(float* p) noexcept { std::free(p); }  // NOLINT(cppcoreguidelines-no-malloc)
+// The one place that frees; FloatArray calls it. What the heap gave is about what was asked for.
+void free_floats(float* p) noexcept {
+  if (p != nullptr) BufferBudget::GiveBack(malloc_usable_size(p));
+  std::free(p);  // NOLINT(cppcoreguidelines-no-malloc)
+}
+
+thread_local BufferBudget* BufferBudget::entered_ = nullptr;
+
+BufferBudget::Entered::Entered(BufferBudget& budget) noexcept
+    : outer_(std::exchange(entered_, &budget)) {}
+
+BufferBudget::Entered::~Entered() { entered_ = outer_; }
+
+void BufferBudget::Take(uint64_t bytes) {
+  if (entered_ == nullptr) return;
+  if (bytes > entered_->limit_ - entered_->used_) throw BudgetExceeded(entered_->used_ + bytes);
+  entered_->used_ += bytes;
+}
+
+void BufferBudget::GiveBack(uint64_t bytes) noexcept {
+  if (entered_ != nullptr) entered_->used_ -= std::min(bytes, entered_->used_);
+}
 
 thread_local ArrayArena* ArrayArena::open_ = nullptr;
 

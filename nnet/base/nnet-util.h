@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <stdexcept>
 
 namespace tarev::nnet::handwriting_CTC {
 
@@ -47,6 +48,51 @@ class ArrayArena {
   std::shared_ptr<float> block_;
   size_t size_ = 0;
   size_t used_ = 0;
+};
+
+/// A limit for the bytes of all float arrays that are allocated while it is entered, less those
+/// freed: the buffers of networks that work together. What is read from a file is bounded by the
+/// file. One thread enters it at a time.
+class BufferBudget {
+ public:
+  explicit BufferBudget(uint64_t bytes) : limit_(bytes) {}
+  BufferBudget(const BufferBudget&) = delete;
+  BufferBudget& operator=(const BufferBudget&) = delete;
+
+  uint64_t limit() const { return limit_; }
+  uint64_t used() const { return used_; }
+
+  /// While this lives, arrays of the calling thread count.
+  class Entered {
+   public:
+    explicit Entered(BufferBudget& budget) noexcept;
+    Entered(const Entered&) = delete;
+    Entered& operator=(const Entered&) = delete;
+    ~Entered();
+
+   private:
+    BufferBudget* outer_;
+  };
+
+  /// For the functions above: counts an allocation, or throws BudgetExceeded and counts nothing;
+  /// counts a release.
+  static void Take(uint64_t bytes);
+  static void GiveBack(uint64_t bytes) noexcept;
+
+ private:
+  static thread_local BufferBudget* entered_;
+  uint64_t limit_;
+  uint64_t used_ = 0;
+};
+
+/// Thrown by an allocation that a budget has no room for. Not logged: whoever entered the budget
+/// knows for what the array was.
+class BudgetExceeded : public std::runtime_error {
+ public:
+  explicit BudgetExceeded(uint64_t wanted_bytes)
+      : std::runtime_error("buffers too large!"), wanted(wanted_bytes) {}
+  /// Bytes that would be in use.
+  uint64_t wanted;
 };
 
 /// An owned float array that knows its size, or a view of mapped parameters that is never freed and

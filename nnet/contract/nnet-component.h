@@ -44,13 +44,14 @@ struct CallPlan {
   uint64_t writes;
 };
 
-/// The most floats that one block of frames may hold (2 GiB), so that no model file can exhaust the
-/// machine's memory.
+/// The most floats that one block of frames may hold (2 GiB), and the most bytes of all buffers of
+/// networks that run together, so that no model file can exhaust the machine's memory.
 inline constexpr uint64_t kMaxBlockFloats = uint64_t{1} << 29;
+inline constexpr uint64_t kMaxBufferBytes = uint64_t{4} << 30;
 
 /// The most floats that a layer allocates ahead of its frames where nothing but a number in the
 /// header of the model file asks for them. Larger buffers grow in the call that fills them.
-inline constexpr uint64_t kMaxFloatsAhead = uint64_t{1} << 22;
+inline constexpr uint64_t kMaxFloatsAhead = uint64_t{1} << 20;
 
 /// Tags the constructor of layers that work on one plane per channel.
 struct ChannelForm {};

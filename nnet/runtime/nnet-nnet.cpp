@@ -18,6 +18,9 @@ constexpr int64_t kMaxFrames = int64_t{1} << 26;
 constexpr int64_t kMaxGrowth = 1024;
 constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
 
+// What is reserved ahead of a call, at most, for widths that no parameters explain (16 MiB).
+constexpr uint64_t kFloatsAhead = uint64_t{1} << 22;
+
 // The shortest component is a one-dimensional header without parameters.
 constexpr size_t kMinComponentBytes = 12;
 
@@ -47,11 +50,13 @@ bool ReadNnet(Nnet& nnet, FILE* fp) {
   return false;
 }
 
-NnetForward::NnetForward(Nnet* network) : nnet_(network) {
+NnetForward::NnetForward(Nnet* network, BufferBudget* shared_budget)
+    : nnet_(network), budget_(shared_budget != nullptr ? shared_budget : &own_budget_) {
   if (nnet_ == nullptr) ThrowWrongParameters(Here(), "NnetForward", "nnet == __null");
   if (nnet_->layers.empty()) ThrowWrongParameters(Here(), "NnetForward", "nnet->layers.empty()");
   input_dim_ = nnet_->layers.front()->InputDim();
   output_dim_ = nnet_->layers.back()->OutputDim();
+  for (const auto& layer : nnet_->layers) parameter_count_ += layer->ParameterCount();
   LinkLayers();
 }
 
@@ -67,22 +72,42 @@ void NnetForward::LinkLayers() {
   }
 }
 
-// Follows the most frames that a call of so many can bring to each layer, without running any. The
-// call itself makes what room is still missing, so stopping early costs time only.
 void NnetForward::ReserveFrames(int64_t frames) {
+  const BufferBudget::Entered entered(*budget_);
+  try {
+    Reserve(frames);
+  } catch (const BudgetExceeded&) {  // the call that needs the room says so
+  }
+}
+
+// Follows the most frames that a call of so many can bring to each layer, without running any. The
+// call itself makes what room is still missing, so stopping early costs time only. It stops where
+// buffers would be larger than rows as wide as the network has parameters, and some more: widths
+// and paddings are numbers in a file, and no memory is given for those before there is data.
+void NnetForward::Reserve(int64_t frames) {
   const int64_t limit = FrameLimit(frames);
+  const auto rows = static_cast<uint64_t>(std::max<int64_t>(frames, 0));
+  const uint64_t explained = parameter_count_ > kMaxBlockFloats / std::max<uint64_t>(rows, 1)
+                                 ? kMaxBlockFloats
+                                 : rows * parameter_count_;
+  const uint64_t most_bytes = (kFloatsAhead + explained) * sizeof(float);
+  const uint64_t used = budget_->used();
   int64_t n = frames;
   int width = input_dim_;
   uint64_t need = 0;
   bool whole = true;
   for (const auto& layer : nnet_->layers) {
     const CallPlan plan = layer->Plan(n, width);
-    whole = n >= 1 && n <= limit && plan.writes <= kMaxBlockFloats;
+    const auto fits = [&](uint64_t floats) {
+      return floats <= kMaxBlockFloats &&
+             budget_->used() - used + 2 * floats * sizeof(float) <= most_bytes;
+    };
+    whole = n >= 1 && n <= limit && fits(plan.writes);
     if (!whole) break;
     layer->Reserve(n);
     n = layer->MostFrames(n);
     const uint64_t given = BlockFloats(layer->OutputChannel(), layer->OutputDim(), n);
-    whole = given <= kMaxBlockFloats;
+    whole = fits(given);
     if (!whole) break;
     need = std::max({need, plan.writes, given});
     if (layer->OutputDim() > 0) width = layer->OutputDim();
@@ -113,13 +138,18 @@ void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels
 // layer relies on what the layer before it promised, but only on the block that is really there.
 void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_id, int channels) {
   if (frames > reserved_frames_) ReserveFrames(frames);
+  const BufferBudget::Entered entered(*budget_);
   const int64_t frame_limit = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
   FloatArray* from = &buffer_a_;
   FloatArray* to = &buffer_b_;
   for (size_t position = 0; position < nnet_->layers.size(); ++position) {
     if (observer_ != nullptr) observer_->BeforeLayer(position);
-    shape = RunLayer(position, in, *from, *to, shape, call_id, frame_limit);
+    try {
+      shape = RunLayer(position, in, *from, *to, shape, call_id, frame_limit);
+    } catch (const BudgetExceeded& error) {
+      ThrowTooMuchMemory(position, error.wanted);
+    }
     if (observer_ != nullptr) observer_->AfterLayer(position);
     std::swap(from, to);
   }
@@ -154,6 +184,11 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatAr
 void NnetForward::ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const {
   ThrowError(Here(), "too many frames! layer[%s] position[%zu] [%" PRId64 " > %" PRId64 "]",
              nnet_->layers[position]->TypeMarker().c_str(), position, frames, limit);
+}
+
+void NnetForward::ThrowTooMuchMemory(size_t position, uint64_t bytes) const {
+  ThrowError(Here(), "buffers too large! layer[%s] position[%zu] [%" PRIu64 " > %" PRIu64 " bytes]",
+             nnet_->layers[position]->TypeMarker().c_str(), position, bytes, budget_->limit());
 }
 
 void NnetForward::ThrowTooLittleInput(size_t position, const BlockShape& shape,

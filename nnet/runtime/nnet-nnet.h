@@ -51,15 +51,16 @@ class NnetForward {
  public:
   /// Builds over a network that has been read completely, has at least one layer and outlives the
   /// executor; links the layers that refer to each other. Throws when there is no layer or linking
-  /// fails.
-  explicit NnetForward(Nnet* network);
+  /// fails. Executors that work together share a budget for their buffers, which outlives them;
+  /// without one the executor has kMaxBufferBytes for itself.
+  explicit NnetForward(Nnet* network, BufferBudget* shared_budget = nullptr);
   NnetForward(const NnetForward&) = delete;
   NnetForward& operator=(const NnetForward&) = delete;
   ~NnetForward() = default;
 
   /// Makes buffers and layers ready for calls of `frames` input frames. A hint: where that many
   /// frames would take a layer beyond its bounds, nothing is reserved for it and the layers after
-  /// it.
+  /// it; nor where that would take more memory than the frames and the parameters explain.
   void ReserveFrames(int64_t frames);
   /// Counts the call and runs it with that count, which starts at 1, as call_id. `in` holds
   /// `channels` planes (1: rows) of `frames` frames of width `dim`; layers that work in place
@@ -100,7 +101,14 @@ class NnetForward {
   }
   void GrowBuffersTo(uint64_t floats);
 
+  /// The position, marker and both numbers of a layer that the budget has no room for.
+  [[noreturn]] void ThrowTooMuchMemory(size_t position, uint64_t bytes) const;
+  void Reserve(int64_t frames);
+
   Nnet* nnet_;
+  BufferBudget own_budget_{kMaxBufferBytes};
+  BufferBudget* budget_;
+  uint64_t parameter_count_ = 0;
   LayerObserver* observer_ = nullptr;
   int64_t cur_frames_ = 0;
   int32_t input_dim_ = 0;

@@ -5,6 +5,11 @@
 //
 // This program's malloc stands in the place of the C library's, also for the libraries it calls.
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -14,11 +19,6 @@
 #include <functional>
 #include <string>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "api/handwriting_forward.h"
 #include "tests/support/layer-samples.h"
@@ -303,8 +303,8 @@ std::string ContentOf(const char* path) {
 }
 
 int Main(int count, char** arguments) {
-  report = static_cast<Report*>(mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE,
-                                     MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  report = static_cast<Report*>(
+      mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   bool good = Survives("LogWarning", LogWithLittleMemory);
   size_t subjects = 0;
   const auto try_all = [&](const std::string& name, const std::string& bytes, Subject& subject) {
