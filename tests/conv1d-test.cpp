@@ -103,9 +103,10 @@ constexpr Shape kShapes[] = {{2, 4, 3, 1, 1, 1, 1, 2},           {1, 1, 1, 1, 0,
 /// Runs the layer of a file over several numbers of frames on every vector target. Every fifth
 /// value of its input is one of `specials`, where there are any.
 template <class Plain>
-void ExpectBitsOf(Plain plain, const Bytes& file, const Shape& s, const Floats& specials = {}) {
+void ExpectBitsOf(Plain plain, const Bytes& file, const Shape& s, const Floats& specials = {},
+                  const std::vector<int>& frames = {1, 2, 5, 13, 40}) {
   const Layer layer = ReadLayer(file);
-  for (const int n : {1, 2, 5, 13, 40}) {
+  for (const int n : frames) {
     SCOPED_TRACE(testing::PrintToString(s) + " frames: " + std::to_string(n));
     Floats in = RandomFrames(s, n, static_cast<uint32_t>(n));
     for (size_t i = 0; i < in.size() && !specials.empty(); i += 5) {
@@ -223,6 +224,17 @@ TEST(MaxPool1d, CountsPaddingAsZero) {
                                             {{1, 1, kHuge, 1, kHuge, 0}, {0, 0, 0, 1}}};
   for (const auto& [s, wanted] : cases) {
     EXPECT_EQ(RunLayer(*ReadLayer(PoolFile(s)), {-2, -1, 1}, 3, 1), wanted);
+  }
+}
+
+TEST(MaxPool1d, WindowsOfManyTapsGiveTheBitsOfThePlainLoops) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (const Shape& s : {Shape{2, 2, 65}, Shape{1, 1, 65, 1, 64, 64}, Shape{3, 3, 70, 7, 30, 90},
+                         Shape{1, 1, 100, 3, 250, 180, 2}, Shape{2, 2, 66, 2, 5, 0, 3},
+                         Shape{1, 1, 400, 1, 399, 399}, Shape{1, 1, 90, 1, 300, 300, 4},
+                         Shape{1, 1, 65, 1, 0, 0, 5}}) {
+    ExpectBitsOf([&](const Floats& in, int n) { return PlainPool(s, in, n); }, PoolFile(s), s,
+                 {-0.0F, nan, 0.0F, -kInfinity, nan}, {1, 3, 64, 130, 261, 457});
   }
 }
 

@@ -56,6 +56,27 @@ TEST(Statistics, ExtractionSumsTheSpanOfEveryFrame) {
             Floats({2, 3, 30, 5, 500, 2, 5, 50, 13, 1300}));
 }
 
+// Sums of small whole numbers are exact in any order.
+TEST(Statistics, LongSpansAreSummedAsShortOnesAre) {
+  for (const auto& [step, span] : {std::pair{1, 129}, {1, 300}, {2, 260}, {3, 600}, {5, 1000}}) {
+    const Layer layer = ReadLayer(Extraction(step, span, true, 2, 5));
+    for (const int n : {span - step + 1, span, span + 1, 2 * span + 3, 5 * span}) {
+      Floats in(static_cast<size_t>(2 * n));
+      for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<float>(i * i % 7) - 3;
+      const Floats out = RunLayer(*layer, Floats(in), n, 2);
+      ASSERT_EQ(out.size(), static_cast<size_t>(5 * (n - span + step)));
+      for (size_t i = 0; i < out.size(); ++i) {
+        float wanted = 0;
+        for (int k = 0; k < span; k += step) {
+          const float x = in[2 * (i / 5 + static_cast<size_t>(k)) + (i % 5 + 1) % 2];
+          wanted += i % 5 == 0 ? 1 : i % 5 < 3 ? x : x * x;
+        }
+        ASSERT_EQ(out[i], wanted) << step << " " << span << " " << n << " " << i;
+      }
+    }
+  }
+}
+
 TEST(Statistics, PoolingGivesMeansAndDeviations) {
   const struct {
     const char* what;

@@ -413,8 +413,12 @@ void ConvTranspose1d::PropagateFnc(const float* in, int64_t frames, int /*in_dim
 // One run for each range of taps. How many taps lie in the padding does not matter for a largest
 // value, only whether any does on either side.
 void MaxPool1dParameters::Pool(const float* in, int64_t frames, int64_t padding, size_t columns,
-                               int64_t out_frames, float* out) const {
+                               int64_t out_frames, float* out, uint64_t& memory_bytes) {
   if (columns == 0) return;
+  constexpr int32_t kMostComparedInTurn = 64;
+  if (kernel_size > kMostComparedInTurn) {
+    return PoolWide(in, frames, padding, columns, out_frames, out, memory_bytes);
+  }
   const auto width = static_cast<ptrdiff_t>(columns);
   const TapWalk walk = {stride, -padding, dilation, kernel_size, frames};
   for (int64_t t = 0; t < out_frames;) {
@@ -427,6 +431,56 @@ void MaxPool1dParameters::Pool(const float* in, int64_t frames, int64_t padding,
          ToSize(taps.end - taps.begin), dilation * width, taps.begin > 0, taps.end < kernel_size},
         columns);
     t = end;
+  }
+}
+
+// The frames that a window can see lie `dilation` apart. Each such sequence is cut into blocks as
+// long as a window, and the largest values from the beginning of a block and up to its end are
+// formed for every frame. A window lies in two blocks at most: of the first one it sees the end, of
+// the second one the beginning. One that the ends of the input cut lies in one block from its
+// beginning on, or up to the end of the input.
+void MaxPool1dParameters::PoolWide(const float* in, int64_t frames, int64_t padding, size_t columns,
+                                   int64_t out_frames, float* out, uint64_t& memory_bytes) {
+  constexpr float kLowest = std::numeric_limits<float>::lowest();
+  // A later value replaces an earlier one only when it is greater.
+  const auto keep_larger = [columns](float* best, const float* later) {
+    for (size_t c = 0; c < columns; ++c) best[c] = later[c] > best[c] ? later[c] : best[c];
+  };
+  const int64_t n = std::max<int64_t>(frames, 0);
+  const int64_t taps = kernel_size;
+  const int64_t step = dilation;
+  const auto at = [columns](auto* rows, int64_t row) { return rows + ToSize(row) * columns; };
+  const size_t floats = BlockFloats(1, static_cast<int64_t>(columns), n);
+  up_to_.Grow(floats, memory_bytes);
+  from_.Grow(floats, memory_bytes);
+  std::fill_n(up_to_.data(), floats, kLowest);
+  std::fill_n(from_.data(), floats, kLowest);
+  for (int64_t i = 0; i < n; ++i) {
+    if (i / step % taps != 0) keep_larger(at(up_to_.data(), i), at(up_to_.data(), i - step));
+    keep_larger(at(up_to_.data(), i), at(in, i));
+  }
+  for (int64_t i = n; i-- > 0;) {
+    keep_larger(at(from_.data(), i), at(in, i));
+    if (i + step < n && (i / step + 1) % taps != 0) {
+      keep_larger(at(from_.data(), i), at(from_.data(), i + step));
+    }
+  }
+  for (int64_t t = 0; t < out_frames; ++t, out += columns) {
+    const int64_t begin = t * stride - padding;
+    const int64_t first = begin < 0 ? CeilDiv(-begin, step) : 0;
+    const int64_t end = std::min(taps, CeilDiv(n - begin, step));
+    std::fill_n(out, columns, first > 0 ? 0.0F : kLowest);
+    if (first < end) {
+      const int64_t oldest = begin + first * step;
+      const int64_t newest = begin + (end - 1) * step;
+      const bool whole_block_begins = oldest / step % taps == 0;
+      const bool one_block = oldest / step / taps == newest / step / taps;
+      if (!one_block || !whole_block_begins) keep_larger(out, at(from_.data(), oldest));
+      if (!one_block || whole_block_begins) keep_larger(out, at(up_to_.data(), newest));
+    }
+    if (end < taps) {
+      for (size_t c = 0; c < columns; ++c) out[c] = 0.0F > out[c] ? 0.0F : out[c];
+    }
   }
 }
 
@@ -448,7 +502,7 @@ void MaxPool1d::PropagateFnc(const float* in, int64_t frames, int in_dim, float*
   const int64_t out_frames = CalcOutputFrames(frames);
   if (out_frames < 1) ThrowError(Here(), "too few input frames in MaxPool1d");
   AdoptSameWidth(in_dim);
-  Pool(in, frames, padding_left, ToSize(in_dim), out_frames, out);
+  Pool(in, frames, padding_left, ToSize(in_dim), out_frames, out, memory_bytes);
   output_frames = out_frames;
 }
 

@@ -156,9 +156,19 @@ struct ConvTranspose1dParameters : ConvolutionParameters {
 
 /// Output frame t, every column: the largest in[t stride - padding + j dilation] over the taps j; a
 /// tap in the padding counts as 0. Reads `frames` rows of `columns` values, writes `out_frames`.
+/// Windows of more than 64 taps take a few comparisons a value, whatever their length.
 struct MaxPool1dParameters : WindowParameters {
   void Pool(const float* in, int64_t frames, int64_t padding, size_t columns, int64_t out_frames,
-            float* out) const;
+            float* out, uint64_t& memory_bytes);
+
+ private:
+  void PoolWide(const float* in, int64_t frames, int64_t padding, size_t columns,
+                int64_t out_frames, float* out, uint64_t& memory_bytes);
+
+  /// For every frame, the largest value from the beginning of its block of taps up to it, and from
+  /// it up to the end of its block.
+  FloatArray up_to_;
+  FloatArray from_;
 };
 
 /// A convolution over the frames of each call by itself: n frames become as many as the window has

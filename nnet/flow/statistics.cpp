@@ -15,6 +15,9 @@ static_assert(std::bit_cast<uint32_t>(1.0e-10F) == 0x2EDBE6FF);
 
 namespace {
 
+// The frames of a span that are added up one after another, at most.
+constexpr int32_t kMostAddedInOrder = 128;
+
 // The last layer so far that cuts windows.
 struct CutWindows {
   size_t position = 0;
@@ -71,10 +74,37 @@ void StatisticsExtraction::PropagateFnc(const float* in, int64_t frames, int in_
     pow_in_place(const_cast<float*>(in), n * dim, 2.0F);
     copy_columns(in, n, dim, out, n, width, 0, dim + 1, dim);
   }
-  sum_strided_rows(out, n, width, ToSize(input_period), ToSize(output_period));
+  if (output_period / input_period <= kMostAddedInOrder) {
+    sum_strided_rows(out, n, width, ToSize(input_period), ToSize(output_period));
+  } else {
+    SumLongSpans(out, n, width);
+  }
   const auto count = static_cast<float>(output_period / input_period);
   for (size_t r = 0; r < n; ++r) out[r * width] = count;
   output_frames = frames - RightContext();
+}
+
+// The rows are cut into blocks as long as a span. A span begins in one block and ends in the next:
+// its sum is that from its beginning to the end of the block, formed backwards in place, and that
+// from the beginning of the next block, whose rows are still as they came, kept up as the span
+// moves on. Each of the input_period interleaved sequences has a running sum of its own.
+void StatisticsExtraction::SumLongSpans(float* rows, size_t count, size_t width) {
+  const size_t step = ToSize(input_period);
+  const size_t span = ToSize(output_period);
+  const auto row = [&](size_t r) { return rows + r * width; };
+  running_.Grow(step * width, memory_bytes);
+  for (size_t block = 0; block < count; block += span) {
+    const size_t next = std::min(block + span, count);
+    for (size_t r = next - std::min(step, next); r-- > block;) {
+      add_vec_to_rows(row(r), 1, width, row(r + step), 1.0F);
+    }
+    zero_vec(running_.data(), step * width);
+    for (size_t r = next; r < std::min(next + span - step, count); ++r) {
+      float* sum = running_.data() + (r - next) % step * width;
+      add_vec_to_rows(sum, 1, width, row(r), 1.0F);
+      add_vec_to_rows(row(r - span + step), 1, width, sum, 1.0F);
+    }
+  }
 }
 
 // StatisticsPooling.

@@ -14,7 +14,8 @@
 namespace tarev::nnet::handwriting_CTC {
 
 /// Row r becomes [count, sums of x, sums of x²] (without variance [count, sums of x]) over the
-/// frames r, r + input_period, … of a span of output_period frames. n frames become n - right
+/// frames r, r + input_period, … of a span of output_period frames. Up to 128 frames are added in
+/// their order; spans of more take two additions a value, whatever their length. n frames become n - right
 /// context, and a call of no more frames than that throws. With variance the input rows are left
 /// squared.
 class StatisticsExtraction final : public LayerOf<0x601> {
@@ -35,6 +36,9 @@ class StatisticsExtraction final : public LayerOf<0x601> {
  private:
   /// Values of an output row.
   int64_t RowWidth() const { return 1 + (include_variance ? 2 : 1) * int64_t{input_dim}; }
+  void SumLongSpans(float* rows, size_t count, size_t width);
+
+  FloatArray running_;
 };
 
 /// Pools blocks of `pool_frames` rows of statistics (0: all rows of a call; the last block takes

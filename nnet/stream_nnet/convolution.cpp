@@ -106,7 +106,7 @@ void StreamMaxPool1d::PropagateFnc(const float* in, int64_t frames, int in_dim, 
   RequireWidth(input_dim, in_dim);
   AdoptSameWidth(in_dim);
   const StreamWindow::View view = window.Take(*this, in, frames, *this, memory_bytes);
-  Pool(view.rows, view.count, view.padding, ToSize(in_dim), view.out_frames, out);
+  Pool(view.rows, view.count, view.padding, ToSize(in_dim), view.out_frames, out, memory_bytes);
   window.MoveOn(*this, view);
   output_frames = view.out_frames;
 }
