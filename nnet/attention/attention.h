@@ -30,6 +30,9 @@ class AttentionLayer : public Component {
   void Link(NetworkLinks& links) override { position_ = links.position(); }
   void Reserve(int64_t frames) override;
   void Reset() override;
+  uint64_t ExtraWork(int64_t frames, int /*in_dim*/) const override {
+    return AttentionWork(frames, frames);
+  }
 
   int32_t head_num = 0;
   /// Width of all rows but the hidden ones; a head has head_dim = model_dim / head_num columns of
@@ -62,6 +65,10 @@ class AttentionLayer : public Component {
   /// ReserveScores for these counts.
   void Attend(const float* query, int64_t queries, const float* key, const float* value,
               int64_t keys, float* context);
+  /// Work of so many queries over so many keys: both products, and about 16 steps an exponential.
+  uint64_t AttentionWork(int64_t queries, int64_t keys) const {
+    return BlockFloats(queries, keys, 2 * int64_t{model_dim} + 16 * int64_t{head_num});
+  }
   /// Floats that the first feed-forward layer writes for `frames` frames.
   uint64_t HiddenFloats(int64_t frames) const;
   /// Runs a nested layer on `frames` rows of model_dim floats, giving rows of model_dim floats.

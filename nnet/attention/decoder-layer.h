@@ -1,6 +1,8 @@
 #ifndef NNET_ATTENTION_DECODER_LAYER_H_
 #define NNET_ATTENTION_DECODER_LAYER_H_
 
+#include <algorithm>
+
 #include "nnet/attention/attention.h"
 
 namespace tarev::nnet::handwriting_CTC {
@@ -18,6 +20,10 @@ class Decoder final : public LayerOf<0x10a, AttentionLayer> {
   NestedList Nested() override;
   void Reset() override;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
+  /// Every step attends to all steps before it and to the memory.
+  uint64_t ExtraWork(int64_t frames, int /*in_dim*/) const override {
+    return AttentionWork(frames, step_count + std::max<int64_t>(frames, 0) + memory_frames);
+  }
 
   /// Makes the steps up to the next reset attend over `frames` rows of model_dim floats. The rows
   /// are not copied: they must stay until the next step has projected them, and projections that

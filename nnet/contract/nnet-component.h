@@ -169,6 +169,9 @@ class Component {
   /// The most frames that a call of `in_frames` gives, asked in network order while room is made
   /// ahead of the call. A hint, which sizes the buffers of the layers after this one.
   virtual int64_t MostFrames(int64_t in_frames) const { return CalcStreamOutputFrames(in_frames); }
+  /// Multiply-adds and comparisons of a call beyond one for every parameter and frame, and beyond
+  /// the floats that the plan reads and writes. For layers whose work grows otherwise.
+  virtual uint64_t ExtraWork(int64_t /*frames*/, int /*in_dim*/) const { return 0; }
   /// The two visits of linking, each to all layers in network order. Announce offers what layers
   /// after this one may need, and takes what layers before it have offered; Link takes what any
   /// layer has offered. Both throw when something is missing or taken twice. Building another

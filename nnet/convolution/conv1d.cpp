@@ -415,7 +415,6 @@ void ConvTranspose1d::PropagateFnc(const float* in, int64_t frames, int /*in_dim
 void MaxPool1dParameters::Pool(const float* in, int64_t frames, int64_t padding, size_t columns,
                                int64_t out_frames, float* out, uint64_t& memory_bytes) {
   if (columns == 0) return;
-  constexpr int32_t kMostComparedInTurn = 64;
   if (kernel_size > kMostComparedInTurn) {
     return PoolWide(in, frames, padding, columns, out_frames, out, memory_bytes);
   }

@@ -6,6 +6,7 @@
 // parameter structs know nothing of calls: streaming layers use them too and decide themselves
 // which frames a call sees.
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -160,8 +161,14 @@ struct ConvTranspose1dParameters : ConvolutionParameters {
 struct MaxPool1dParameters : WindowParameters {
   void Pool(const float* in, int64_t frames, int64_t padding, size_t columns, int64_t out_frames,
             float* out, uint64_t& memory_bytes);
+  /// Comparisons of a call.
+  uint64_t PoolWork(int64_t out_frames, int64_t columns) const {
+    return BlockFloats(std::min(kernel_size, kMostComparedInTurn), columns, out_frames);
+  }
 
  private:
+  static constexpr int32_t kMostComparedInTurn = 64;
+
   void PoolWide(const float* in, int64_t frames, int64_t padding, size_t columns,
                 int64_t out_frames, float* out, uint64_t& memory_bytes);
 
@@ -210,6 +217,9 @@ class MaxPool1d : public LayerOf<0x309, Component, 0x309>, public MaxPool1dParam
   bool Validate(Refusal& why) override;
   bool MapsFrameForFrame() const override { return KeepsFrames(); }
   CallPlan Plan(int64_t frames, int in_dim) const override;
+  uint64_t ExtraWork(int64_t frames, int in_dim) const override {
+    return PoolWork(CalcOutputFrames(frames), in_dim);
+  }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 };
 

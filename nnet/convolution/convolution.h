@@ -4,6 +4,7 @@
 // Convolutions over planes: one plane per channel, its rows the frames, its columns the feature
 // positions. The two simple ones compute. The general ones are read, written and converted only.
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -131,6 +132,11 @@ class SimpleLayer : public ChannelComponent {
   bool Validate(Refusal& why) override;
   ParameterList MutableParameters() override;
   CallPlan Plan(int64_t frames, int in_dim) const override;
+  /// Every weight meets every output position.
+  uint64_t ExtraWork(int64_t frames, int in_dim) const override {
+    return BlockFloats(static_cast<int64_t>(kernel.size()), std::max<int64_t>(OutWidth(in_dim), 0),
+                       frames);
+  }
 
   FloatArray kernel;  // (output channel x input channels + input channel) x 3
   FloatArray bias_vector;

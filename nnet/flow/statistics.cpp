@@ -40,6 +40,10 @@ CallPlan StatisticsExtraction::Plan(int64_t frames, int /*in_dim*/) const {
           BlockFloats(1, RowWidth(), frames)};
 }
 
+uint64_t StatisticsExtraction::ExtraWork(int64_t frames, int /*in_dim*/) const {
+  return BlockFloats(std::min(output_period / input_period, kMostAddedInOrder), RowWidth(), frames);
+}
+
 FieldList StatisticsExtraction::Fields() {
   return {{"<InputPeriod>", &input_period},
           {"<OutputPeriod>", &output_period},

@@ -27,6 +27,7 @@ class StatisticsExtraction final : public LayerOf<0x601> {
   FieldList Fields() override;
   bool Validate(Refusal& why) override;
   bool MapsFrameForFrame() const override { return false; }
+  uint64_t ExtraWork(int64_t frames, int in_dim) const override;
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   int32_t input_period = 1;

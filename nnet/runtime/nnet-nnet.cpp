@@ -18,6 +18,15 @@ constexpr int64_t kMaxFrames = int64_t{1} << 26;
 constexpr int64_t kMaxGrowth = 1024;
 constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
 
+// Work that neither the caller's frames nor parameters explain: frames beyond four times the
+// caller's and a margin, rows wider than the caller's, than the parameters are many, and than a
+// margin. So many multiply-adds, comparisons and floats moved are allowed for each frame of a call;
+// a core does as many in less than a hundredth of a second.
+constexpr int64_t kMarginFrames = 1024;
+constexpr uint64_t kMarginWidth = 4096;
+constexpr uint64_t kWorkAFrame = uint64_t{1} << 23;
+constexpr int64_t kLeastWorkFrames = 8;
+
 // What is reserved ahead of a call, at most, for widths that no parameters explain (16 MiB).
 constexpr uint64_t kFloatsAhead = uint64_t{1} << 22;
 
@@ -56,7 +65,10 @@ NnetForward::NnetForward(Nnet* network, BufferBudget* shared_budget)
   if (nnet_->layers.empty()) ThrowWrongParameters(Here(), "NnetForward", "nnet->layers.empty()");
   input_dim_ = nnet_->layers.front()->InputDim();
   output_dim_ = nnet_->layers.back()->OutputDim();
-  for (const auto& layer : nnet_->layers) parameter_count_ += layer->ParameterCount();
+  for (const auto& layer : nnet_->layers) {
+    layer_parameters_.push_back(layer->ParameterCount());
+    parameter_count_ += layer_parameters_.back();
+  }
   LinkLayers();
 }
 
@@ -120,12 +132,15 @@ void NnetForward::Reserve(int64_t frames) {
 // caller's block, so that a network of one layer needs only buffer B. That one grows last: its size
 // is that of both.
 void NnetForward::GrowBuffersTo(uint64_t floats) {
-  if (floats > kMaxBlockFloats) {
-    ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
-               kMaxBlockFloats);
-  }
+  CheckBlock(floats);
   if (nnet_->layers.size() > 1) buffer_a_.Grow(floats);
   buffer_b_.Grow(floats);
+}
+
+void NnetForward::CheckBlock(uint64_t floats) {
+  if (floats <= kMaxBlockFloats) return;
+  ThrowError(Here(), "frame buffer too large! [%" PRIu64 " > %" PRIu64 " floats]", floats,
+             kMaxBlockFloats);
 }
 
 void NnetForward::Forward(const float* in, int64_t frames, int dim, int channels) {
@@ -141,6 +156,11 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
   const BufferBudget::Entered entered(*budget_);
   const int64_t frame_limit = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
+  const int64_t call_frames = std::clamp<int64_t>(frames, 0, kMaxFrames);
+  explained_frames_ = 4 * call_frames + kMarginFrames;
+  explained_width_ = std::max({BlockFloats(channels, dim, 1), parameter_count_, kMarginWidth});
+  work_limit_ = kWorkAFrame * static_cast<uint64_t>(std::max(call_frames, kLeastWorkFrames));
+  unexplained_work_ = 0;
   FloatArray* from = &buffer_a_;
   FloatArray* to = &buffer_b_;
   for (size_t position = 0; position < nnet_->layers.size(); ++position) {
@@ -170,6 +190,8 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatAr
   const CallPlan plan = layer.Plan(shape.frames, shape.dim);
   if (plan.frames > frame_limit) ThrowTooManyFrames(position, plan.frames, frame_limit);
   if (plan.reads > shape.floats()) ThrowTooLittleInput(position, shape, plan.reads);
+  CheckBlock(plan.writes);
+  CountWork(position, shape, plan);
   GrowBuffers(plan.writes);
   layer.Run(plan, position == 0 ? in : from.data(), shape.frames, shape.dim, to.data(), call_id);
   const BlockShape produced{layer.OutputChannel(), layer.output_dim, layer.OutputFrames()};
@@ -179,6 +201,34 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatAr
     zero_vec(to.data() + plan.writes, floats - plan.writes);
   }
   return produced;
+}
+
+// A frame that the caller brought, and a stretch of a few times as many, explain whatever a layer
+// does with it; so does a row that is no wider than the caller's or than the parameters are many.
+// What remains comes from numbers in a file: paddings, windows, rows joined to rows.
+void NnetForward::CountWork(size_t position, const BlockShape& shape, const CallPlan& plan) {
+  const Component& layer = *nnet_->layers[position];
+  const int64_t frames = std::max(shape.frames, plan.frames);
+  const uint64_t width = BlockFloats(shape.channels, std::max(shape.dim, layer.output_dim), 1);
+  if (frames <= explained_frames_ && width <= explained_width_) return;
+  const auto add = [this](uint64_t work) {
+    if (__builtin_add_overflow(unexplained_work_, work, &unexplained_work_)) {
+      unexplained_work_ = std::numeric_limits<uint64_t>::max();
+    }
+  };
+  uint64_t of_parameters = 0;
+  if (__builtin_mul_overflow(static_cast<uint64_t>(std::max<int64_t>(frames, 0)),
+                             layer_parameters_[position], &of_parameters)) {
+    of_parameters = std::numeric_limits<uint64_t>::max();
+  }
+  // What is written counts twice: the system may have to clear the memory first.
+  for (const uint64_t work : {of_parameters, plan.reads, plan.writes, plan.writes,
+                              layer.ExtraWork(shape.frames, shape.dim)}) {
+    add(work);
+  }
+  if (unexplained_work_ <= work_limit_) return;
+  ThrowError(Here(), "too much work! layer[%s] position[%zu] [%" PRIu64 " > %" PRIu64 "]",
+             layer.TypeMarker().c_str(), position, unexplained_work_, work_limit_);
 }
 
 void NnetForward::ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const {

@@ -92,6 +92,9 @@ class NnetForward {
   /// what it gave. No layer may take or give more than frame_limit frames.
   BlockShape RunLayer(size_t position, const float* in, const FloatArray& from, FloatArray& to,
                       const BlockShape& shape, int call_id, int64_t frame_limit);
+  /// Counts the work of a layer's call that neither the caller's frames nor parameters explain.
+  /// Throws when it becomes more than a call may bring.
+  void CountWork(size_t position, const BlockShape& shape, const CallPlan& plan);
   [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
   [[noreturn]] void ThrowTooLittleInput(size_t position, const BlockShape& shape,
                                         uint64_t reads) const;
@@ -100,6 +103,8 @@ class NnetForward {
     if (floats > buffer_b_.size()) GrowBuffersTo(floats);
   }
   void GrowBuffersTo(uint64_t floats);
+  /// Throws when that is more than a block may hold.
+  static void CheckBlock(uint64_t floats);
 
   /// The position, marker and both numbers of a layer that the budget has no room for.
   [[noreturn]] void ThrowTooMuchMemory(size_t position, uint64_t bytes) const;
@@ -109,6 +114,12 @@ class NnetForward {
   BufferBudget own_budget_{kMaxBufferBytes};
   BufferBudget* budget_;
   uint64_t parameter_count_ = 0;
+  std::vector<uint64_t> layer_parameters_;
+  /// Of the call that runs: what explains the work of its layers, and the work beyond that.
+  int64_t explained_frames_ = 0;
+  uint64_t explained_width_ = 0;
+  uint64_t work_limit_ = 0;
+  uint64_t unexplained_work_ = 0;
   LayerObserver* observer_ = nullptr;
   int64_t cur_frames_ = 0;
   int32_t input_dim_ = 0;

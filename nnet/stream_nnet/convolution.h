@@ -92,6 +92,9 @@ class StreamMaxPool1d final : public LayerOf<0x1002, ChunkLayer>, public MaxPool
   bool Validate(Refusal& why) override {
     return ValidateWindow(why) && why.SameWidth(input_dim, output_dim);
   }
+  uint64_t ExtraWork(int64_t frames, int in_dim) const override {
+    return PoolWork(CalcStreamOutputFrames(frames), in_dim);
+  }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   StreamWindow window;
