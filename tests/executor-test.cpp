@@ -6,6 +6,7 @@
 
 #include "nnet/runtime/nnet-nnet.h"
 #include "tests/support/expect.h"
+#include "tests/support/layer-samples.h"
 
 namespace handwriting::tests {
 namespace {
@@ -147,6 +148,81 @@ TEST(Executor, SizesBeyondTheLimitsAreRefused) {
     EXPECT_EQ(ThrownBy([&, n = frames] { stretched.Call(Floats(ToSize(n)), n, 1); }),
               std::string("too many frames! layer[<ConvTranspose1d>] position[0] ") + message);
   }
+}
+
+// A row that becomes twice as wide with every register.
+Bytes Doubling(int times) {
+  std::vector<Bytes> layers;
+  for (int i = 0, width = 2; i < times; ++i, width *= 2) {
+    const std::string name(1, static_cast<char>('a' + i));
+    layers.push_back(Component1d(0x700, width, width, Bytes().String(name)));
+    layers.push_back(
+        Component1d(0x702, width, 2 * width, Bytes().Int(1).String(name).Ints({1, 1})));
+  }
+  return Network(layers);
+}
+
+Bytes SampleOf(int code) {
+  const auto* row = std::ranges::find(kLayerSamples, code, &LayerSample::code);
+  return row->bytes;
+}
+
+// Ahead of a call there is memory for what its frames and the parameters explain, and little for
+// what a header claims.
+TEST(Executor, WhatAHeaderClaimsReservesLittle) {
+  constexpr int kWide = 5'000'000;
+  constexpr int kLong = 500'000;
+  const Bytes pad = Component1d(0x708, 1, 1, Bytes().Ints({kLong, kLong}).Float(0));
+  const std::vector<Bytes> networks[] = {
+      {Component1d(0x202, kWide, kWide), Component1d(0x202, kWide, kWide)},
+      {Component1d(0x708, kWide, kWide, Bytes().Ints({30, 30}).Float(0))},
+      {Component1d(0x603, 2500, 2500, Bytes().Ints({20'000, 1, 1}))},
+      {pad, SampleOf(0x109)},
+      {pad, SampleOf(0x10a)},
+      {pad, SampleOf(0x10c)},
+      std::vector<Bytes>(50, Component1d(0x603, 2500, 2500, Bytes().Ints({20'000, 1, 1})))};
+  for (const std::vector<Bytes>& network : networks) {
+    BufferBudget budget(uint64_t{1} << 40);
+    Model model(Network(network), &budget);
+    model.forward->ReserveFrames(100);
+    EXPECT_LT(budget.used(), uint64_t{40} << 20);
+  }
+  BufferBudget budget(uint64_t{1} << 40);
+  Model explained(Network({Affine(2, 500, Floats(500), Floats(1000))}), &budget);
+  explained.forward->ReserveFrames(100'000);
+  EXPECT_GE(budget.used(), uint64_t{100'000} * 500 * sizeof(float));
+}
+
+TEST(Executor, AllBuffersTogetherKeepWithinTheirBudget) {
+  constexpr uint64_t kBytes = uint64_t{4} << 20;
+  BufferBudget budget(kBytes);
+  Model first(Doubling(10), &budget);
+  Model second(Doubling(10), &budget);
+  EXPECT_EQ(first.Call(Floats(2 * 100, 1.0F), 100, 2).size(), 2U * 100 * 1024);
+  EXPECT_LE(budget.used(), kBytes);
+  const std::string thrown = ThrownBy([&] { second.Call(Floats(2 * 100, 1.0F), 100, 2); });
+  EXPECT_TRUE(thrown.starts_with("buffers too large! layer[<")) << thrown;
+  EXPECT_TRUE(thrown.ends_with(" > 4194304 bytes]")) << thrown;
+  EXPECT_LE(budget.used(), kBytes);
+}
+
+TEST(Executor, WorkThatOnlyAHeaderAsksForIsBounded) {
+  const auto padded = [](int code, int frames) {
+    return Network(
+        {Component1d(0x708, 1, 1, Bytes().Ints({frames, 0}).Float(0.5F)), SampleOf(code)});
+  };
+  for (const int code : {0x109, 0x10a}) {
+    Model modest(padded(code, 1000));
+    EXPECT_EQ(modest.Call(Floats(100), 100, 1).size(), 1100U);
+    Model excessive(padded(code, 30'000));
+    const std::string thrown = ThrownBy([&] { excessive.Call(Floats(100), 100, 1); });
+    EXPECT_TRUE(thrown.starts_with("too much work! layer[<")) << thrown;
+    EXPECT_NE(thrown.find("] position[1] ["), std::string::npos) << thrown;
+    EXPECT_TRUE(thrown.ends_with(" > 838860800]")) << thrown;
+  }
+  // What the caller brings may cost what it costs.
+  Model encoder(Network({SampleOf(0x109)}));
+  EXPECT_EQ(encoder.Call(Floats(3000), 3000, 1).size(), 3000U);
 }
 
 }  // namespace

@@ -39,6 +39,10 @@ int64_t FrameLimit(int64_t call_frames) {
   return std::max(kFramesAlwaysAllowed, call_frames * kMaxGrowth);
 }
 
+int64_t ExplainedFrames(int64_t call_frames) {
+  return 4 * std::clamp<int64_t>(call_frames, 0, kMaxFrames) + kMarginFrames;
+}
+
 }  // namespace
 
 bool ReadNnet(Nnet& nnet, FILE* fp) {
@@ -97,7 +101,7 @@ void NnetForward::ReserveFrames(int64_t frames) {
 // buffers would be larger than rows as wide as the network has parameters, and some more: widths
 // and paddings are numbers in a file, and no memory is given for those before there is data.
 void NnetForward::Reserve(int64_t frames) {
-  const int64_t limit = FrameLimit(frames);
+  const int64_t limit = std::min(FrameLimit(frames), ExplainedFrames(frames));
   const auto rows = static_cast<uint64_t>(std::max<int64_t>(frames, 0));
   const uint64_t explained = parameter_count_ > kMaxBlockFloats / std::max<uint64_t>(rows, 1)
                                  ? kMaxBlockFloats
@@ -107,25 +111,22 @@ void NnetForward::Reserve(int64_t frames) {
   int64_t n = frames;
   int width = input_dim_;
   uint64_t need = 0;
-  bool whole = true;
   for (const auto& layer : nnet_->layers) {
     const CallPlan plan = layer->Plan(n, width);
     const auto fits = [&](uint64_t floats) {
       return floats <= kMaxBlockFloats &&
              budget_->used() - used + 2 * floats * sizeof(float) <= most_bytes;
     };
-    whole = n >= 1 && n <= limit && fits(plan.writes);
-    if (!whole) break;
+    if (n < 1 || n > limit || !fits(plan.writes)) break;
     layer->Reserve(n);
     n = layer->MostFrames(n);
     const uint64_t given = BlockFloats(layer->OutputChannel(), layer->OutputDim(), n);
-    whole = fits(given);
-    if (!whole) break;
+    if (!fits(given)) break;
     need = std::max({need, plan.writes, given});
     if (layer->OutputDim() > 0) width = layer->OutputDim();
   }
   GrowBuffers(need);
-  if (whole) reserved_frames_ = std::max(reserved_frames_, frames);
+  reserved_frames_ = std::max(reserved_frames_, frames);
 }
 
 // Both buffers, since every layer but the first reads one and writes the other; the first reads the
@@ -156,10 +157,10 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
   const BufferBudget::Entered entered(*budget_);
   const int64_t frame_limit = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
-  const int64_t call_frames = std::clamp<int64_t>(frames, 0, kMaxFrames);
-  explained_frames_ = 4 * call_frames + kMarginFrames;
+  explained_frames_ = ExplainedFrames(frames);
   explained_width_ = std::max({BlockFloats(channels, dim, 1), parameter_count_, kMarginWidth});
-  work_limit_ = kWorkAFrame * static_cast<uint64_t>(std::max(call_frames, kLeastWorkFrames));
+  work_limit_ = kWorkAFrame *
+                static_cast<uint64_t>(std::clamp<int64_t>(frames, kLeastWorkFrames, kMaxFrames));
   unexplained_work_ = 0;
   FloatArray* from = &buffer_a_;
   FloatArray* to = &buffer_b_;

@@ -182,10 +182,10 @@ inline Floats RunLayer(runtime::Component& layer, Floats&& in, int64_t frames, i
 
 /// A network read from bytes, with its executor.
 struct Model {
-  explicit Model(const Bytes& bytes) {
+  explicit Model(const Bytes& bytes, runtime::BufferBudget* budget = nullptr) {
     const File file = FileOf(bytes);
     if (!runtime::ReadNnet(nnet, file.get())) throw std::runtime_error("not a network");
-    forward = std::make_unique<runtime::NnetForward>(&nnet);
+    forward = std::make_unique<runtime::NnetForward>(&nnet, budget);
   }
 
   Floats Output() const {
