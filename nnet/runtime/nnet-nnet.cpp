@@ -23,7 +23,7 @@ constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
 // margin. So many multiply-adds, comparisons and floats moved are allowed for each frame of a call;
 // a core does as many in less than a hundredth of a second.
 constexpr int64_t kMarginFrames = 1024;
-constexpr uint64_t kMarginWidth = 4096;
+constexpr int64_t kMarginWidth = 4096;
 constexpr uint64_t kWorkAFrame = uint64_t{1} << 23;
 constexpr int64_t kLeastWorkFrames = 8;
 
@@ -158,7 +158,9 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
   const int64_t frame_limit = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
   explained_frames_ = ExplainedFrames(frames);
-  explained_width_ = std::max({BlockFloats(channels, dim, 1), parameter_count_, kMarginWidth});
+  explained_width_ =
+      std::max({int64_t{channels} * dim, kMarginWidth,
+                static_cast<int64_t>(std::min<uint64_t>(parameter_count_, kMaxBlockFloats))});
   work_limit_ = kWorkAFrame *
                 static_cast<uint64_t>(std::clamp<int64_t>(frames, kLeastWorkFrames, kMaxFrames));
   unexplained_work_ = 0;
@@ -210,7 +212,7 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatAr
 void NnetForward::CountWork(size_t position, const BlockShape& shape, const CallPlan& plan) {
   const Component& layer = *nnet_->layers[position];
   const int64_t frames = std::max(shape.frames, plan.frames);
-  const uint64_t width = BlockFloats(shape.channels, std::max(shape.dim, layer.output_dim), 1);
+  const int64_t width = int64_t{shape.channels} * std::max(shape.dim, layer.output_dim);
   if (frames <= explained_frames_ && width <= explained_width_) return;
   const auto add = [this](uint64_t work) {
     if (__builtin_add_overflow(unexplained_work_, work, &unexplained_work_)) {

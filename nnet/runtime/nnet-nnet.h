@@ -117,7 +117,7 @@ class NnetForward {
   std::vector<uint64_t> layer_parameters_;
   /// Of the call that runs: what explains the work of its layers, and the work beyond that.
   int64_t explained_frames_ = 0;
-  uint64_t explained_width_ = 0;
+  int64_t explained_width_ = 0;
   uint64_t work_limit_ = 0;
   uint64_t unexplained_work_ = 0;
   LayerObserver* observer_ = nullptr;
