@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <typeinfo>
 
 #include "nnet/dense/activation.h"
@@ -145,6 +146,34 @@ TEST(SteadyState, NoLayerAllocates) {
     const uint64_t before = CountAllocations();
     run();
     EXPECT_EQ(CountAllocations(), before);
+  }
+}
+
+// What an earlier input left in buffers and states is never read: NaNs would spread.
+TEST(SteadyState, NoInputDependsOnWhatTheMemoryHolds) {
+  for (const Bytes& bytes : SamplesOfAllForms()) {
+    const Layer layer = ReadLayer(bytes);
+    SCOPED_TRACE(layer->TypeMarker());
+    if (IsOnlyStored(layer->GetType())) continue;
+    const SampleInput input = InputOf(*layer);
+    const Bytes network = Network(WithRegisters(layer->GetType(), bytes));
+    const auto run = [&](Model& model, const Floats& values) {
+      Floats in = values;
+      Floats all;
+      model.forward->Reset();
+      for (const int call : {1, 2, -3}) {
+        const int64_t frames = call == 2 ? 9 : 20;
+        model.forward->Propagate(in.data(), frames, input.dim, call, input.channels);
+        std::ranges::copy(model.Output(), std::back_inserter(all));
+      }
+      return all;
+    };
+    const Floats values = Random(input.FloatsOf(20), 1);
+    Model fresh(network);
+    const Floats wanted = run(fresh, values);
+    Model used(network);
+    run(used, Floats(values.size(), std::numeric_limits<float>::quiet_NaN()));
+    ExpectSameBits(run(used, values), wanted);
   }
 }
 

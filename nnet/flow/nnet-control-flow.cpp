@@ -80,8 +80,11 @@ bool RegisterComponent::ReadPart(FILE* fp, Refusal& why) {
     return fread_string(fp, slice_index) || why.Because("slice index: no complete string");
   }
   // The block has no extension: what was read belongs to the next component.
-  return std::fseek(fp, -static_cast<long>(got), SEEK_CUR) == 0 ||
-         why.Because("the stream cannot be read again from before the next component");
+  if (std::fseek(fp, -static_cast<long>(got), SEEK_CUR) != 0) {
+    return why.Because("the stream cannot be read again from before the next component");
+  }
+  return got == kMarkSize || RemainingBytes(fp) < kMarkSize ||
+         why.Because("slice index: cannot be read");
 }
 
 bool RegisterComponent::WritePart(FILE* fp) const {
