@@ -111,9 +111,8 @@ TEST(FileFaults, StreamsOfEveryKindAreReadFromWhereTheyStand) {
     }
     // Without seeking only a register cannot be read, whose block has no fixed end.
     bool created = false;
-    const std::string printed = PrintedBy([&] {
-      created = CreatesFrom(FaultyStream(model, Fault::kNone, 0, false).file());
-    });
+    const std::string printed = PrintedBy(
+        [&] { created = CreatesFrom(FaultyStream(model, Fault::kNone, 0, false).file()); });
     EXPECT_EQ(created, printed.empty());
     EXPECT_EQ(created, printed.find("read component failed!") == std::string::npos);
   }

@@ -1,0 +1,213 @@
+// What a long-lived host does with the library: loads and unloads it, runs many inputs of all
+// lengths, forks, and creates recognizers beside others that work. Prints what goes wrong.
+//
+//   host LIBRARY MODEL DIM CALLS
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <dlfcn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "api/handwriting_forward.h"
+
+namespace {
+
+constexpr int kBest = 4;
+constexpr int kMostFrames = 120;
+
+int failures = 0;
+void Expect(bool holds, const char* what) {
+  if (holds) return;
+  std::printf("%s\n", what);
+  ++failures;
+}
+
+class Library {
+ public:
+  explicit Library(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
+    if (handle_ == nullptr) {
+      std::printf("%s\n", dlerror());
+      std::exit(1);
+    }
+    create = Find<decltype(create)>("handwriting_forward_create");
+    process = Find<decltype(process)>("handwriting_forward_process");
+    destroy = Find<decltype(destroy)>("handwriting_forward_destory");
+  }
+  ~Library() { dlclose(handle_); }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
+  decltype(&handwriting_forward_create) create;
+  decltype(&handwriting_forward_process) process;
+  decltype(&handwriting_forward_destory) destroy;
+
+ private:
+  template <class Function>
+  Function Find(const char* name) {
+    return reinterpret_cast<Function>(dlsym(handle_, name));
+  }
+  void* handle_;
+};
+
+struct Input {
+  std::vector<float> features;
+  int dim;
+};
+
+class Recognizer {
+ public:
+  Recognizer(const Library& library, const char* model) : library_(library) {
+    FILE* file = std::fopen(model, "rb");
+    handle_ = library.create(file, 20, kBest);
+    std::fclose(file);
+  }
+  ~Recognizer() { library_.destroy(handle_); }
+  Recognizer(const Recognizer&) = delete;
+  Recognizer& operator=(const Recognizer&) = delete;
+
+  // All labels of the first so many frames, a -1 behind each sequence.
+  const std::vector<int>& Read(const Input& input, int frames) {
+    labels_.resize(static_cast<size_t>(kBest * frames));
+    int lengths[kBest];
+    const int count =
+        library_.process(handle_, input.features.data(), frames, input.dim, labels_.data(), lengths);
+    result_.clear();
+    const int* label = labels_.data();
+    for (int i = 0; i < count; ++i) {
+      result_.insert(result_.end(), label, label + lengths[i]);
+      result_.push_back(-1);
+      label += lengths[i];
+    }
+    if (count < 0) result_.push_back(-2);
+    return result_;
+  }
+
+ private:
+  const Library& library_;
+  void* handle_;
+  std::vector<int> labels_;
+  std::vector<int> result_;
+};
+
+ptrdiff_t Entries(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+long ResidentKib() {
+  FILE* file = std::fopen("/proc/self/statm", "r");
+  long size = 0;
+  long resident = 0;
+  const int read = std::fscanf(file, "%ld %ld", &size, &resident);
+  std::fclose(file);
+  return read == 2 ? resident * (sysconf(_SC_PAGESIZE) / 1024) : -1;
+}
+
+// An instrumented program keeps what it frees for a while.
+#ifdef HANDWRITING_INSTRUMENTED
+constexpr bool kMemoryIsFlat = false;
+#else
+constexpr bool kMemoryIsFlat = true;
+#endif
+
+void LoadAndUnload(const char* path, const char* model, const Input& input,
+                   const std::vector<int>& wanted) {
+  ptrdiff_t threads = 0;
+  ptrdiff_t descriptors = 0;
+  long resident = 0;
+  for (int round = 0; round < 100; ++round) {
+    {
+      const Library library(path);
+      Expect(Recognizer(library, model).Read(input, kMostFrames) == wanted,
+             "a library that was loaded again reads something else");
+    }
+    if (round != 20) continue;
+    threads = Entries("/proc/self/task");
+    descriptors = Entries("/proc/self/fd");
+    resident = ResidentKib();
+  }
+  Expect(Entries("/proc/self/task") == threads, "loading leaves threads");
+  Expect(Entries("/proc/self/fd") == descriptors, "loading leaves descriptors");
+  Expect(!kMemoryIsFlat || ResidentKib() < resident + 2048, "loading leaves memory");
+}
+
+void ManyCalls(const Library& library, const char* model, const Input& input, int calls) {
+  std::map<int, std::vector<int>> wanted;
+  for (int frames = 1; frames <= kMostFrames; frames += 7) {
+    wanted[frames] = Recognizer(library, model).Read(input, frames);
+  }
+  Recognizer recognizer(library, model);
+  std::mt19937 random(1);
+  long resident = 0;
+  for (int call = 0; call < calls; ++call) {
+    const auto length = std::next(wanted.begin(), random() % wanted.size());
+    if (recognizer.Read(input, length->first) != length->second) {
+      return Expect(false, "a call of many reads something else");
+    }
+    if (call == calls / 10) resident = ResidentKib();
+  }
+  Expect(!kMemoryIsFlat || ResidentKib() < resident + 512, "calls take memory");
+}
+
+void Fork(const Library& library, const char* model, const Input& input,
+          const std::vector<int>& wanted) {
+  Recognizer recognizer(library, model);
+  recognizer.Read(input, 10);
+  const pid_t child = fork();
+  const bool same = recognizer.Read(input, kMostFrames) == wanted;
+  if (child == 0) _exit(same ? 0 : 1);
+  int status = 0;
+  waitpid(child, &status, 0);
+  Expect(same && status == 0, "a process or its child reads something else");
+}
+
+void CreateBesideOthers(const Library& library, const char* model, const Input& input,
+                        const std::vector<int>& wanted) {
+  std::vector<std::thread> threads;
+  std::vector<char> good(8, 1);
+  for (size_t i = 0; i < good.size(); ++i) {
+    threads.emplace_back([&, i] {
+      Recognizer kept(library, model);
+      for (int round = 0; round < 10; ++round) {
+        good[i] &= static_cast<char>(kept.Read(input, kMostFrames) == wanted);
+        good[i] &= static_cast<char>(Recognizer(library, model).Read(input, kMostFrames) == wanted);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  Expect(std::ranges::count(good, 1) == 8, "threads read something else");
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  if (count != 5) return 2;
+  const char* path = arguments[1];
+  const char* model = arguments[2];
+  Input input{{}, std::atoi(arguments[3])};
+  std::mt19937 random(7);
+  for (int i = 0; i < kMostFrames * input.dim; ++i) {
+    input.features.push_back(static_cast<float>(random() % 1000) / 500.0F - 1.0F);
+  }
+  std::vector<int> wanted;
+  {
+    const Library library(path);
+    wanted = Recognizer(library, model).Read(input, kMostFrames);
+    Expect(wanted.size() > 2, "nothing is read");
+    Fork(library, model, input, wanted);
+    CreateBesideOthers(library, model, input, wanted);
+    ManyCalls(library, model, input, std::atoi(arguments[4]));
+  }
+  LoadAndUnload(path, model, input, wanted);
+  std::printf("%d failures\n", failures);
+  return failures == 0 ? 0 : 1;
+}
