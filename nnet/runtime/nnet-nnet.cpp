@@ -106,8 +106,7 @@ void NnetForward::Reserve(int64_t frames) {
   const uint64_t explained = parameter_count_ > kMaxBlockFloats / std::max<uint64_t>(rows, 1)
                                  ? kMaxBlockFloats
                                  : rows * parameter_count_;
-  const uint64_t most_bytes = (kFloatsAhead + explained) * sizeof(float);
-  const uint64_t used = budget_->used();
+  const uint64_t most_bytes = budget_->used() + (kFloatsAhead + explained) * sizeof(float);
   int64_t n = frames;
   int width = input_dim_;
   uint64_t need = 0;
@@ -115,7 +114,7 @@ void NnetForward::Reserve(int64_t frames) {
     const CallPlan plan = layer->Plan(n, width);
     const auto fits = [&](uint64_t floats) {
       return floats <= kMaxBlockFloats &&
-             budget_->used() - used + 2 * floats * sizeof(float) <= most_bytes;
+             budget_->used() + 2 * floats * sizeof(float) <= most_bytes;
     };
     if (n < 1 || n > limit || !fits(plan.writes)) break;
     layer->Reserve(n);
@@ -224,9 +223,11 @@ void NnetForward::CountWork(size_t position, const BlockShape& shape, const Call
                              layer_parameters_[position], &of_parameters)) {
     of_parameters = std::numeric_limits<uint64_t>::max();
   }
-  // What is written counts twice: the system may have to clear the memory first.
-  for (const uint64_t work : {of_parameters, plan.reads, plan.writes, plan.writes,
-                              layer.ExtraWork(shape.frames, shape.dim)}) {
+  // The system may have to clear the memory that is written, which takes longer than all else.
+  constexpr uint64_t kStepsToClear = 8;
+  const uint64_t written = std::min(plan.writes, kMaxBlockFloats) * kStepsToClear;
+  for (const uint64_t work :
+       {of_parameters, plan.reads, written, layer.ExtraWork(shape.frames, shape.dim)}) {
     add(work);
   }
   if (unexplained_work_ <= work_limit_) return;

@@ -3,6 +3,10 @@
 //
 //   host LIBRARY MODEL DIM CALLS
 
+#include <dlfcn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -13,10 +17,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <dlfcn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "api/handwriting_forward.h"
 
@@ -79,8 +79,8 @@ class Recognizer {
   const std::vector<int>& Read(const Input& input, int frames) {
     labels_.resize(static_cast<size_t>(kBest * frames));
     int lengths[kBest];
-    const int count =
-        library_.process(handle_, input.features.data(), frames, input.dim, labels_.data(), lengths);
+    const int count = library_.process(handle_, input.features.data(), frames, input.dim,
+                                       labels_.data(), lengths);
     result_.clear();
     const int* label = labels_.data();
     for (int i = 0; i < count; ++i) {
