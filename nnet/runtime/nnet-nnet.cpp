@@ -23,7 +23,7 @@ constexpr int64_t kFramesAlwaysAllowed = int64_t{1} << 20;
 // margin. So many multiply-adds, comparisons and floats moved are allowed for each frame of a call;
 // a core does as many in less than a hundredth of a second.
 constexpr int64_t kMarginFrames = 1024;
-constexpr int64_t kMarginWidth = 4096;
+constexpr uint64_t kMarginWidth = 4096;
 constexpr uint64_t kWorkAFrame = uint64_t{1} << 23;
 constexpr int64_t kLeastWorkFrames = 8;
 
@@ -100,6 +100,8 @@ void NnetForward::ReserveFrames(int64_t frames) {
 // call itself makes what room is still missing, so stopping early costs time only. It stops where
 // buffers would be larger than rows as wide as the network has parameters, and some more: widths
 // and paddings are numbers in a file, and no memory is given for those before there is data.
+// Both buffers grow, since every layer but the first reads one and writes the other; the first
+// reads the caller's block, so that a network of one layer needs only buffer B.
 void NnetForward::Reserve(int64_t frames) {
   const int64_t limit = std::min(FrameLimit(frames), ExplainedFrames(frames));
   const auto rows = static_cast<uint64_t>(std::max<int64_t>(frames, 0));
@@ -124,17 +126,9 @@ void NnetForward::Reserve(int64_t frames) {
     need = std::max({need, plan.writes, given});
     if (layer->OutputDim() > 0) width = layer->OutputDim();
   }
-  GrowBuffers(need);
+  if (nnet_->layers.size() > 1) buffer_a_.Grow(need);
+  buffer_b_.Grow(need);
   reserved_frames_ = std::max(reserved_frames_, frames);
-}
-
-// Both buffers, since every layer but the first reads one and writes the other; the first reads the
-// caller's block, so that a network of one layer needs only buffer B. That one grows last: its size
-// is that of both.
-void NnetForward::GrowBuffersTo(uint64_t floats) {
-  CheckBlock(floats);
-  if (nnet_->layers.size() > 1) buffer_a_.Grow(floats);
-  buffer_b_.Grow(floats);
 }
 
 void NnetForward::CheckBlock(uint64_t floats) {
@@ -157,9 +151,8 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
   const int64_t frame_limit = FrameLimit(frames);
   BlockShape shape{channels, dim, frames};
   explained_frames_ = ExplainedFrames(frames);
-  explained_width_ =
-      std::max({int64_t{channels} * dim, kMarginWidth,
-                static_cast<int64_t>(std::min<uint64_t>(parameter_count_, kMaxBlockFloats))});
+  explained_width_ = std::max({BlockFloats(channels, dim, 1), kMarginWidth,
+                               std::min<uint64_t>(parameter_count_, kMaxBlockFloats)});
   work_limit_ = kWorkAFrame *
                 static_cast<uint64_t>(std::clamp<int64_t>(frames, kLeastWorkFrames, kMaxFrames));
   unexplained_work_ = 0;
@@ -194,12 +187,13 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatAr
   if (plan.reads > shape.floats()) ThrowTooLittleInput(position, shape, plan.reads);
   CheckBlock(plan.writes);
   CountWork(position, shape, plan);
-  GrowBuffers(plan.writes);
+  to.Grow(plan.writes);
   layer.Run(plan, position == 0 ? in : from.data(), shape.frames, shape.dim, to.data(), call_id);
   const BlockShape produced{layer.OutputChannel(), layer.output_dim, layer.OutputFrames()};
   // Zeros, so that what an earlier call left in the buffer does not leak into this one.
   if (const uint64_t floats = produced.floats(); floats > plan.writes) {
-    GrowBuffers(floats);
+    CheckBlock(floats);
+    to.Grow(floats);
     zero_vec(to.data() + plan.writes, floats - plan.writes);
   }
   return produced;
@@ -211,8 +205,11 @@ BlockShape NnetForward::RunLayer(size_t position, const float* in, const FloatAr
 void NnetForward::CountWork(size_t position, const BlockShape& shape, const CallPlan& plan) {
   const Component& layer = *nnet_->layers[position];
   const int64_t frames = std::max(shape.frames, plan.frames);
-  const int64_t width = int64_t{shape.channels} * std::max(shape.dim, layer.output_dim);
-  if (frames <= explained_frames_ && width <= explained_width_) return;
+  if (frames <= explained_frames_ &&
+      std::max(plan.reads, plan.writes) <=
+          static_cast<uint64_t>(std::max<int64_t>(frames, 1)) * explained_width_) {
+    return;
+  }
   const auto add = [this](uint64_t work) {
     if (__builtin_add_overflow(unexplained_work_, work, &unexplained_work_)) {
       unexplained_work_ = std::numeric_limits<uint64_t>::max();
@@ -224,7 +221,7 @@ void NnetForward::CountWork(size_t position, const BlockShape& shape, const Call
     of_parameters = std::numeric_limits<uint64_t>::max();
   }
   // The system may have to clear the memory that is written, which takes longer than all else.
-  constexpr uint64_t kStepsToClear = 8;
+  constexpr uint64_t kStepsToClear = 16;
   const uint64_t written = std::min(plan.writes, kMaxBlockFloats) * kStepsToClear;
   for (const uint64_t work :
        {of_parameters, plan.reads, written, layer.ExtraWork(shape.frames, shape.dim)}) {

@@ -98,11 +98,6 @@ class NnetForward {
   [[noreturn]] void ThrowTooManyFrames(size_t position, int64_t frames, int64_t limit) const;
   [[noreturn]] void ThrowTooLittleInput(size_t position, const BlockShape& shape,
                                         uint64_t reads) const;
-  /// Makes both buffers hold `floats`; throws when that is more than a block may hold.
-  void GrowBuffers(uint64_t floats) {
-    if (floats > buffer_b_.size()) GrowBuffersTo(floats);
-  }
-  void GrowBuffersTo(uint64_t floats);
   /// Throws when that is more than a block may hold.
   static void CheckBlock(uint64_t floats);
 
@@ -117,7 +112,7 @@ class NnetForward {
   std::vector<uint64_t> layer_parameters_;
   /// Of the call that runs: what explains the work of its layers, and the work beyond that.
   int64_t explained_frames_ = 0;
-  int64_t explained_width_ = 0;
+  uint64_t explained_width_ = 0;
   uint64_t work_limit_ = 0;
   uint64_t unexplained_work_ = 0;
   LayerObserver* observer_ = nullptr;
