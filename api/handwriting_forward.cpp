@@ -25,7 +25,7 @@ void Warn(std::source_location where, const char* function, const char* text) no
 
 void WarnParameters(std::source_location where, const char* function,
                     const char* condition) noexcept {
-  std::array<char, 512> text;
+  std::array<char, 512> text{};
   std::snprintf(text.data(), text.size(), "Wrong parameter(s) to [%s], condition [%s]. ", function,
                 condition);
   Warn(where, function, text.data());

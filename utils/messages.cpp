@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
+#include <memory>
+#include <new>
 #include <stdexcept>
 
 #include <loguru.hpp>
@@ -19,11 +20,9 @@ constexpr loguru::Verbosity kWarning = -1;
 // the text is the largest, and ends the process when one is refused; a piece larger than all of
 // them together is taken and given back first.
 bool HasMemoryToLog() noexcept {
-  void* piece = std::malloc(8 * kMaxText);
-  asm volatile("" : "+r"(piece));  // the compiler may not leave the allocation out
-  const bool taken = piece != nullptr;
-  std::free(piece);
-  return taken;
+  const std::unique_ptr<char[]> piece(new (std::nothrow) char[8 * kMaxText]);
+  asm volatile("" : : "r"(piece.get()) : "memory");  // or the compiler leaves the allocation out
+  return piece != nullptr;
 }
 
 void Log(std::source_location where, const std::string& text) {
@@ -81,7 +80,7 @@ std::string FormatText(const char* format, va_list arguments) {
 }
 
 void PrintLine(const char* format, ...) noexcept {
-  std::array<char, kMaxLine + 1> text;
+  std::array<char, kMaxLine + 1> text{};
   va_list arguments;
   va_start(arguments, format);
   const int written = std::vsnprintf(text.data(), text.size(), format, arguments);

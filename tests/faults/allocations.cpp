@@ -77,7 +77,7 @@ void* calloc(size_t count, size_t size) {
   return Counted(count * size, [&] { return __libc_calloc(count, size); });
 }
 void* realloc(void* memory, size_t size) {
-  if (memory == nullptr) return malloc(size);
+  if (memory == nullptr) return malloc(size);  // NOLINT(cppcoreguidelines-no-malloc)
   if (Refused(size)) return nullptr;
   return __libc_realloc(memory, size);
 }
