@@ -18,7 +18,8 @@
  *    remains the moment in which another thread takes the last 32 KiB. An executable that
  *    defines Loguru's symbols is called in the place of the library's copy.
  * 6. One recognizer is used by one thread at a time; different recognizers may run on different
- *    threads. Creating one sets OpenBLAS to one thread for the whole process.
+ *    threads. The library starts no threads, takes no locks of its own, and changes no setting of
+ *    the process; a BLAS library of the host is neither used nor seen.
  * 7. The same model and features give the same result on every processor with fused multiply-add
  *    (AVX2 or AVX-512). Without it, scores may differ in their last bits, and with them the order
  *    of sequences whose scores are about equal.

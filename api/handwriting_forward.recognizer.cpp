@@ -4,8 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include <cblas.h>
-
+#include "nnet/base/blas-library.h"
 #include "utils/messages.h"
 
 namespace {
@@ -43,7 +42,7 @@ bool ReadNetwork(FILE* fp, int frames, runtime::BufferBudget& budget,
   nnet = std::make_unique<runtime::Nnet>();
   if (!runtime::ReadNnet(*nnet, fp)) return false;
   forward = std::make_unique<runtime::NnetForward>(nnet.get(), &budget);
-  openblas_set_num_threads(1);
+  runtime::set_one_blas_thread();
   forward->ReserveFrames(frames);
   return true;
 }

@@ -9,7 +9,6 @@
 
 #include "nnet/base/element-kernels.h"
 #include "nnet/base/nnet-util.h"
-#include "nnet/base/products.h"
 #include "tests/support/conv1d-sample.h"
 
 namespace {

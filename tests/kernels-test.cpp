@@ -6,8 +6,6 @@
 #include <functional>
 #include <limits>
 
-#include <cblas.h>
-
 #include "bench/plain-kernels.h"
 #include "nnet/base/element-kernels.h"
 #include "nnet/base/nnet-util.h"

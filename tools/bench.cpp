@@ -16,12 +16,11 @@
 #include <utility>
 #include <vector>
 
-#include <cblas.h>
 #include <nlohmann/json.hpp>
 
 #include "api/handwriting_forward.recognizer.h"
+#include "nnet/base/blas-library.h"
 #include "nnet/base/element-kernels.h"
-#include "nnet/base/products.h"
 #include "nnet/runtime/nnet-nnet.h"
 #include "tools/allocations.h"
 #include "tools/commands.h"
@@ -192,7 +191,6 @@ class NetworkSubject final : public Subject {
         number_(options.network),
         network_(ReadNetworkOfFile(options.model, ToSize(options.network))) {
     if (network_.layers.empty()) throw std::runtime_error(place() + ": it has no layers");
-    openblas_set_num_threads(1);  // as in the recognizer
     try {
       executor_ = std::make_unique<NnetForward>(&network_);
       executor_->ReserveFrames(Step(options));

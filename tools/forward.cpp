@@ -9,8 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include <cblas.h>
-
 #include "tools/commands.h"
 #include "tools/model-file.h"
 #include "tools/npy.h"
@@ -129,7 +127,6 @@ Features ReadFeatures(const std::string& path, const Nnet& network) {
 
 // Every input is at least one call, even an empty one.
 JoinedOutput RunNetwork(Nnet& network, const Features& features, const Options& options) {
-  openblas_set_num_threads(1);  // as in the recognizer, so that the bits are the same
   NnetForward executor(&network);
   const size_t frames = features.frames();
   const size_t step = options.chunk == 0 ? frames : ToSize(options.chunk);

@@ -13,8 +13,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "nnet/base/blas-library.h"
 #include "nnet/base/element-kernels.h"
-#include "nnet/base/products.h"
 #include "nnet/runtime/nnet-nnet.h"
 #include "tools/commands.h"
 #include "tools/model-file.h"

@@ -11,8 +11,8 @@
 #include <CLI/CLI.hpp>
 #include <loguru.hpp>
 
+#include "nnet/base/blas-library.h"
 #include "nnet/base/element-kernels.h"
-#include "nnet/base/products.h"
 #include "tools/commands.h"
 
 namespace handwriting::tools {

@@ -1,12 +1,13 @@
 #ifndef NNET_BASE_PRODUCTS_H_
 #define NNET_BASE_PRODUCTS_H_
 
-// Dense products through CBLAS. Matrices are row-major without padding unless a stride says
+// Dense products through CBLAS, one caller at a time (see blas-library.h). Matrices are row-major without padding unless a stride says
 // otherwise; shapes are the caller's promise, and the result overlaps no operand. Products round as
 // the BLAS library does: the order of their sums depends on the processor's kernels and on the
 // number of rows, so the same row may differ in its last bits between a call for one frame and a
 // call for many. With beta 0 the previous contents of the result do not matter. A size of 0 is
-// allowed: a product over K = 0 terms is beta C.
+// allowed: a product over K = 0 terms is beta C. Every product throws when the BLAS library cannot be
+// opened or lacks memory.
 
 #include <cstddef>
 
@@ -30,11 +31,6 @@ void vec_mul_vec(const float* a, const float* x, float* y, size_t n, float alpha
 /// x = alpha x. A factor of 0 gives zeros, whatever x holds.
 void scale_vec(float* x, size_t n, float alpha);
 
-/// Whether the BLAS library chose one of the kernel sets with kernels for small products (those for
-/// AVX-512), which products of few rows are then cut for.
-bool has_small_matrix_kernels();
-/// The name of the kernel set that the BLAS library chose for this processor.
-const char* blas_core_name();
 }  // namespace tarev::nnet::handwriting_CTC
 
 #endif  // NNET_BASE_PRODUCTS_H_

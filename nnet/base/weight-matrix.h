@@ -19,7 +19,7 @@ namespace tarev::nnet::handwriting_CTC {
 /// floats, never freed and never written.
 ///
 /// Products of packed matrices have the same bits on every vector target with fused multiply-add,
-/// for any number of rows; those of a mapped one round as the BLAS library does.
+/// for any number of rows; those of a mapped one round as the BLAS library does (products.h).
 class WeightMatrix {
  public:
   enum class Form { kSingle, kHalf, kCodes, kMapped };

@@ -1,9 +1,11 @@
 // What a long-lived host does with the library: loads and unloads it, runs many inputs of all
-// lengths, forks, and creates recognizers beside others that work. Prints what goes wrong.
+// lengths, forks, creates recognizers beside others that work, on many threads, and where there is
+// little address space. Prints what goes wrong.
 //
 //   host LIBRARY MODEL DIM CALLS
 
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <random>
@@ -103,20 +106,37 @@ ptrdiff_t Entries(const char* folder) {
   return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 
-long ResidentKib() {
-  FILE* file = std::fopen("/proc/self/statm", "r");
-  long size = 0;
-  long resident = 0;
-  const int read = std::fscanf(file, "%ld %ld", &size, &resident);
-  std::fclose(file);
-  return read == 2 ? resident * (sysconf(_SC_PAGESIZE) / 1024) : -1;
+// The size and the resident part of the process's memory.
+struct Memory {
+  long all_kib = -1;
+  long resident_kib = -1;
+};
+
+Memory MemoryOfProcess() {
+  long all = -1;
+  long resident = -1;
+  std::ifstream("/proc/self/statm") >> all >> resident;
+  const long page = sysconf(_SC_PAGESIZE) / 1024;
+  return {all * page, resident * page};
 }
 
-// An instrumented program keeps what it frees for a while.
+long ResidentKib() { return MemoryOfProcess().resident_kib; }
+
+bool IsMapped(const char* name) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(name) != std::string::npos) return true;
+  }
+  return false;
+}
+
+// An instrumented program keeps what it frees for a while, and wants address space and time.
 #ifdef HANDWRITING_INSTRUMENTED
-constexpr bool kMemoryIsFlat = false;
+constexpr bool kIsInstrumented = true;
+constexpr size_t kThreads = 8;
 #else
-constexpr bool kMemoryIsFlat = true;
+constexpr bool kIsInstrumented = false;
+constexpr size_t kThreads = 400;
 #endif
 
 void LoadAndUnload(const char* path, const char* model, const Input& input,
@@ -137,7 +157,7 @@ void LoadAndUnload(const char* path, const char* model, const Input& input,
   }
   Expect(Entries("/proc/self/task") == threads, "loading leaves threads");
   Expect(Entries("/proc/self/fd") == descriptors, "loading leaves descriptors");
-  Expect(!kMemoryIsFlat || ResidentKib() < resident + 2048, "loading leaves memory");
+  Expect(kIsInstrumented || ResidentKib() < resident + 2048, "loading leaves memory");
 }
 
 void ManyCalls(const Library& library, const char* model, const Input& input, int calls) {
@@ -155,7 +175,7 @@ void ManyCalls(const Library& library, const char* model, const Input& input, in
     }
     if (call == calls / 10) resident = ResidentKib();
   }
-  Expect(!kMemoryIsFlat || ResidentKib() < resident + 512, "calls take memory");
+  Expect(kIsInstrumented || ResidentKib() < resident + 512, "calls take memory");
 }
 
 void Fork(const Library& library, const char* model, const Input& input,
@@ -173,18 +193,63 @@ void Fork(const Library& library, const char* model, const Input& input,
 void CreateBesideOthers(const Library& library, const char* model, const Input& input,
                         const std::vector<int>& wanted) {
   std::vector<std::thread> threads;
-  std::vector<char> good(8, 1);
+  std::vector<char> good(kThreads, 1);
   for (size_t i = 0; i < good.size(); ++i) {
     threads.emplace_back([&, i] {
       Recognizer kept(library, model);
-      for (int round = 0; round < 10; ++round) {
+      for (int round = 0; round < 5; ++round) {
         good[i] &= static_cast<char>(kept.Read(input, kMostFrames) == wanted);
         good[i] &= static_cast<char>(Recognizer(library, model).Read(input, kMostFrames) == wanted);
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  Expect(std::ranges::count(good, 1) == 8, "threads read something else");
+  Expect(std::ranges::count(good, 1) == static_cast<ptrdiff_t>(kThreads),
+         "threads read something else");
+}
+
+enum Outcome { kReads, kCreateFails, kProcessFails, kGoesWrong };
+
+// What a child process comes to that has so much more address space, and a second for each call.
+Outcome WithAddressSpace(long kib, int announced, const Library& library, const char* model,
+                         const Input& input, const std::vector<int>& wanted) {
+  const pid_t child = fork();
+  if (child == 0) {
+    std::vector<int> labels(kBest * kMostFrames);
+    int lengths[kBest];
+    FILE* file = std::fopen(model, "rb");
+    const rlim_t limit = static_cast<rlim_t>(MemoryOfProcess().all_kib + kib) * 1024;
+    const rlimit limits{limit, limit};
+    setrlimit(RLIMIT_AS, &limits);
+    alarm(1);
+    void* recognizer = library.create(file, announced, kBest);
+    if (recognizer == nullptr) _exit(kCreateFails);
+    alarm(1);
+    const int count = library.process(recognizer, input.features.data(), kMostFrames, input.dim,
+                                      labels.data(), lengths);
+    if (count < 0) _exit(kProcessFails);
+    _exit(std::equal(labels.begin(), labels.begin() + lengths[0], wanted.begin()) ? kReads
+                                                                                  : kGoesWrong);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? static_cast<Outcome>(WEXITSTATUS(status)) : kGoesWrong;
+}
+
+// One announced frame leaves memory to process; many want it at create.
+void LittleAddressSpace(const Library& library, const char* model, const Input& input,
+                        const std::vector<int>& wanted) {
+  for (const auto& [announced, failure] : {std::pair{1, kProcessFails}, {20000, kCreateFails}}) {
+    int failed = 0;
+    Outcome outcome = failure;
+    for (long kib = 0; kib < 65536 && outcome != kReads; kib += 64) {
+      outcome = WithAddressSpace(kib, announced, library, model, input, wanted);
+      Expect(outcome != kGoesWrong, "a call without address space ends the process or is wrong");
+      failed += static_cast<int>(outcome == failure);
+    }
+    Expect(failed > 0, "a call needs no address space, so nothing was tested");
+    Expect(outcome == kReads, "a recognizer wants more than 64 MiB");
+  }
 }
 
 }  // namespace
@@ -203,9 +268,11 @@ int main(int count, char** arguments) {
     const Library library(path);
     wanted = Recognizer(library, model).Read(input, kMostFrames);
     Expect(wanted.size() > 2, "nothing is read");
+    if (!kIsInstrumented) LittleAddressSpace(library, model, input, wanted);
     Fork(library, model, input, wanted);
     CreateBesideOthers(library, model, input, wanted);
     ManyCalls(library, model, input, std::atoi(arguments[4]));
+    Expect(!IsMapped("blas"), "a model of the ordinary layers opens the BLAS library");
   }
   LoadAndUnload(path, model, input, wanted);
   std::printf("%d failures\n", failures);
