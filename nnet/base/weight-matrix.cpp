@@ -30,6 +30,7 @@ void ForEachPanel(size_t first, size_t count, const Visit& visit) {
 // T is the unit that a weight is stored in.
 template <class T>
 void PutRows(T* panels, size_t outputs, size_t inputs, size_t first, size_t count, const T* rows) {
+  if (inputs == 0) return;
   ForEachPanel(first, count, [&](size_t row, size_t part, size_t n) {
     fill_panel({rows + (row - first) * inputs, inputs}, part, inputs, row - n, panels + n * inputs,
                PanelWidth(outputs - n));
@@ -39,6 +40,7 @@ void PutRows(T* panels, size_t outputs, size_t inputs, size_t first, size_t coun
 template <class T, class Out, class Convert>
 void GetRows(const Panels<T>& panels, size_t first, size_t count, Out* rows,
              const Convert& convert) {
+  if (panels.inputs == 0) return;
   for (size_t row = first; row < first + count; ++row) {
     const size_t n = row / kPanelOutputs * kPanelOutputs;
     const size_t width = PanelWidth(panels.outputs - n);
@@ -50,6 +52,7 @@ void GetRows(const Panels<T>& panels, size_t first, size_t count, Out* rows,
 template <class Out, class Convert>
 void GetCodes(const CodePanels& panels, size_t first, size_t count, Out* rows,
               const Convert& convert) {
+  if (panels.inputs == 0) return;
   constexpr size_t kUnitStep = kPanelOutputs * kUnitCodes;
   for (size_t row = first; row < first + count; ++row) {
     const size_t n = row / kPanelOutputs * kPanelOutputs;
@@ -92,7 +95,7 @@ void WeightMatrix::Allocate(Form form, size_t outputs, size_t inputs, uint64_t& 
 
 void WeightMatrix::AllocateCodes(size_t outputs, size_t inputs, float scale, int32_t offset,
                                  uint64_t& memory_bytes) {
-  if (CodeRowBytes(inputs) > kStackDigits) {
+  if (outputs != 0 && CodeRowBytes(inputs) > kStackDigits) {
     digits_.AllocateUncleared(1, CodeRowBytes(inputs) / sizeof(float), memory_bytes);
   }
   Allocate(Form::kCodes, outputs, inputs, memory_bytes);
@@ -125,10 +128,11 @@ void WeightMatrix::Put(size_t first, size_t count, const uint16_t* rows) {
 
 // Four codes are one unit of a panel, brought together in a copy that has zeros for those missing.
 void WeightMatrix::Put(size_t first, size_t count, const uint8_t* rows) {
+  if (inputs_ == 0) return;
   const size_t units = UnitsFor(inputs_);
   std::vector<uint32_t> copy(std::min(count, kPanelOutputs) * units);
   ForEachPanel(first, count, [&](size_t row, size_t part, size_t n) {
-    for (size_t r = 0; r < part && inputs_ != 0; ++r) {
+    for (size_t r = 0; r < part; ++r) {
       std::memcpy(copy.data() + r * units, rows + (row - first + r) * inputs_, inputs_);
     }
     fill_panel({copy.data(), units}, part, units, row - n,

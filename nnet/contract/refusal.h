@@ -39,6 +39,11 @@ class Refusal {
   /// For layers whose rows leave at the width at which they come: equal dimensions where both are
   /// set. One that is not set follows the input.
   bool SameWidth(int64_t input_dim, int64_t output_dim);
+  /// For layers whose planes leave as they come.
+  bool SameChannels(int64_t input_channels, int64_t output_channels) {
+    return Equal("output channels", output_channels, "but planes keep their number",
+                 input_channels);
+  }
 
  private:
   std::string text_;

@@ -265,7 +265,8 @@ void Convolve(const ConvolutionShape& shape, const float* weights, const float* 
   const size_t group_weights = shape.GroupWeights();
   for (size_t g = 0; g < shape.groups; ++g) {
     RunGroup<false>(shape, run, group, (shape.groups - g) * shape.out_per_group);
-    group.in += shape.in_per_group;
+    // Null where all taps lie in the padding of an input without frames.
+    if (group.in != nullptr) group.in += shape.in_per_group;
     group.weights += group_weights;
     group.out += shape.out_per_group;
     if (bias != nullptr) group.bias += shape.out_per_group;

@@ -5,7 +5,8 @@
 namespace tarev::nnet::handwriting_CTC {
 
 bool PlaneLayer::Validate(Refusal& why) {
-  return why.SameWidth(input_dim_set ? input_dim : 0, output_dim_set ? output_dim : 0);
+  return why.SameChannels(input_channel, output_channel) &&
+         why.SameWidth(input_dim_set ? input_dim : 0, output_dim_set ? output_dim : 0);
 }
 
 void Softmax::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,

@@ -16,7 +16,7 @@ bool LinearLayer::Validate(Refusal& why) {
   weight_rows = output_dim;
   weight_cols = input_dim;
   padded = weight_rows % kRowGrain != 0;
-  row_capacity = (weight_rows + kRowGrain - 1) / kRowGrain * kRowGrain;
+  row_capacity = weight_rows / kRowGrain * kRowGrain + (padded ? kRowGrain : 0);
   return true;
 }
 

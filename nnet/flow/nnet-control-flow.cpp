@@ -141,6 +141,7 @@ void RegisterComponent::PropagateFnc(const float* in, int64_t frames, int in_dim
 
 bool Register2dComponent::Validate(Refusal& why) {
   return why.Require(!register_name.empty(), "<RegisterName> is empty") &&
+         why.SameChannels(input_channel, output_channel) &&
          why.SameWidth(input_dim_set ? input_dim : 0, output_dim_set ? output_dim : 0);
 }
 
@@ -167,10 +168,6 @@ CallPlan Register2dComponent::Plan(int64_t frames, int in_dim) const {
 void Register2dComponent::PropagateFnc(const float* in, int64_t frames, int in_dim, float* out,
                                        int /*call_id*/) {
   AdoptSameWidth(in_dim);
-  if (input_channel != output_channel) {
-    ThrowError(Here(), "mismatched channels! layer[%s] input [%d] output [%d]",
-               TypeMarker().c_str(), input_channel, output_channel);
-  }
   const size_t floats = BlockFloats(input_channel, input_dim, frames);
   register_buffer.Grow(floats, memory_bytes);
   std::copy_n(in, floats, register_buffer.data());

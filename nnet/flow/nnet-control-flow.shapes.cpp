@@ -11,16 +11,21 @@
 namespace tarev::nnet::handwriting_CTC {
 namespace {
 
-// Throws unless channels x dim is the width of a row.
-void RequireProduct(const Component& layer, int32_t channels, int32_t dim, int32_t row) {
-  if (int64_t{channels} * dim == row) return;
-  ThrowError(Here(), "mismatched dimensions! layer[%s] [%d] channels x [%d] for rows of [%d]",
-             layer.TypeMarker().c_str(), channels, dim, row);
+// Rows that hold all channels of planes of rows of `dim` values.
+bool HoldsAllChannels(Refusal& why, const char* name, int32_t channels, int32_t dim, int32_t row) {
+  return why.AtLeast(name, channels, 1) &&
+         (int64_t{channels} * dim == row ||
+          why.Because("%s [%d] of rows of [%d], which make no rows of [%d]", name, channels, dim,
+                      row));
 }
 
 }  // namespace
 
 // Between planes and rows: each channel is one strided copy, a band of columns of the rows.
+
+bool FlattenComponent::Validate(Refusal& why) {
+  return HoldsAllChannels(why, "<InputChannel>", input_channels, input_dim, output_dim);
+}
 
 CallPlan FlattenComponent::Plan(int64_t frames, int /*in_dim*/) const {
   return {CalcOutputFrames(frames), BlockFloats(input_channels, input_dim, frames),
@@ -29,12 +34,15 @@ CallPlan FlattenComponent::Plan(int64_t frames, int /*in_dim*/) const {
 
 void FlattenComponent::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/, float* out,
                                     int /*call_id*/) {
-  RequireProduct(*this, input_channels, input_dim, output_dim);
   if (frames < 1 || input_dim < 1) return;
   for (int64_t c = 0; c < input_channels; ++c) {
     CopyRows(in + c * frames * input_dim, frames, input_dim, input_dim, out + c * input_dim,
              output_dim);
   }
+}
+
+bool DeflattenComponent::Validate(Refusal& why) {
+  return HoldsAllChannels(why, "<OutputChannel>", output_channels, output_dim, input_dim);
 }
 
 CallPlan DeflattenComponent::Plan(int64_t frames, int /*in_dim*/) const {
@@ -44,7 +52,6 @@ CallPlan DeflattenComponent::Plan(int64_t frames, int /*in_dim*/) const {
 
 void DeflattenComponent::PropagateFnc(const float* in, int64_t frames, int /*in_dim*/, float* out,
                                       int /*call_id*/) {
-  RequireProduct(*this, output_channels, output_dim, input_dim);
   if (frames < 1 || output_dim < 1) return;
   for (int64_t c = 0; c < output_channels; ++c) {
     CopyRows(in + c * output_dim, frames, input_dim, output_dim, out + c * frames * output_dim,

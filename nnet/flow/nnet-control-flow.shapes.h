@@ -14,14 +14,14 @@
 
 namespace tarev::nnet::handwriting_CTC {
 
-/// Planes to rows: row t is the rows t of all input channels, one after another. A call throws
-/// unless O = input_channels D.
+/// Planes to rows: row t is the rows t of all input channels, one after another. O is
+/// input_channels D.
 class FlattenComponent final : public LayerOf<0x704> {
  public:
   using LayerOf::LayerOf;
   int InputChannel() const override { return input_channels; }
   FieldList Fields() override { return {{"<InputChannel>", &input_channels, FieldUse::kRequired}}; }
-  bool Validate(Refusal& why) override { return why.AtLeast("<InputChannel>", input_channels, 1); }
+  bool Validate(Refusal& why) override;
   bool MapsFrameForFrame() const override { return false; }
   bool TakesPlanes() const override { return true; }
   CallPlan Plan(int64_t frames, int in_dim) const override;
@@ -30,7 +30,7 @@ class FlattenComponent final : public LayerOf<0x704> {
   int32_t input_channels = 0;
 };
 
-/// Rows to planes, the inverse. A call throws unless D = output_channels O.
+/// Rows to planes, the inverse. D is output_channels O.
 class DeflattenComponent final : public LayerOf<0x705> {
  public:
   using LayerOf::LayerOf;
@@ -38,9 +38,7 @@ class DeflattenComponent final : public LayerOf<0x705> {
   FieldList Fields() override {
     return {{"<OutputChannel>", &output_channels, FieldUse::kRequired}};
   }
-  bool Validate(Refusal& why) override {
-    return why.AtLeast("<OutputChannel>", output_channels, 1);
-  }
+  bool Validate(Refusal& why) override;
   bool MapsFrameForFrame() const override { return false; }
   bool GivesPlanes() const override { return true; }
   CallPlan Plan(int64_t frames, int in_dim) const override;

@@ -1,87 +1,68 @@
-// Any bytes as a network, binary or text, run in chunks: must end in a result or an exception.
-//
-//   scripts/setup --fuzz && scripts/build fuzz && build/fuzz/fuzz_network CORPUS
+// Any bytes as a binary network, run in chunks whose last one may be marked as such: every call ends
+// with a result or an exception, and the same chunks once more give the same bits. Layers write what
+// reads as the same.
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
+#include <bit>
 #include <exception>
-#include <memory>
-#include <vector>
+#include <optional>
 
 #include <loguru.hpp>
 
 #include "nnet/runtime/nnet-nnet.h"
+#include "tests/fuzz/input.h"
 
 namespace {
 
+using namespace handwriting::fuzz;  // NOLINT(google-build-using-namespace)
 namespace runtime = tarev::nnet::handwriting_CTC;
 
-struct CloseFile {
-  void operator()(FILE* fp) const { std::fclose(fp); }
-};
-
-// How the network is called; the bytes after it are the model.
-struct Plan {
-  uint8_t text;
-  uint8_t dim;
-  uint8_t channels;
-  uint8_t chunks[3];
-  uint8_t mark_last;
-};
-
-bool ReadNetwork(runtime::Nnet& nnet, FILE* fp, bool text) {
-  if (!text) return runtime::ReadNnet(nnet, fp);
-  while (auto* layer = runtime::Component::Read(fp, false)) nnet.layers.emplace_back(layer);
-  return true;
-}
-
-void Write(const runtime::Nnet& nnet) {
-  const std::unique_ptr<FILE, CloseFile> sink(std::fopen("/dev/null", "wb"));
-  for (const auto& layer : nnet.layers) {
-    layer->Write(sink.get());
-    layer->WriteFixed(sink.get());
-  }
-}
-
-void Run(runtime::Nnet& nnet, const Plan& plan) {
-  runtime::NnetForward forward(&nnet);
-  const int dim = plan.dim % 33;
+// A sum over the bits of all outputs.
+uint64_t Run(runtime::NnetForward& forward, const Plan& plan) {
+  const int dim = plan.dim;
   const int channels = 1 + plan.channels % 4;
-  for (int round = 0; round < 2; ++round) {
-    forward.Reset();
-    int call = 0;
-    for (const uint8_t chunk : plan.chunks) {
-      const int frames = chunk % 40;
-      // Exactly as much as the call may read.
-      std::vector<float> in(static_cast<size_t>(frames * dim * channels), 0.5F);
-      const bool last = ++call == 3 && plan.mark_last % 2 == 1;
-      forward.Propagate(in.data(), frames, dim, last ? -call : call, channels);
-      volatile float sum = 0.0F;
-      const auto floats = forward.OutputShape().floats();
-      for (uint64_t i = 0; i < floats; ++i) sum = sum + forward.Output()[i];
+  const int chunks = 1 + plan.options / 2 % 3;
+  uint64_t sum = 0;
+  forward.Reset();
+  for (int call = 1; call <= chunks; ++call) {
+    const int frames = FramesOf(plan.frames[static_cast<size_t>(call - 1)], 0);
+    std::vector<float> in = Features(static_cast<size_t>(frames * dim * channels), plan.values);
+    const bool is_last = call == chunks && plan.options % 2 == 1;
+    forward.Propagate(in.data(), frames, dim, is_last ? -call : call, channels);
+    const uint64_t floats = forward.OutputShape().floats();
+    for (uint64_t i = 0; i < floats; ++i) {
+      sum = sum * 31 + std::bit_cast<uint32_t>(forward.Output()[i]);
     }
   }
+  return sum;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
-  Plan plan;
-  if (size <= sizeof(plan)) return 0;
-  std::copy_n(data, sizeof(plan), reinterpret_cast<uint8_t*>(&plan));
-  std::vector<uint8_t> model(data + sizeof(plan), data + size);
-  const std::unique_ptr<FILE, CloseFile> file(fmemopen(model.data(), model.size(), "rb"));
+  if (size <= kPlanBytes) return 0;
+  const Plan plan = PlanOf(data);
+  std::string model(data + kPlanBytes, data + size);
+  const File file = StreamOf(model);
+  runtime::Nnet nnet;
   try {
-    runtime::Nnet nnet;
-    if (ReadNetwork(nnet, file.get(), plan.text % 4 == 3)) {
-      Write(nnet);
-      Run(nnet, plan);
-      Write(nnet);
-    }
+    if (!runtime::ReadNnet(nnet, file.get())) return 0;
   } catch (const std::exception&) {
-    // Refused: as good an end as any.
+    return 0;
+  }
+  for (const auto& layer : nnet.layers) CheckWriters(*layer);
+  std::optional<uint64_t> first;
+  try {
+    runtime::BufferBudget budget(kBufferBytes);
+    runtime::NnetForward forward(&nnet, &budget);
+    if (plan.options >= 128) forward.ReserveFrames(1 + plan.options % 64);
+    const Patience patience;
+    first = Run(forward, plan);
+    if (patience.IsOver()) return 0;
+    Require(Run(forward, plan) == first, "the same chunks give the same bits");
+  } catch (const std::exception&) {
+    // Refused: as good an end as any, unless it was taken before.
+    Require(!first, "what is taken once is taken again");
   }
   return 0;
 }

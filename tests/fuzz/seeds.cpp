@@ -1,0 +1,133 @@
+// Writes what a fuzzer begins with: a small input for every layer type and form, and a dictionary of
+// markers, properties and type codes.
+//
+//   fuzz_seeds FOLDER    writes FOLDER/TARGET/NAME and FOLDER/TARGET.dict
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/fuzz/input.h"
+#include "tests/support/layer-samples.h"
+#include "tools/npy.h"
+
+namespace {
+
+using namespace handwriting::fuzz;   // NOLINT(google-build-using-namespace)
+using namespace handwriting::tests;  // NOLINT(google-build-using-namespace)
+namespace fs = std::filesystem;
+
+void WriteFile(const fs::path& path, const std::string& bytes) {
+  fs::create_directories(path.parent_path());
+  std::ofstream file(path, std::ios::binary);
+  file << bytes;
+  if (!file.flush()) throw std::runtime_error(path.string() + ": cannot be written");
+}
+
+// Three calls of 9, 3 and 20 frames of ordinary values, the last one marked.
+std::string PlanFor(int dim, int channels) {
+  return Bytes().Codes({dim, channels - 1, 9, 3, 20, 5, 1, 3}).str();
+}
+
+std::string Joined(const std::vector<Bytes>& layers) { return Network(layers).str(); }
+
+void WriteModels(const fs::path& folder) {
+  for (const Bytes& sample : SamplesOfAllForms()) {
+    const Layer layer = ReadLayer(sample);
+    const SampleInput input = InputOf(*layer);
+    const int code = layer->GetType();
+    char name[16];
+    std::snprintf(name, sizeof(name), "%04x", static_cast<unsigned>(code));
+    const std::vector<Bytes> layers = WithRegisters(code, sample);
+    WriteFile(folder / "network" / name, PlanFor(input.dim, input.channels) + Joined(layers));
+
+    // Once as the first network and once as the second, beside one that takes and gives rows.
+    const auto row_of = [](int in, int out) {
+      return Affine(in, out, Floats(static_cast<size_t>(out)), Ramp(in * out));
+    };
+    const int out = std::max(layer->OutputDim(), 1);
+    std::vector<Bytes> second = {row_of(2, input.dim)};
+    second.insert(second.end(), layers.begin(), layers.end());
+    WriteFile(folder / "recognizer" / (name + std::string("-first")),
+              PlanFor(input.dim, 1) + Joined(layers) + Joined({row_of(out, 4)}));
+    WriteFile(folder / "recognizer" / (name + std::string("-second")),
+              PlanFor(3, 1) + Joined({row_of(3, 2)}) + Joined(second));
+    WriteFile(folder / "text" / (name + std::string("-binary")), Joined(layers));
+  }
+}
+
+std::string TextLayer(const LayerSample& sample) {
+  return "<" + sample.name + "> " + sample.text + "\n";
+}
+
+void WriteTexts(const fs::path& folder, std::set<std::string>& words) {
+  for (const LayerSample& sample : kLayerSamples) {
+    words.insert("<" + sample.name + ">");
+    for (size_t begin = 0; (begin = sample.text.find('<', begin)) != std::string::npos; ++begin) {
+      words.insert(sample.text.substr(begin, sample.text.find('>', begin) + 1 - begin));
+    }
+    if (sample.text.empty()) continue;
+    WriteFile(folder / "text" / sample.name, "<Nnet>\n" + TextLayer(sample) + "</Nnet>\n");
+  }
+}
+
+std::string Quoted(const std::string& bytes) {
+  std::string quoted = "\"";
+  for (const char c : bytes) {
+    char text[8];
+    std::snprintf(text, sizeof(text), "\\x%02x", static_cast<unsigned char>(c));
+    quoted += text;
+  }
+  return quoted + "\"\n";
+}
+
+void WriteDictionaries(const fs::path& folder, const std::set<std::string>& words) {
+  std::string codes;
+  for (const LayerSample& sample : kLayerSamples) {
+    for (const int code : {sample.code, sample.fixed_code})
+      codes += Quoted(Bytes().Int(code).str());
+  }
+  for (const char* target : {"recognizer", "network"}) {
+    WriteFile(folder / (std::string(target) + ".dict"), codes);
+  }
+  std::string quoted;
+  for (const std::string& word : words) quoted += Quoted(word);
+  WriteFile(folder / "text.dict", quoted);
+  quoted.clear();
+  for (const char* word : {"\x93NUMPY", "'descr': ", "'fortran_order': ", "'shape': ", "'<f4'",
+                           "True", "False", "(", ",)", ", }", "0", "18446744073709551616"}) {
+    quoted += Quoted(word);
+  }
+  WriteFile(folder / "npy.dict", quoted);
+}
+
+void WriteMatrices(const fs::path& folder) {
+  fs::create_directories(folder / "npy");
+  const std::vector<std::vector<size_t>> shapes = {{2, 3}, {1, 2, 3}, {0, 4}, {3, 0, 2}};
+  for (const auto& shape : shapes) {
+    size_t count = 1;
+    std::string name;
+    for (const size_t length : shape) {
+      count *= length;
+      name += "x" + std::to_string(length);
+    }
+    handwriting::tools::WriteNpy(folder / "npy" / name, {shape, Ramp(static_cast<int>(count))});
+  }
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  if (count != 2) return std::fprintf(stderr, "usage: fuzz_seeds FOLDER\n"), 2;
+  std::set<std::string> words = {"<Nnet>", "</Nnet>", "[ ", " ]", "\n"};
+  WriteModels(arguments[1]);
+  WriteTexts(arguments[1], words);
+  WriteDictionaries(arguments[1], words);
+  WriteMatrices(arguments[1]);
+  return 0;
+}
