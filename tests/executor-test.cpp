@@ -48,6 +48,9 @@ class Probe final : public Component {
   int GetType() const override { return 0x202; }
   int GetFixedType() const override { return 0x902; }
   void Reset() override { ++resets; }
+  CallPlan Plan(int64_t frames, int) const override {
+    return {frames, ToSize(frames), ToSize(frames)};
+  }
   void PropagateFnc(const float* in, int64_t frames, int, float* out, int call_id) override {
     std::copy_n(in, frames, out);
     ids.push_back(call_id);
