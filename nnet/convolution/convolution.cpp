@@ -162,7 +162,8 @@ void SimpleConv2d1x3s2::PropagateFnc(const float* in, int64_t frames, int in_dim
 // position is in the same row.
 
 void SimpleDeconv2d1x3s2::Reserve(int64_t frames) {
-  if (BlockFloats(input_channel, input_dim, frames) > kMaxFloatsAhead) return;
+  // Without an input channel there still is the plane that tells where a row goes on.
+  if (BlockFloats(std::max(input_channel, 1), input_dim, frames) > kMaxFloatsAhead) return;
   const size_t width = ToSize(input_dim);
   const size_t height = ToSize(frames);
   here_.Reshape(width, height, ToSize(input_channel), memory_bytes);

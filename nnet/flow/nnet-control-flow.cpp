@@ -294,6 +294,8 @@ void ConcatenateComponent::PropagateFnc(const float* in, int64_t frames, int /*i
                                         int /*call_id*/) {
   const int64_t rows = RowFrames(frames);
   CheckRegisters(rows);
+  output_frames = rows;
+  if (rows < 1) return;
   auto next = registers.begin();
   for (int32_t part = 0; part < part_count; ++part) {
     const RegisterComponent* source = IsInput(part) ? nullptr : *next++;
@@ -302,7 +304,6 @@ void ConcatenateComponent::PropagateFnc(const float* in, int64_t frames, int /*i
     CopyRows(part_rows, rows, width, width, out, output_dim);
     out += width;
   }
-  output_frames = rows;
 }
 
 // Concatenation of planes.
