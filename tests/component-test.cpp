@@ -6,6 +6,9 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <map>
+#include <set>
+#include <string>
 #include <typeinfo>
 
 #include "nnet/dense/activation.h"
@@ -47,6 +50,74 @@ TEST(Registry, KnowsEveryTypeUnderItsCodesAndMarkers) {
   }
   const Component::ComponentMap twice = {{0x100, {"<A>", nullptr}}, {0x101, {"<A>", nullptr}}};
   EXPECT_EQ(ThrownBy([&] { BuildMarkerMap(twice); }), "insert component map failed! [<A>:0101]");
+}
+
+// What containers, the bounds on work and `inspect` ask every layer.
+TEST(Registry, LayersAnswerWhatTheyAreAsked) {
+  std::set<std::string> may_change_frames, work_more;
+  std::map<std::string, std::string> links;
+  for (const LayerSample& row : kLayerSamples) {
+    SCOPED_TRACE(row.name);
+    const Layer layer = ReadLayer(row.bytes);
+    const int dim = InputOf(*layer).dim;
+    if (layer->ExtraWork(100, dim) > 0) {
+      work_more.insert(row.name);
+      EXPECT_GT(layer->ExtraWork(200, dim), layer->ExtraWork(100, dim));
+    }
+    if (const std::string text = layer->Links(); !text.empty()) links[row.name] = text;
+    if (!layer->MapsFrameForFrame()) {
+      may_change_frames.insert(row.name);
+      continue;
+    }
+    for (const int64_t frames : {1, 2, 3, 50}) EXPECT_EQ(layer->Plan(frames, dim).frames, frames);
+  }
+  // Layers of planes and all that look beyond one frame; registers, which a container cannot link.
+  EXPECT_EQ(may_change_frames, std::set<std::string>({"Fsmn",
+                                                      "ReLU2d",
+                                                      "PReLU2d",
+                                                      "Conv2d",
+                                                      "ConvBN2d",
+                                                      "ConvDW2d",
+                                                      "SeperableConv2d",
+                                                      "SimpleConv2d1x3s2",
+                                                      "SimpleDeconv2d1x3s2",
+                                                      "Conv1d",
+                                                      "ConvTranspose1d",
+                                                      "MaxPool1d",
+                                                      "Splice",
+                                                      "BatchNorm2d",
+                                                      "ViewComponent",
+                                                      "TransposeComponent",
+                                                      "StatisticsExtractionComponent",
+                                                      "StatisticsPoolingComponent",
+                                                      "SlidingWindowComponent",
+                                                      "RegisterComponent",
+                                                      "Register2dComponent",
+                                                      "ConcatenateComponent",
+                                                      "Concatenate2dComponent",
+                                                      "FlattenComponent",
+                                                      "DeflattenComponent",
+                                                      "SliceComponent",
+                                                      "ReflectionPad",
+                                                      "ConstantPad",
+                                                      "StreamConv1d",
+                                                      "StreamConvTranspose1d",
+                                                      "StreamMaxPool1d",
+                                                      "StreamRegisterComponent",
+                                                      "StreamConcatenateComponent",
+                                                      "StreamReflectionPad",
+                                                      "StreamConstantPad",
+                                                      "StreamSliceComponent"}));
+  EXPECT_EQ(work_more, std::set<std::string>({"Decoder", "Encoder", "MaxPool1d",
+                                              "SimpleConv2d1x3s2", "SimpleDeconv2d1x3s2",
+                                              "StatisticsExtractionComponent", "StreamMaxPool1d"}));
+  EXPECT_EQ(links, (std::map<std::string, std::string>{
+                       {"Concatenate2dComponent", "joins x, input, yz"},
+                       {"ConcatenateComponent", "joins x, input, yz"},
+                       {"Register2dComponent", "register p"},
+                       {"RegisterComponent", "register left"},
+                       {"StreamConcatenateComponent", "joins x, input, yz"},
+                       {"StreamRegisterComponent", "register name"}}));
 }
 
 // The document of the format has a screen for every layer, which begins with its codes.
