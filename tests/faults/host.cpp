@@ -1,15 +1,17 @@
 // What a long-lived host does with the library: loads and unloads it, runs many inputs of all
-// lengths, forks, creates recognizers beside others that work, on many threads, and where there is
-// little address space. Prints what goes wrong.
+// lengths and a very long one, forks, creates recognizers beside others that work, on many threads,
+// and where there is little address space. Prints what goes wrong.
 //
-//   host LIBRARY MODEL DIM CALLS
+//   host LIBRARY MODEL DIM CALLS FRAMES
 
 #include <dlfcn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -19,6 +21,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "api/handwriting_forward.h"
@@ -69,9 +72,9 @@ struct Input {
 
 class Recognizer {
  public:
-  Recognizer(const Library& library, const char* model) : library_(library) {
+  Recognizer(const Library& library, const char* model, int announced = 20) : library_(library) {
     FILE* file = std::fopen(model, "rb");
-    handle_ = library.create(file, 20, kBest);
+    handle_ = library.create(file, announced, kBest);
     std::fclose(file);
   }
   ~Recognizer() { library_.destroy(handle_); }
@@ -80,7 +83,7 @@ class Recognizer {
 
   // All labels of the first so many frames, a -1 behind each sequence.
   const std::vector<int>& Read(const Input& input, int frames) {
-    labels_.resize(static_cast<size_t>(kBest * frames));
+    labels_.resize(static_cast<size_t>(kBest) * static_cast<size_t>(frames));
     int lengths[kBest];
     const int count = library_.process(handle_, input.features.data(), frames, input.dim,
                                        labels_.data(), lengths);
@@ -178,6 +181,31 @@ void ManyCalls(const Library& library, const char* model, const Input& input, in
   Expect(kIsInstrumented || ResidentKib() < resident + 512, "calls take memory");
 }
 
+Input Repeated(const Input& input, int frames) {
+  Input repeated{{}, input.dim};
+  repeated.features.resize(static_cast<size_t>(frames) * static_cast<size_t>(input.dim));
+  for (size_t i = 0; i < repeated.features.size(); ++i) {
+    repeated.features[i] = input.features[i % input.features.size()];
+  }
+  return repeated;
+}
+
+// The same lines over and over: as many labels in each part, whether room was made ahead or not.
+void LongInput(const Library& library, const char* model, const Input& input, int frames) {
+  const Input repeated = Repeated(input, frames);
+  Recognizer recognizer(library, model);
+  const std::vector<int> whole = recognizer.Read(repeated, frames);
+  const std::vector<int> half = recognizer.Read(repeated, frames / 2);
+  Expect(recognizer.Read(repeated, frames) == whole, "a long input reads something else once more");
+  Expect(Recognizer(library, model, frames).Read(repeated, frames) == whole,
+         "a long input that was announced reads something else");
+  const auto best = [](const std::vector<int>& labels) {
+    return static_cast<double>(std::ranges::find(labels, -1) - labels.begin());
+  };
+  Expect(best(half) > frames / 1000.0 && std::abs(best(whole) / best(half) - 2) < 0.01,
+         "a long input does not read what its parts read");
+}
+
 void Fork(const Library& library, const char* model, const Input& input,
           const std::vector<int>& wanted) {
   Recognizer recognizer(library, model);
@@ -210,52 +238,89 @@ void CreateBesideOthers(const Library& library, const char* model, const Input& 
 
 enum Outcome { kReads, kCreateFails, kProcessFails, kGoesWrong };
 
-// What a child process comes to that has so much more address space, and a second for each call.
-Outcome WithAddressSpace(long kib, int announced, const Library& library, const char* model,
-                         const Input& input, const std::vector<int>& wanted) {
-  const pid_t child = fork();
-  if (child == 0) {
-    std::vector<int> labels(kBest * kMostFrames);
-    int lengths[kBest];
-    FILE* file = std::fopen(model, "rb");
-    const rlim_t limit = static_cast<rlim_t>(MemoryOfProcess().all_kib + kib) * 1024;
-    const rlimit limits{limit, limit};
-    setrlimit(RLIMIT_AS, &limits);
-    alarm(1);
-    void* recognizer = library.create(file, announced, kBest);
-    if (recognizer == nullptr) _exit(kCreateFails);
-    alarm(1);
-    const int count = library.process(recognizer, input.features.data(), kMostFrames, input.dim,
-                                      labels.data(), lengths);
-    if (count < 0) _exit(kProcessFails);
-    _exit(std::equal(labels.begin(), labels.begin() + lengths[0], wanted.begin()) ? kReads
-                                                                                  : kGoesWrong);
+// What children of this process do that have little address space. The first one has all it wants;
+// it tells the others, in memory that they share, what there is to read. All work is theirs, so that
+// this process has no free memory of the size for them.
+class LittleAddressSpace {
+ public:
+  LittleAddressSpace(const Library& library, const char* model, Input input)
+      : library_(library), model_(model), input_(std::move(input)), frames_(FramesOf(input_)) {
+    void* memory = mmap(nullptr, Size() * sizeof(int), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    wanted_ = static_cast<int*>(memory);
+    Run(1, [this](const int* labels) { std::copy_n(labels, Size(), wanted_); });
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? static_cast<Outcome>(WEXITSTATUS(status)) : kGoesWrong;
-}
+  ~LittleAddressSpace() { munmap(wanted_, Size() * sizeof(int)); }
+  LittleAddressSpace(const LittleAddressSpace&) = delete;
+  LittleAddressSpace& operator=(const LittleAddressSpace&) = delete;
 
-// One announced frame leaves memory to process; many want it at create.
-void LittleAddressSpace(const Library& library, const char* model, const Input& input,
-                        const std::vector<int>& wanted) {
-  for (const auto& [announced, failure] : {std::pair{1, kProcessFails}, {20000, kCreateFails}}) {
-    int failed = 0;
-    Outcome outcome = failure;
-    for (long kib = 0; kib < 65536 && outcome != kReads; kib += 64) {
-      outcome = WithAddressSpace(kib, announced, library, model, input, wanted);
-      Expect(outcome != kGoesWrong, "a call without address space ends the process or is wrong");
-      failed += static_cast<int>(outcome == failure);
+  // One announced frame leaves memory to process; many want it at create.
+  void Check() {
+    for (const auto& [announced, failure] : {std::pair{1, kProcessFails}, {20000, kCreateFails}}) {
+      int failed = 0;
+      Outcome outcome = failure;
+      for (long kib = 0; kib < 65536 && outcome != kReads; kib += 256) {
+        outcome = WithMore(kib, announced);
+        Expect(outcome != kGoesWrong, "a call without address space ends the process or is wrong");
+        failed += static_cast<int>(outcome == failure);
+      }
+      Expect(failed > 0, "a call needs no address space, so nothing was tested");
+      Expect(outcome == kReads, "a recognizer wants more than 64 MiB");
     }
-    Expect(failed > 0, "a call needs no address space, so nothing was tested");
-    Expect(outcome == kReads, "a recognizer wants more than 64 MiB");
   }
-}
+
+ private:
+  static int FramesOf(const Input& input) {
+    return static_cast<int>(input.features.size()) / input.dim;
+  }
+  size_t Size() const { return static_cast<size_t>(kBest) * static_cast<size_t>(frames_); }
+
+  // Runs a recognizer in a child, with a second for each call, and `look` at the labels.
+  template <class Function>
+  Outcome Run(int announced, const Function& look, long more_kib = -1) {
+    const pid_t child = fork();
+    if (child == 0) {
+      std::vector<int> labels(Size(), 0);
+      int lengths[kBest];
+      FILE* file = std::fopen(model_, "rb");
+      if (more_kib >= 0) {
+        const rlim_t limit = static_cast<rlim_t>(MemoryOfProcess().all_kib + more_kib) * 1024;
+        const rlimit limits{limit, limit};
+        setrlimit(RLIMIT_AS, &limits);
+      }
+      alarm(1);
+      void* recognizer = library_.create(file, announced, kBest);
+      if (recognizer == nullptr) _exit(kCreateFails);
+      alarm(1);
+      const int count = library_.process(recognizer, input_.features.data(), frames_, input_.dim,
+                                         labels.data(), lengths);
+      if (count < 0) _exit(kProcessFails);
+      look(labels.data());
+      _exit(kReads);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? static_cast<Outcome>(WEXITSTATUS(status)) : kGoesWrong;
+  }
+
+  Outcome WithMore(long kib, int announced) {
+    const auto compare = [this](const int* labels) {
+      if (!std::equal(labels, labels + Size(), wanted_)) _exit(kGoesWrong);
+    };
+    return Run(announced, compare, kib);
+  }
+
+  const Library& library_;
+  const char* model_;
+  Input input_;
+  int frames_;
+  int* wanted_ = nullptr;
+};
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  if (count != 5) return 2;
+  if (count != 6) return 2;
   const char* path = arguments[1];
   const char* model = arguments[2];
   Input input{{}, std::atoi(arguments[3])};
@@ -268,10 +333,11 @@ int main(int count, char** arguments) {
     const Library library(path);
     wanted = Recognizer(library, model).Read(input, kMostFrames);
     Expect(wanted.size() > 2, "nothing is read");
-    if (!kIsInstrumented) LittleAddressSpace(library, model, input, wanted);
+    if (!kIsInstrumented) LittleAddressSpace(library, model, Repeated(input, 20000)).Check();
     Fork(library, model, input, wanted);
     CreateBesideOthers(library, model, input, wanted);
     ManyCalls(library, model, input, std::atoi(arguments[4]));
+    LongInput(library, model, input, std::atoi(arguments[5]));
     Expect(!IsMapped("blas"), "a model of the ordinary layers opens the BLAS library");
   }
   LoadAndUnload(path, model, input, wanted);
