@@ -211,6 +211,6 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
   model.Mutate();
   const std::string bytes = model.Bytes();
   const size_t taken = std::min(bytes.size(), max_size);
-  std::memcpy(data, bytes.data(), taken);
+  std::copy_n(bytes.data(), taken, data);
   return taken;
 }

@@ -122,6 +122,7 @@ void WriteMatrices(const fs::path& folder) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what cannot be written ends it, with the reason
 int main(int count, char** arguments) {
   if (count != 2) return std::fprintf(stderr, "usage: fuzz_seeds FOLDER\n"), 2;
   std::set<std::string> words = {"<Nnet>", "</Nnet>", "[ ", " ]", "\n"};

@@ -6,7 +6,6 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <string>
 #include <string_view>
@@ -46,6 +45,6 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
   if (random() % 2 == 0) ReplaceANumber(text, random);
   if (random() % 8 != 0) ShortenNumbers(text);
   const size_t taken = std::min(text.size(), max_size);
-  std::memcpy(data, text.data(), taken);
+  std::copy_n(text.data(), taken, data);
   return taken;
 }
