@@ -1,10 +1,11 @@
 // Any bytes as a binary network, run in chunks whose last one may be marked as such: every call ends
 // with a result or an exception, and the same chunks once more give the same bits. Layers write what
-// reads as the same.
+// reads as the same, and layers whose weights are mapped read nothing else.
 
 #include <bit>
 #include <exception>
 #include <optional>
+#include <string_view>
 
 #include <loguru.hpp>
 
@@ -15,6 +16,26 @@ namespace {
 
 using namespace handwriting::fuzz;  // NOLINT(google-build-using-namespace)
 namespace runtime = tarev::nnet::handwriting_CTC;
+
+// Maps the weights of an affine layer, exactly as many as there are, and runs a few frames.
+void RunMapped(const runtime::Component& layer, const Plan& plan) {
+  constexpr int kAffine = 0x100;
+  if (layer.GetType() != kAffine) return;
+  const std::string bytes = Written(layer, false).value_or("");
+  const std::string_view block = std::string_view(bytes).substr(3 * sizeof(int32_t));
+  std::vector<float> parameters(block.size() / sizeof(float));
+  if (parameters.empty()) return;
+  std::memcpy(parameters.data(), block.data(), block.size());
+  const handwriting::tests::Layer mapped(
+      runtime::NewComponentOfType(kAffine, layer.InputDim(), layer.OutputDim()));
+  const auto* cursor = reinterpret_cast<const char*>(parameters.data());
+  Require(mapped->MapData(&cursor), "what is written can be mapped");
+  Require(cursor == reinterpret_cast<const char*>(&*parameters.end()), "all of it is mapped");
+  const int frames = plan.frames[0] % 4;
+  std::vector<float> in =
+      Features(static_cast<size_t>(frames) * static_cast<size_t>(layer.InputDim()), plan.values);
+  handwriting::tests::RunLayer(*mapped, in, frames, layer.InputDim());
+}
 
 // A sum over the bits of all outputs.
 uint64_t Run(runtime::NnetForward& forward, const Plan& plan) {
@@ -50,7 +71,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const std::exception&) {
     return 0;
   }
-  for (const auto& layer : nnet.layers) CheckWriters(*layer);
+  for (const auto& layer : nnet.layers) {
+    CheckWriters(*layer);
+    RunMapped(*layer, plan);
+  }
   std::optional<uint64_t> first;
   try {
     runtime::BufferBudget budget(kBufferBytes);

@@ -55,6 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int nbest = plan.nbest == 255 ? 200 : 1 + plan.nbest % 8;
   void* recognizer = handwriting_forward_create(StreamOf(model).get(), announced, nbest);
   if (recognizer == nullptr) return 0;
+  Require(handwriting_forward_process(recognizer, nullptr, 1, 1, nullptr, nullptr) == -1,
+          "no result without arrays");
   static_cast<handwriting_forward_t*>(recognizer)->budget.set_limit(kBufferBytes);
   const Patience patience;
   const int frames = FramesOf(plan.frames[0], 1);

@@ -61,6 +61,24 @@ void WriteModels(const fs::path& folder) {
   }
 }
 
+// Layers wide enough for the vector code that the small samples do not reach.
+void WriteWide(const fs::path& folder) {
+  const auto window = [] { return Bytes().Ints({3, 1, 1, 1}); };
+  const std::pair<const char*, Bytes> layers[] = {
+      {"wide", Affine(60, 70, Ramp(70), Ramp(60 * 70))},
+      {"wide-rows", Component1d(0x307, 16, 40, window().Ints({1, 1, 1}).Floats(Ramp(1960)))},
+      {"wide-columns", Component1d(0x307, 40, 40, window().Ints({1, 40, 0}).Floats(Ramp(120)))},
+      {"wide-codes", Bytes(FixedWrittenBy(*ReadLayer(Affine(200, 3, Ramp(3), Ramp(600)))))},
+      {"wide-memory", Component1d(0x107, 40, 40, Bytes().Ints({1, 1, 1, 0}).Floats(Ramp(120)))},
+      {"long-sums", Component1d(0x601, 2, 5, Bytes().Ints({1, 200}).Byte(1))},
+      {"wide-softmax", Component1d(0x201, 120, 120)},
+      {"wide-norm", Component1d(0x406, 40, 40, Bytes().Int(40).Float(1).Floats(Ramp(80)))}};
+  for (const auto& [name, layer] : layers) {
+    WriteFile(folder / "network" / name,
+              PlanFor(ReadLayer(layer)->InputDim(), 1) + Joined({layer}));
+  }
+}
+
 std::string TextLayer(const LayerSample& sample) {
   return "<" + sample.name + "> " + sample.text + "\n";
 }
@@ -127,6 +145,7 @@ int main(int count, char** arguments) {
   if (count != 2) return std::fprintf(stderr, "usage: fuzz_seeds FOLDER\n"), 2;
   std::set<std::string> words = {"<Nnet>", "</Nnet>", "[ ", " ]", "\n"};
   WriteModels(arguments[1]);
+  WriteWide(arguments[1]);
   WriteTexts(arguments[1], words);
   WriteDictionaries(arguments[1], words);
   WriteMatrices(arguments[1]);
