@@ -70,13 +70,17 @@ void WriteWide(const fs::path& folder) {
       {"wide-columns", Component1d(0x307, 40, 40, window().Ints({1, 40, 0}).Floats(Ramp(120)))},
       {"wide-codes", Bytes(FixedWrittenBy(*ReadLayer(Affine(200, 3, Ramp(3), Ramp(600)))))},
       {"wide-memory", Component1d(0x107, 40, 40, Bytes().Ints({1, 1, 1, 0}).Floats(Ramp(120)))},
-      {"long-sums", Component1d(0x601, 2, 5, Bytes().Ints({1, 200}).Byte(1))},
       {"wide-softmax", Component1d(0x201, 120, 120)},
       {"wide-norm", Component1d(0x406, 40, 40, Bytes().Int(40).Float(1).Floats(Ramp(80)))}};
   for (const auto& [name, layer] : layers) {
     WriteFile(folder / "network" / name,
               PlanFor(ReadLayer(layer)->InputDim(), 1) + Joined({layer}));
   }
+  // Sums and pools over more frames than a short call has.
+  const Bytes padding = Component1d(0x708, 2, 2, Bytes().Ints({150, 150}).Float(0.5F));
+  const Bytes sums = Component1d(0x601, 2, 5, Bytes().Ints({1, 200}).Byte(1));
+  const Bytes pools = Component1d(0x602, 5, 5, Bytes().Ints({1, 90, 90, 1}).Byte(1).Float(0.5F));
+  WriteFile(folder / "network" / "long-sums", PlanFor(2, 1) + Joined({padding, sums, pools}));
 }
 
 std::string TextLayer(const LayerSample& sample) {
