@@ -1,6 +1,5 @@
 
 #include <algorithm>
-#include <array>
 #include <cfloat>
 #include <cmath>
 #include <functional>
@@ -86,35 +85,6 @@ TEST(ElementKernels, ActivationsFollowTheirFunctions) {
   }
 }
 
-TEST(RowKernels, SoftmaxSumsInElementOrderOnEveryTarget) {
-  const std::vector<std::pair<size_t, size_t>> shapes = {
-      {1, 1}, {1, 7}, {8, 33}, {17, 100}, {9, 3}, {16, 16}, {33, 11}, {1, 140}, {18, 150}};
-  for (const auto& [rows, cols] : shapes) {
-    Floats in = Random(rows * cols, 5, 30.0F);
-    if (cols > 6) {
-      in[1] = -kInfinity;
-      in[2] = -200.0F;
-      in[(rows - 1) * cols + 3] = kInfinity;
-      in[rows / 2 * cols + 4] = kNan;
-    }
-    Floats softmax(in.size()), log_softmax(in.size());
-    PlainSoftmax(in.data(), rows, cols, softmax.data());
-    PlainLogSoftmax(in.data(), rows, cols, log_softmax.data());
-    ForEachVectorTarget([&, rows = rows, cols = cols] {
-      Floats out(in.size() + 1, 7.0F);
-      fast_log_softmax(in.data(), rows, cols, out.data());
-      ASSERT_EQ(out.back(), 7.0F);
-      out.pop_back();
-      ExpectSameBits(out, log_softmax);
-      fast_softmax(in.data(), rows, cols, out.data());
-      ExpectSameBits(out, softmax);
-      out = in;
-      fast_softmax(out.data(), rows, cols, out.data());  // in place
-      ExpectSameBits(out, softmax);
-    });
-  }
-}
-
 TEST(RowKernels, MaximumKeepsTheFirstOfEquals) {
   ForEachVectorTarget([] {
     for (const size_t n : {1, 2, 15, 16, 17, 40, 100}) {
@@ -131,25 +101,6 @@ TEST(RowKernels, MaximumKeepsTheFirstOfEquals) {
         v[first] = -0.0F;
         v[second] = 0.0F;
         EXPECT_EQ(std::signbit(max_of(v.data(), n)), first < second) << n;
-      }
-    }
-  });
-}
-
-TEST(RowKernels, RowVectors) {
-  ForEachVectorTarget([] {
-    for (const size_t cols : {1, 3, 8, 19}) {
-      const Floats v = Random(cols, 1);
-      const Floats x = Random(3 * cols, 2);
-      Floats sum = x;
-      add_vec_to_rows(sum.data(), 3, cols, v.data(), -0.5F);
-      Floats product = x;
-      mul_vec_to_rows(product.data(), 3, cols, v.data(), 0.7F);
-      for (size_t i = 0; i < x.size(); ++i) {
-        const float scaled = v[i % cols] * -0.5F;
-        ASSERT_EQ(sum[i], scaled + x[i]);
-        const float first = x[i] * 0.7F;
-        ASSERT_EQ(product[i], first * v[i % cols]);
       }
     }
   });
@@ -209,32 +160,6 @@ TEST(RecurrentKernels, OnePassHasTheBitsOfTheSeparateSteps) {
       }
     }
   });
-}
-
-TEST(Products, AgreeWithDoublePrecisionForManyShapes) {
-  const std::array<size_t, 3> shapes[] = {{1, 1, 1}, {1, 33, 17},   {2, 5, 3},      {7, 64, 40},
-                                          {1, 4, 0}, {16, 200, 31}, {40, 90, 1100}, {3, 4, 0}};
-  for (const auto& [M, N, K] : shapes) {
-    const Floats a = Random(M * K, 1);
-    Floats b = Random(N * K, 2);
-    for (const float beta : {0.0F, 1.0F}) {
-      const Floats before(M * N, beta == 0.0F ? kNan : 2.0F);
-      Floats c = before, by_columns = before, by_rows = before;
-      matmul_trans_b(a.data(), b.data(), c.data(), M, N, K, 0.5F, beta);
-      Floats columns(b.size());
-      transpose(b.data(), columns.data(), N, K);
-      matmul({a.data(), K}, {columns.data(), N}, {by_columns.data(), N}, M, N, K, 0.5F, beta);
-      mat_vec(b.data(), a.data(), by_rows.data(), N, K, 0.5F, beta);
-      for (size_t i = 0; i < M * N; ++i) {
-        double sum = 2.0 * beta;
-        for (size_t k = 0; k < K; ++k) sum += 0.5 * a[i / N * K + k] * b[i % N * K + k];
-        const double tolerance = 1e-5 * (1.0 + static_cast<double>(K));
-        ASSERT_NEAR(c[i], sum, tolerance);
-        ASSERT_NEAR(by_columns[i], sum, tolerance);
-        ASSERT_TRUE(i >= N || std::fabs(by_rows[i] - sum) <= tolerance);
-      }
-    }
-  }
 }
 
 TEST(Products, DiagonalRoundsTheProductThenTheSum) {

@@ -445,7 +445,7 @@ HWY_NOINLINE void PairTile(const CodeRow* rows, const CodePanels& weights, const
   // What earlier chunks of inputs gave.
   HWY_ALIGN double totals[kRows][kVectors / 2][kLanes];
   size_t first = 0;
-  do {  // once where there are no inputs
+  do {
     SumVector high[kRows][kVectors];
     SumVector low[kRows][kVectors];
     const int16_t* digits[kRows];
@@ -583,6 +583,7 @@ size_t CodeRowBytes(size_t inputs) { return kPlaneBytes * PaddedInputs(inputs); 
 void code_product(StridedRows<const float> in, size_t rows, const CodePanels& weights,
                   const ProductEnd& end, const StridedRows<float>& out, int8_t* digits,
                   size_t room) {
+  if (weights.inputs == 0) return end_zeros(rows, weights.outputs, end, out);
   HWY_DYNAMIC_DISPATCH(CodeProduct)(in, rows, weights, end, out, digits, room);
 }
 

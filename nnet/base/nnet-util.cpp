@@ -100,12 +100,15 @@ void BufferBudget::GiveBack(uint64_t bytes) noexcept {
 
 thread_local ArrayArena* ArrayArena::open_ = nullptr;
 
-ArrayArena::ArrayArena(size_t expected_bytes) : outer_(std::exchange(open_, this)) {
+// Opened last: an arena that has thrown is not there.
+ArrayArena::ArrayArena(size_t expected_bytes) : outer_(open_) {
   constexpr size_t kLeastBytes = 2 * kHugePage;
-  if (expected_bytes < kLeastBytes) return;
-  const size_t floats = std::min(expected_bytes / sizeof(float), kMaxFloats);
-  block_ = std::shared_ptr<float>(NewFloats(1, floats), free_floats);
-  if (block_ != nullptr) size_ = floats;
+  if (expected_bytes >= kLeastBytes) {
+    const size_t floats = std::min(expected_bytes / sizeof(float), kMaxFloats);
+    block_ = std::shared_ptr<float>(NewFloats(1, floats), free_floats);
+    if (block_ != nullptr) size_ = floats;
+  }
+  open_ = this;
 }
 
 ArrayArena::~ArrayArena() { open_ = outer_; }

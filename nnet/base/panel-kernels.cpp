@@ -197,7 +197,7 @@ void BlockOfRows(StridedRows<const float> in, size_t rows, const Panels<T>& weig
   constexpr size_t kNarrowTile = TileVectors<NarrowTag, kNarrowOutputs>() * LanesOf<NarrowTag>();
   const size_t panel_step = weights.inputs * kPanelOutputs;
   const size_t wide = WideOutputs(weights);
-  for (size_t k = 0; k == 0 || k < weights.inputs; k += kBlockInputs) {
+  for (size_t k = 0; k < weights.inputs; k += kBlockInputs) {
     const size_t inputs = std::min(kBlockInputs, weights.inputs - k);
     const auto place = [&](size_t n, size_t width) {
       return TilePlace<T>{
@@ -382,13 +382,23 @@ HWY_EXPORT(HalfProduct);
 HWY_EXPORT(FillUnits);
 HWY_EXPORT(FillHalves);
 
+void end_zeros(size_t rows, size_t outputs, const ProductEnd& end, const StridedRows<float>& out) {
+  const float sum = end.scale == 0.0F ? 0.0F : 0.0F * end.scale;
+  for (size_t r = 0; r < rows; ++r) {
+    float* row = out.From(r).data;
+    for (size_t n = 0; n < outputs; ++n) row[n] = end.bias == nullptr ? sum : sum + end.bias[n];
+  }
+}
+
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<float>& weights,
                    const ProductEnd& end, const StridedRows<float>& out) {
+  if (weights.inputs == 0) return end_zeros(rows, weights.outputs, end, out);
   HWY_DYNAMIC_DISPATCH(Product)(in, rows, weights, end, out);
 }
 
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<uint16_t>& weights,
                    const ProductEnd& end, const StridedRows<float>& out) {
+  if (weights.inputs == 0) return end_zeros(rows, weights.outputs, end, out);
   HWY_DYNAMIC_DISPATCH(HalfProduct)(in, rows, weights, end, out);
 }
 

@@ -56,6 +56,9 @@ void panel_product(StridedRows<const float> in, size_t rows, const Panels<float>
 void panel_product(StridedRows<const float> in, size_t rows, const Panels<uint16_t>& weights,
                    const ProductEnd& end, const StridedRows<float>& out);
 
+/// The end of a product without inputs, all of whose sums are zeros.
+void end_zeros(size_t rows, size_t outputs, const ProductEnd& end, const StridedRows<float>& out);
+
 /// Writes `rows` rows of `count` units into a panel of the given width from its output `first` on:
 /// unit k of row r becomes panel[k * width + first + r]. A unit is 16 or 32 bits.
 void fill_panel(StridedRows<const uint32_t> units, size_t rows, size_t count, size_t first,

@@ -321,6 +321,11 @@ int Main(int count, char** arguments) {
     const Bytes network = Network(WithRegisters(layer->GetType(), sample));
     try_all(layer->TypeMarker(), network.str(), subject);
   }
+  // Large enough for its arrays to share a block.
+  const int wide = 1200;
+  const Bytes affine = Affine(wide, wide, Ramp(wide), Ramp(wide * wide));
+  NetworkSubject wide_subject(InputOf(*ReadLayer(affine)));
+  try_all("a wide layer", Network({affine}).str(), wide_subject);
   if (count == 4) {
     RecognizerSubject subject(std::atoi(arguments[2]), std::atoi(arguments[3]));
     try_all(arguments[1], ContentOf(arguments[1]), subject);

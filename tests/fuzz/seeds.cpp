@@ -4,6 +4,7 @@
 //   fuzz_seeds FOLDER    writes FOLDER/TARGET/NAME and FOLDER/TARGET.dict
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -111,8 +112,9 @@ std::string Quoted(const std::string& bytes) {
 void WriteDictionaries(const fs::path& folder, const std::set<std::string>& words) {
   std::string codes;
   for (const LayerSample& sample : kLayerSamples) {
-    for (const int code : {sample.code, sample.fixed_code})
+    for (const int code : {sample.code, sample.fixed_code}) {
       codes += Quoted(Bytes().Int(code).str());
+    }
   }
   for (const char* target : {"recognizer", "network"}) {
     WriteFile(folder / (std::string(target) + ".dict"), codes);
@@ -126,6 +128,11 @@ void WriteDictionaries(const fs::path& folder, const std::set<std::string>& word
     quoted += Quoted(word);
   }
   WriteFile(folder / "npy.dict", quoted);
+  quoted.clear();
+  for (const float value : {0.0F, -0.0F, 1.0F, 1e-42F, 3e38F, HUGE_VALF, NAN, 87.33F, -88.03F}) {
+    quoted += Quoted(Bytes().Float(value).str());
+  }
+  WriteFile(folder / "kernels.dict", quoted);
 }
 
 void WriteMatrices(const fs::path& folder) {
@@ -142,6 +149,28 @@ void WriteMatrices(const fs::path& folder) {
   }
 }
 
+// Calls of the kernels: every kind over shapes that are empty, small, and wider than any vector.
+void WriteCalls(const fs::path& folder) {
+  constexpr int kKinds = 7;
+  constexpr int kShapes[][4] = {{0, 0, 0, 0},   {1, 1, 1, 0},     {3, 17, 4, 2},
+                                {9, 40, 33, 0}, {17, 149, 70, 1}, {2, 3, 255, 0}};
+  for (int kind = 0; kind < kKinds; ++kind) {
+    for (const auto& [rows, cols, inner, gap] : kShapes) {
+      for (int form = 0; form < 8; ++form) {
+        WriteFile(
+            folder / "kernels" /
+                (std::to_string(kind) + "-" + std::to_string(form) + "-" + std::to_string(rows)),
+            Bytes().Codes({kind, rows, cols, inner, gap, 3 + form, 1 + form / 4, form}).str());
+      }
+    }
+  }
+  // Arrays made, grown, moved and dropped, in an arena and without one.
+  Bytes steps;
+  steps.Codes({kKinds - 1, 255, 100, 255, 0, 0, 1, 0});
+  for (int step = 0; step < 64; ++step) steps.Codes({step * 37 % 256});
+  WriteFile(folder / "kernels" / "arrays", steps.str());
+}
+
 }  // namespace
 
 // NOLINTNEXTLINE(bugprone-exception-escape): what cannot be written ends it, with the reason
@@ -153,5 +182,6 @@ int main(int count, char** arguments) {
   WriteTexts(arguments[1], words);
   WriteDictionaries(arguments[1], words);
   WriteMatrices(arguments[1]);
+  WriteCalls(arguments[1]);
   return 0;
 }

@@ -3,22 +3,19 @@
 
 #include <gtest/gtest.h>
 
-#include <hwy/targets.h>
+#include "tests/support/chosen-target.h"
 
 namespace handwriting::tests {
 
 /// Calls `run` once for every vector target that was compiled and that this machine supports, with
-/// all kernels dispatched to it; afterwards the best one is chosen again.
+/// all kernels dispatched to it.
 template <class Function>
 void ForEachVectorTarget(Function run) {
   for (const int64_t target : hwy::SupportedAndGeneratedTargets()) {
     SCOPED_TRACE(hwy::TargetName(target));
-    hwy::SetSupportedTargetsForTest(target);
-    hwy::GetChosenTarget().Update(target);
+    const ChosenTarget chosen(target);
     run();
   }
-  hwy::SetSupportedTargetsForTest(0);
-  hwy::GetChosenTarget().Update(hwy::SupportedTargets());
 }
 
 }  // namespace handwriting::tests
