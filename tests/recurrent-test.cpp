@@ -259,7 +259,7 @@ TEST(Recurrent, MappedBlstmHoldsFloats) {
   Blstm mapped(3, 8);
   ASSERT_TRUE(mapped.MapData(&cursor));
   EXPECT_EQ(cursor, reinterpret_cast<const char*>(image.data() + image.size()));
-  ExpectNear(RunCalls(mapped), RunCalls(*ReadLayer(layout.Float(values))), 1e-5);
+  ExpectNear(RunCalls(mapped), RunCalls(*ReadLayer(layout.Float(values))), 1e-6);
   Blstm other(3, 10);
   cursor = reinterpret_cast<const char*>(image.data());
   EXPECT_FALSE(other.MapData(&cursor));

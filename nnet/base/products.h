@@ -1,13 +1,13 @@
 #ifndef NNET_BASE_PRODUCTS_H_
 #define NNET_BASE_PRODUCTS_H_
 
-// Dense products through CBLAS, one caller at a time (see blas-library.h). Matrices are row-major without padding unless a stride says
-// otherwise; shapes are the caller's promise, and the result overlaps no operand. Products round as
-// the BLAS library does: the order of their sums depends on the processor's kernels and on the
-// number of rows, so the same row may differ in its last bits between a call for one frame and a
-// call for many. With beta 0 the previous contents of the result do not matter. A size of 0 is
-// allowed: a product over K = 0 terms is beta C. Every product throws when the BLAS library cannot be
-// opened or lacks memory.
+// Dense products through CBLAS, one caller at a time (see blas-library.h). Matrices are row-major
+// without padding unless a stride says otherwise; shapes are the caller's promise, and the result
+// overlaps no operand. Products round as the BLAS library does: the order of their sums depends on
+// the processor's kernels and on the number of rows, so the same row may differ in its last bits
+// between a call for one frame and a call for many. With beta 0 the previous contents of the result
+// do not matter. A size of 0 is allowed: a product over K = 0 terms is beta C. Every product throws
+// when the BLAS library cannot be opened or lacks memory.
 
 #include <cstddef>
 

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <thread>
@@ -16,25 +15,21 @@
 
 #include "nnet/base/blas-library.h"
 #include "nnet/base/products.h"
+#include "tests/faults/process.h"
 
 namespace {
 
+using namespace handwriting::tests;            // NOLINT(google-build-using-namespace)
 using namespace tarev::nnet::handwriting_CTC;  // NOLINT(google-build-using-namespace)
 
 constexpr size_t kInputs = 300;
 constexpr size_t kOutputs = 200;
 
-int failures = 0;
-void Expect(bool holds, const char* what) {
-  if (holds) return;
-  std::printf("%s\n", what);
-  ++failures;
-}
-
 std::vector<float> Values(size_t count) {
   std::vector<float> values(count);
-  for (size_t i = 0; i < count; ++i)
+  for (size_t i = 0; i < count; ++i) {
     values[i] = static_cast<float>(i * 7919 % 1000) / 500.0F - 1.0F;
+  }
   return values;
 }
 
@@ -49,14 +44,6 @@ std::vector<float> AllProducts(const std::vector<float>& in, const std::vector<f
   return out;
 }
 
-size_t AddressSpace() {
-  FILE* file = std::fopen("/proc/self/statm", "r");
-  size_t pages = 0;
-  if (std::fscanf(file, "%zu", &pages) != 1) pages = 0;
-  std::fclose(file);
-  return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
 // What a child process does that gets so much more address space, and a second: 0 when products
 // came out, 1 when they threw, -1 when it was ended.
 int WithAddressSpace(size_t bytes) {
@@ -65,7 +52,7 @@ int WithAddressSpace(size_t bytes) {
   const pid_t child = fork();
   if (child == 0) {
     alarm(1);
-    const rlim_t limit = AddressSpace() + bytes;
+    const rlim_t limit = MemoryOfProcess().all + bytes;
     const rlimit limits{limit, limit};
     setrlimit(RLIMIT_AS, &limits);
     try {
@@ -123,14 +110,14 @@ int main() {
   cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, kSize, kSize, kSize, 1.0F, a.data(), kSize,
               a.data(), kSize, 0.0F, product.data(), kSize);
   // The library, and work memory beside the host's.
-  const size_t before = AddressSpace();
+  const size_t before = MemoryOfProcess().all;
   AllProducts(Values(100 * kInputs), Values(kOutputs * kInputs));
-  Expect(AddressSpace() - before > (size_t{128} << 20), "the copy works in the host's memory");
+  Expect(MemoryOfProcess().all - before > (size_t{128} << 20),
+         "the copy works in the host's memory");
   ManyThreads();
   set_one_blas_thread();
   Expect(openblas_get_num_threads() == 3, "the host's BLAS has other settings than before");
   Expect(std::strcmp(blas_core_name(), "none") != 0, "the copy is not open");
   Expect(BlasTurn()->set_num_threads != &openblas_set_num_threads, "the copy is the host's BLAS");
-  std::printf("%d failures\n", failures);
-  return failures == 0 ? 0 : 1;
+  return StatusAfterAll();
 }

@@ -25,18 +25,15 @@
 #include <vector>
 
 #include "api/handwriting_forward.h"
+#include "tests/faults/process.h"
 
 namespace {
 
+using namespace handwriting::tests;  // NOLINT(google-build-using-namespace)
+
 constexpr int kBest = 4;
 constexpr int kMostFrames = 120;
-
-int failures = 0;
-void Expect(bool holds, const char* what) {
-  if (holds) return;
-  std::printf("%s\n", what);
-  ++failures;
-}
+constexpr size_t kKib = 1024;
 
 class Library {
  public:
@@ -109,22 +106,6 @@ ptrdiff_t Entries(const char* folder) {
   return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 
-// The size and the resident part of the process's memory.
-struct Memory {
-  long all_kib = -1;
-  long resident_kib = -1;
-};
-
-Memory MemoryOfProcess() {
-  long all = -1;
-  long resident = -1;
-  std::ifstream("/proc/self/statm") >> all >> resident;
-  const long page = sysconf(_SC_PAGESIZE) / 1024;
-  return {all * page, resident * page};
-}
-
-long ResidentKib() { return MemoryOfProcess().resident_kib; }
-
 bool IsMapped(const char* name) {
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
@@ -146,7 +127,7 @@ void LoadAndUnload(const char* path, const char* model, const Input& input,
                    const std::vector<int>& wanted) {
   ptrdiff_t threads = 0;
   ptrdiff_t descriptors = 0;
-  long resident = 0;
+  size_t resident = 0;
   for (int round = 0; round < 100; ++round) {
     {
       const Library library(path);
@@ -156,11 +137,12 @@ void LoadAndUnload(const char* path, const char* model, const Input& input,
     if (round != 20) continue;
     threads = Entries("/proc/self/task");
     descriptors = Entries("/proc/self/fd");
-    resident = ResidentKib();
+    resident = MemoryOfProcess().resident;
   }
   Expect(Entries("/proc/self/task") == threads, "loading leaves threads");
   Expect(Entries("/proc/self/fd") == descriptors, "loading leaves descriptors");
-  Expect(kIsInstrumented || ResidentKib() < resident + 2048, "loading leaves memory");
+  Expect(kIsInstrumented || MemoryOfProcess().resident < resident + 2048 * kKib,
+         "loading leaves memory");
 }
 
 void ManyCalls(const Library& library, const char* model, const Input& input, int calls) {
@@ -170,15 +152,16 @@ void ManyCalls(const Library& library, const char* model, const Input& input, in
   }
   Recognizer recognizer(library, model);
   std::mt19937 random(1);
-  long resident = 0;
+  size_t resident = 0;
   for (int call = 0; call < calls; ++call) {
     const auto length = std::next(wanted.begin(), random() % wanted.size());
     if (recognizer.Read(input, length->first) != length->second) {
       return Expect(false, "a call of many reads something else");
     }
-    if (call == calls / 10) resident = ResidentKib();
+    if (call == calls / 10) resident = MemoryOfProcess().resident;
   }
-  Expect(kIsInstrumented || ResidentKib() < resident + 512, "calls take memory");
+  Expect(kIsInstrumented || MemoryOfProcess().resident < resident + 512 * kKib,
+         "calls take memory");
 }
 
 Input Repeated(const Input& input, int frames) {
@@ -284,7 +267,7 @@ class LittleAddressSpace {
       int lengths[kBest];
       FILE* file = std::fopen(model_, "rb");
       if (more_kib >= 0) {
-        const rlim_t limit = static_cast<rlim_t>(MemoryOfProcess().all_kib + more_kib) * 1024;
+        const rlim_t limit = MemoryOfProcess().all + static_cast<size_t>(more_kib) * kKib;
         const rlimit limits{limit, limit};
         setrlimit(RLIMIT_AS, &limits);
       }
@@ -341,6 +324,5 @@ int main(int count, char** arguments) {
     Expect(!IsMapped("blas"), "a model of the ordinary layers opens the BLAS library");
   }
   LoadAndUnload(path, model, input, wanted);
-  std::printf("%d failures\n", failures);
-  return failures == 0 ? 0 : 1;
+  return StatusAfterAll();
 }

@@ -35,10 +35,17 @@ struct Plan {
 };
 constexpr size_t kPlanBytes = sizeof(Plan);
 
-inline Plan PlanOf(const uint8_t* data) {
-  Plan plan{};
-  std::memcpy(&plan, data, sizeof(plan));
-  return plan;
+struct ModelInput {
+  Plan plan;
+  std::string model;
+};
+
+/// Nothing where there is no model.
+inline std::optional<ModelInput> ModelInputOf(const uint8_t* data, size_t size) {
+  if (size <= kPlanBytes) return std::nullopt;
+  ModelInput input{{}, std::string(data + kPlanBytes, data + size)};
+  std::memcpy(&input.plan, data, kPlanBytes);
+  return input;
 }
 
 /// How many frames a call has, `least` or more: enough for the second chunk of a recognizer.

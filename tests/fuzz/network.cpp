@@ -61,9 +61,9 @@ uint64_t Run(runtime::NnetForward& forward, const Plan& plan) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
-  if (size <= kPlanBytes) return 0;
-  const Plan plan = PlanOf(data);
-  std::string model(data + kPlanBytes, data + size);
+  std::optional<ModelInput> input = ModelInputOf(data, size);
+  if (!input) return 0;
+  auto& [plan, model] = *input;
   const File file = StreamOf(model);
   runtime::Nnet nnet;
   try {

@@ -3,6 +3,7 @@
 // the first once more, gives what that gave.
 
 #include <algorithm>
+#include <optional>
 #include <vector>
 
 #include <loguru.hpp>
@@ -48,9 +49,9 @@ Result Process(void* recognizer, const Plan& plan, int frames, int nbest) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
-  if (size <= kPlanBytes) return 0;
-  const Plan plan = PlanOf(data);
-  std::string model(data + kPlanBytes, data + size);
+  std::optional<ModelInput> input = ModelInputOf(data, size);
+  if (!input) return 0;
+  auto& [plan, model] = *input;
   const int announced = plan.options == 255 ? 100000 : 1 + plan.options % 64;
   const int nbest = plan.nbest == 255 ? 200 : 1 + plan.nbest % 8;
   void* recognizer = handwriting_forward_create(StreamOf(model).get(), announced, nbest);
