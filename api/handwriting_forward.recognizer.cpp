@@ -1,9 +1,11 @@
 #include "api/handwriting_forward.recognizer.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdint>
 #include <vector>
 
+#include "ctc/ctc-confidence.h"
 #include "nnet/base/blas-library.h"
 #include "utils/messages.h"
 
@@ -83,8 +85,8 @@ bool handwriting_forward_t::ReadSecond(FILE* fp, int nbest) {
 // The first network sees the whole input at once, the second one its output in chunks, without a
 // copy: a chunk is a part of the first executor's output block. Every row of the second output is
 // one step of the search, which starts anew with the first row.
-int handwriting_forward_t::Process(const float* feature, int frame_num, int input_dim, int* output,
-                                   int* len) {
+void handwriting_forward_t::Search(const float* feature, int frame_num, int input_dim,
+                                   float* keep) {
   forward1->Reset();
   forward2->Reset();
   forward1->Forward(feature, frame_num, input_dim);
@@ -94,20 +96,45 @@ int handwriting_forward_t::Process(const float* feature, int frame_num, int inpu
   const int width = forward1->OutputDim() > 0 ? forward1->OutputDim() : shape.dim;
   CheckOutput("first", shape, frame_num, width);
   const int head = ((frame_num - 1) & (kChunkFrames - 1)) + 1;
-  ProcessChunk(0, head, width);
+  ProcessChunk(0, head, width, keep);
   for (int first = head; first < frame_num; first += kChunkFrames) {
-    ProcessChunk(first, kChunkFrames, width);
+    ProcessChunk(first, kChunkFrames, width, keep);
   }
+}
+
+int handwriting_forward_t::Process(const float* feature, int frame_num, int input_dim, int* output,
+                                   int* len) {
+  Search(feature, frame_num, input_dim, nullptr);
   return decoder->get_CTC_result(output, len);
 }
 
-void handwriting_forward_t::ProcessChunk(int first, int frames, int width) {
+std::vector<::handwriting_CTC::_ctc_record_t> handwriting_forward_t::ProcessInDetail(
+    const float* feature, int frame_num, int input_dim) {
+  const size_t count = static_cast<size_t>(frame_num) * static_cast<size_t>(decoder->label_dim);
+  try {
+    const runtime::BufferBudget::Entered entered(budget);
+    kept_scores.Grow(count);
+  } catch (const runtime::BudgetExceeded&) {
+    runtime::ThrowError(Here(), "too many scores to keep! [%d frames x %d classes]", frame_num,
+                        decoder->label_dim);
+  }
+  Search(feature, frame_num, input_dim, kept_scores.data());
+  auto records = decoder->get_CTC_records();
+  ::handwriting_CTC::add_confidences({kept_scores.data(), count}, decoder->label_dim, records);
+  return records;
+}
+
+void handwriting_forward_t::ProcessChunk(int first, int frames, int width, float* keep) {
   const auto row = [](int index, int dim) {
     return static_cast<size_t>(index) * static_cast<size_t>(dim);
   };
   forward2->Forward(nnet1_output + row(first, width), frames, width);
   nnet2_output = forward2->Output();
   CheckOutput("second", forward2->OutputShape(), frames, decoder->label_dim);
+  if (keep != nullptr) {
+    std::copy_n(nnet2_output, row(frames, decoder->label_dim),
+                keep + row(first, decoder->label_dim));
+  }
   for (int t = 0; t < frames; ++t) {
     const float* scores = nnet2_output + row(t, decoder->label_dim);
     if (first + t == 0) {

@@ -5,8 +5,10 @@
 
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 #include "ctc/beam-search.h"
+#include "nnet/base/nnet-util.h"
 #include "nnet/runtime/nnet-nnet.h"
 
 // The recognizer behind the opaque pointer: two networks, each with its executor, and the decoder
@@ -40,8 +42,20 @@ struct handwriting_forward_t {
   bool ReadSecond(FILE* fp, int nbest);
   int Process(const float* feature, int frame_num, int input_dim, int* output, int* len);
 
+  // The sequences that Process writes, in the same order, with scores, spans and, where the second
+  // network gives log probabilities, confidences. Keeps the scores of all frames meanwhile: 4 bytes
+  // a frame and class, of the budget of both networks.
+  std::vector<::handwriting_CTC::_ctc_record_t> ProcessInDetail(const float* feature, int frame_num,
+                                                                int input_dim);
+
  private:
-  void ProcessChunk(int first, int frames, int width);
+  // Runs both networks and the search; `keep` gets the rows that the search is given, where it is
+  // set.
+  void Search(const float* feature, int frame_num, int input_dim, float* keep);
+  void ProcessChunk(int first, int frames, int width, float* keep);
+
+  // The scores of an input in detail.
+  tarev::nnet::handwriting_CTC::FloatArray kept_scores;
 };
 
 #endif  // API_HANDWRITING_FORWARD_RECOGNIZER_H_

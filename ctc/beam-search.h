@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "ctc/ctc-result.h"
 #include "ctc/path-pool.h"
 #include "ctc/score-records.h"
 
@@ -62,6 +63,9 @@ class _beam_search_t {
   // is, so that it can be called after any frame.
   int get_CTC_result(int* output, int* len) const;
 
+  // The same sequences in the same order, with their scores and the spans of their labels.
+  std::vector<_ctc_record_t> get_CTC_records() const;
+
   int beam_num;   // entries of the beam, at most topn_num
   int topn_num;   // labels that a frame extends the beam by, at most label_dim
   int label_dim;  // classes of a frame
@@ -87,12 +91,13 @@ class _beam_search_t {
   std::vector<_origin_t> origins_;
   std::vector<_list_score_node> next_result_;
 
-  // The label sequences of `beam_list`, in `scratch_`.
+  // The label sequences of `beam_list`, in `scratch_`; merged and sorted.
   void collapse_paths() const;
+  void merge_paths() const;
   // Releases the paths of both beams.
   void release_paths();
 
-  // Working memory of get_CTC_result, kept from call to call: how far the path of each beam entry
+  // Working memory of the results, kept from call to call: how far the path of each beam entry
   // has been walked, its sequence, the entries sorted by sequence, and what they merge to.
   struct _result_scratch_t {
     std::vector<_path_walk_t> walks;

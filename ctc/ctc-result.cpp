@@ -26,6 +26,23 @@ void collapse_stretch(_path_walk_t& walk, std::vector<int>& sequence) {
   walk = {node, last};
 }
 
+// The frames of each label of a path, which has one node a frame, the newest first.
+std::vector<_frame_span_t> spans_of(const _hist_t* path) {
+  std::vector<_frame_span_t> spans;
+  int frames = 0;
+  int last = 0;
+  for (const _hist_t* node = path; node != nullptr; node = node->parent.get(), ++frames) {
+    prefetch_ancestors(node);
+    if (node->label != 0 && node->label != last) spans.push_back({frames, frames});
+    if (node->label != 0) spans.back().end = frames + 1;
+    last = node->label;
+  }
+  // Counted from the end so far.
+  std::reverse(spans.begin(), spans.end());
+  for (_frame_span_t& span : spans) span = {frames - span.end, frames - span.begin};
+  return spans;
+}
+
 // Best first. With a NaN among the scores the comparison is no strict weak order, which std::sort
 // needs to stay inside the list; insertion sort is safe with any comparison.
 void sort_results(std::vector<_result_score_node>& results) {
@@ -75,7 +92,7 @@ void _beam_search_t::collapse_paths() const {
 
 // Paths are collapsed first. Sorted by their sequences, and within one sequence in the order of the
 // beam, equal ones lie side by side and are merged in that order.
-int _beam_search_t::get_CTC_result(int* output, int* len) const {
+void _beam_search_t::merge_paths() const {
   collapse_paths();
   auto& [walks, sequences, order, results] = scratch_;
   order.resize(beam_list.size());
@@ -95,12 +112,40 @@ int _beam_search_t::get_CTC_result(int* output, int* len) const {
     }
   }
   sort_results(results);
+}
 
-  for (const _result_score_node& result : results) {
+int _beam_search_t::get_CTC_result(int* output, int* len) const {
+  merge_paths();
+  for (const _result_score_node& result : scratch_.results) {
     output = std::copy(result.seq->begin(), result.seq->end(), output);
     *len++ = static_cast<int>(result.seq->size());
   }
-  return static_cast<int>(results.size());
+  return static_cast<int>(scratch_.results.size());
+}
+
+// A result points at the sequence of the first entry of its group, the group being one piece of
+// `order`.
+std::vector<_ctc_record_t> _beam_search_t::get_CTC_records() const {
+  merge_paths();
+  const auto& [walks, sequences, order, results] = scratch_;
+  std::vector<std::size_t> best(sequences.size());
+  std::size_t first = 0;
+  for (std::size_t k = 0; k < order.size(); ++k) {
+    const std::size_t i = order[k];
+    if (k == 0 || sequences[i] != sequences[first]) {
+      first = i;
+      best[first] = i;
+    } else if (beam_list[i].score > beam_list[best[first]].score) {
+      best[first] = i;
+    }
+  }
+  std::vector<_ctc_record_t> records;
+  records.reserve(results.size());
+  for (const auto& [seq, score] : results) {
+    const auto group = static_cast<std::size_t>(seq - sequences.data());
+    records.push_back({*seq, score, spans_of(beam_list[best[group]].hist.get()), {}, {}});
+  }
+  return records;
 }
 
 }  // namespace handwriting_CTC

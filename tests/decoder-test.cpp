@@ -8,6 +8,7 @@
 
 #include "bench/plain-search.h"
 #include "ctc/beam-search.h"
+#include "ctc/ctc-confidence.h"
 #include "ctc/ctc-result.h"
 #include "tests/support/expect.h"
 #include "tests/support/vector-targets.h"
@@ -35,6 +36,16 @@ std::vector<float> RandomScores(std::mt19937& random, std::size_t count, Scores 
     if (kind == Scores::kSpecial && random() % 2 != 0) score = -kInf;
   }
   return scores;
+}
+
+// Logarithms of probabilities, one of which is the larger part where `spread` is large.
+std::vector<float> RandomLogProbabilities(std::mt19937& random, int count, float spread) {
+  std::normal_distribution<float> normal(0.0F, spread);
+  std::vector<float> row(static_cast<std::size_t>(count));
+  double sum = 0.0;
+  for (float& value : row) sum += std::exp(double{value = normal(random)});
+  for (float& value : row) value = static_cast<float>(value - std::log(sum));
+  return row;
 }
 
 // Readable and, for NaNs and zeros, exact; with the path where a node has one.
@@ -136,10 +147,11 @@ TEST(BeamSearch, RanksAllSequencesWhenTheBeamHoldsAllPaths) {
   for (const auto& [labels, frame_count] : {std::pair{3, 1}, {3, 3}, {3, 5}, {4, 4}, {2, 7}}) {
     const int paths = static_cast<int>(std::pow(labels, frame_count));
     // The other classes are impossible; they are there to let the beam grow.
-    std::vector<float> frames(static_cast<std::size_t>(paths * frame_count), -kInf);
-    for (int i = 0; i < frame_count * labels; ++i) {
-      frames[static_cast<std::size_t>(i / labels * paths + i % labels)] =
-          -static_cast<float>(random() % 4096) / 1024.0F;
+    std::vector<float> frames;
+    for (int t = 0; t < frame_count; ++t) {
+      const std::vector<float> row = RandomLogProbabilities(random, labels, 3.0F);
+      frames.insert(frames.end(), row.begin(), row.end());
+      frames.resize(static_cast<std::size_t>((t + 1) * paths), -kInf);
     }
     _beam_search_t decoder(paths, paths, paths, nullptr);
     decoder.process_all_frame(frames.data(), frame_count);
@@ -159,13 +171,122 @@ TEST(BeamSearch, RanksAllSequencesWhenTheBeamHoldsAllPaths) {
       sums[sequence] += std::exp(score);
     }
     ASSERT_EQ(ranked.size(), sums.size());
+    std::vector<_ctc_record_t> records = decoder.get_CTC_records();
+    ASSERT_EQ(records.size(), ranked.size());
+    EXPECT_TRUE(add_confidences(frames, paths, records));
     double better = HUGE_VAL;
-    for (const Sequence& sequence : ranked) {
-      ASSERT_EQ(sums.count(sequence), 1U);
-      const double score = std::log(sums[sequence]);
+    for (std::size_t k = 0; k < ranked.size(); ++k) {
+      ASSERT_EQ(sums.count(ranked[k]), 1U);
+      const double score = std::log(sums[ranked[k]]);
       EXPECT_LE(score, better + 1e-4);  // nearly equal ones may change places
       better = score;
+      EXPECT_EQ(records[k].labels, ranked[k]);
+      EXPECT_NEAR(static_cast<double>(records[k].score), score, 1e-4);
+      EXPECT_NEAR(records[k].confidence.value_or(-1.0), sums[ranked[k]], 1e-6);
     }
+  }
+}
+
+// The paths are walked from their first frame on.
+TEST(BeamSearch, SpansAreTheRunsOfTheBestPath) {
+  std::mt19937 random(13);
+  for (int round = 0; round < 100; ++round) {
+    _beam_search_t decoder(8, 4, 4, nullptr);
+    const int frames = 1 + static_cast<int>(random() % 30);
+    for (int t = 0; t < frames; ++t) {
+      const auto kind = round % 4 == 0 ? Scores::kSpecial : Scores::kDistinct;
+      const auto row = RandomScores(random, 4, kind);
+      t == 0 ? decoder.process_first_frame(row.data()) : decoder.process_one_frame(row.data());
+    }
+    std::map<Sequence, std::pair<float, std::vector<_frame_span_t>>> best;
+    for (const _list_score_node& entry : decoder.beam_list) {
+      Sequence path;
+      for (auto node = entry.hist; node; node = node->parent)
+        path.insert(path.begin(), node->label);
+      Sequence sequence;
+      std::vector<_frame_span_t> spans;
+      for (int t = 0; t < static_cast<int>(path.size()); ++t) {
+        const int label = path[static_cast<std::size_t>(t)];
+        const bool begins = t == 0 || label != path[static_cast<std::size_t>(t - 1)];
+        if (label != 0 && begins) {
+          sequence.push_back(label);
+          spans.push_back({t, t + 1});
+        } else if (label != 0) {
+          spans.back().end = t + 1;
+        }
+      }
+      const auto [at, is_new] = best.try_emplace(sequence, entry.score, spans);
+      if (!is_new && entry.score > at->second.first) at->second = {entry.score, spans};
+    }
+    const std::vector<_ctc_record_t> records = decoder.get_CTC_records();
+    std::vector<Sequence> sequences;
+    for (const _ctc_record_t& record : records) {
+      sequences.push_back(record.labels);
+      ASSERT_EQ(record.spans, best[record.labels].second);
+    }
+    ASSERT_EQ(sequences, Result(decoder, static_cast<std::size_t>(frames)));
+  }
+}
+
+// The forward recursion over all states, with logarithms.
+double PlainConfidence(const std::vector<float>& rows, int classes, const Sequence& labels) {
+  const auto add = [](double a, double b) {
+    const double larger = std::max(a, b);
+    return larger == -HUGE_VAL ? larger : larger + std::log1p(std::exp(std::min(a, b) - larger));
+  };
+  Sequence states = {0};
+  for (const int label : labels) states.insert(states.end(), {label, 0});
+  std::vector<double> alphas(states.size(), -HUGE_VAL);
+  for (std::size_t t = 0; t < rows.size() / static_cast<std::size_t>(classes); ++t) {
+    for (std::size_t s = states.size(); s-- > 0;) {
+      double sum = t == 0 ? (s < 2 ? 0.0 : -HUGE_VAL) : alphas[s];
+      if (t > 0 && s > 0) sum = add(sum, alphas[s - 1]);
+      if (t > 0 && s > 1 && states[s] != states[s - 2]) sum = add(sum, alphas[s - 2]);
+      alphas[s] =
+          sum + rows[t * static_cast<std::size_t>(classes) + static_cast<std::size_t>(states[s])];
+    }
+  }
+  return std::exp(labels.empty() ? alphas[0] : add(alphas[alphas.size() - 1], alphas.end()[-2]));
+}
+
+TEST(Confidences, AreThoseOfThePlainRecursion) {
+  std::mt19937 random(14);
+  constexpr int kClasses = 5;
+  // Flat, so that many states are in the running; and sharp, over many frames.
+  for (const auto& [frames, spread] :
+       {std::pair{1, 1.0F}, {40, 0.5F}, {400, 6.0F}, {3000, 30.0F}}) {
+    std::vector<float> rows;
+    _beam_search_t decoder(6, kClasses, kClasses, nullptr);
+    for (int t = 0; t < frames; ++t) {
+      const auto row = RandomLogProbabilities(random, kClasses, spread);
+      rows.insert(rows.end(), row.begin(), row.end());
+      t == 0 ? decoder.process_first_frame(row.data()) : decoder.process_one_frame(row.data());
+    }
+    std::vector<_ctc_record_t> records = decoder.get_CTC_records();
+    const _ctc_record_t unknown = records.back();
+    // Of more labels than there are frames: impossible.
+    records.push_back({Sequence(static_cast<std::size_t>(frames) + 1, 1), 0.0F, {}, {}, {}});
+    ASSERT_TRUE(add_confidences(rows, kClasses, records));
+    EXPECT_EQ(records.back().confidence, 0.0);
+    records.pop_back();
+    for (const _ctc_record_t& record : records) {
+      const double wanted = PlainConfidence(rows, kClasses, record.labels);
+      EXPECT_NEAR(record.confidence.value_or(-1.0), wanted, 1e-3 * wanted) << frames;
+      EXPECT_GT(wanted, 0.0);
+      for (std::size_t k = 0; k < record.labels.size(); ++k) {
+        const auto [begin, end] = record.spans[k];
+        double mean = 0.0;
+        for (int t = begin; t < end; ++t) {
+          mean += std::exp(double{rows[static_cast<std::size_t>(t * kClasses + record.labels[k])]});
+        }
+        ASSERT_NEAR(record.label_confidences[k], mean / (end - begin), 1e-5);
+      }
+    }
+    // No probabilities in the last row.
+    rows.back() = 1.0F;
+    std::vector<_ctc_record_t> others = {unknown};
+    EXPECT_FALSE(add_confidences(rows, kClasses, others));
+    EXPECT_FALSE(others[0].confidence.has_value());
   }
 }
 

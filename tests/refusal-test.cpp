@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 
+#include "tests/support/layer-samples.h"
 #include "tests/support/model-builder.h"
 
 namespace handwriting::tests {
@@ -17,7 +19,9 @@ std::string ReasonOf(const std::string& bytes, bool binary) {
   try {
     const Layer layer(Component::Read(FileOf(bytes).get(), binary));
   } catch (const ComponentRefused& refused) {
-    EXPECT_STREQ(refused.what(), "read component failed!");
+    EXPECT_STREQ(refused.what(), refused.reason().find("header: ") == std::string::npos
+                                     ? "read component failed!"
+                                     : "fread failed!");
     return refused.reason();
   }
   return "accepted";
@@ -41,7 +45,7 @@ TEST(Refusal, SaysWhichFieldOrArrayAndWhatWasWanted) {
        "Fsmn layer _depend must <= 0!"},
       {Component1d(0x401, 2, 6, Bytes().Int(-1).Int(1).Int(0)), "offsets do not ascend"},
       {Component1d(0x702, 2, 4, Bytes().Int(0).Int(1).Int(3)), "input position [3] of [1] parts"},
-      {Component1d(0x700, 2, 2, Bytes().Int(-1)), "<RegisterName>: no complete string"},
+      {Component1d(0x700, 2, 2, Bytes().Int(-1)), "length of <RegisterName> [-1 < 0]"},
       {narrow, "output dimension [3], but rows keep their width [2]"},
       {Component2d(0x206, 16777227, 24, 2, 2),
        "output channels [24], but planes keep their number [16777227]"},
@@ -58,6 +62,19 @@ TEST(Refusal, SaysWhichFieldOrArrayAndWhatWasWanted) {
        "self_atten layer does not map frame to frame! layer[<SliceComponent>]"},
   };
   for (const auto& [bytes, reason] : cases) EXPECT_EQ(ReasonOf(bytes.str(), true), reason);
+}
+
+// Wherever a block ends too early, the reason says how many bytes were wanted and how many there were.
+TEST(Refusal, OfABlockThatIsCutShortSaysHowMuchIsMissing) {
+  for (const Bytes& sample : SamplesOfAllForms()) {
+    const std::string bytes = sample.str();
+    for (size_t size = 0; size < bytes.size(); ++size) {
+      const std::string reason = ReasonOf(bytes.substr(0, size), true);
+      ASSERT_NE(reason, "accepted");
+      EXPECT_TRUE(std::regex_search(reason, std::regex("[0-9]+ bytes wanted, [0-9]+ left$")))
+          << ReadLayer(sample)->TypeMarker() << " cut at " << size << ": " << reason;
+    }
+  }
 }
 
 TEST(Refusal, OfTheTextFormToo) {

@@ -12,10 +12,13 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <memory>
+#include <sstream>
 #include <tuple>
 
 #include <nlohmann/json.hpp>
 
+#include "api/handwriting_forward.h"
 #include "tests/support/expect.h"
 #include "tools/npy.h"
 
@@ -369,10 +372,22 @@ TEST_F(RecognizeTest, AFileThatFailsIsReportedAndTheRestGoOn) {
 
 TEST_F(RecognizeTest, ModelsAndLabelsThatCannotBeUsedAreRefused) {
   Store("one.bin", Network({kSum}));
+  Store("empty.bin", "");
+  Store("unlinked.bin",
+        Bytes()
+            .Add(Network({kSum}))
+            .Add(Network({Component1d(0x702, 3, 3, Bytes().Int(1).String("absent").Int(0))})));
+  const std::string whole = Contents("one.bin");
+  Store("cut.bin", whole + whole.substr(0, whole.size() - 4));
   Store("model.txt", "<Sigmoid> 3 3\n</Nnet>\n");
   Store("labels.txt", "blank\n\xff\n");
   const std::pair<const char*, const char*> cases[] = {
-      {"one.bin a.npy", "one.bin: fread failed!"},
+      {"one.bin a.npy", "one.bin: 1 network found, 2 wanted"},
+      {"cut.bin a.npy",
+       "cut.bin: network 2: layer 0: read component failed! (weights [3 x 2]: 24 bytes wanted, 20 "
+       "left)"},
+      {"unlinked.bin a.npy", "unlinked.bin: cannot find register with name [absent]"},
+      {"empty.bin a.npy", "empty.bin: the file holds no network"},
       {"model.txt a.npy", "model.txt: text form found, binary form wanted (handwriting convert)"},
       {"model.bin a.npy --labels labels.txt", "labels.txt: line 2 is not UTF-8"},
       {"model.bin a.npy --labels absent.txt", "absent.txt: No such file or directory"}};
@@ -386,13 +401,132 @@ TEST_F(RecognizeTest, ModelsAndLabelsThatCannotBeUsedAreRefused) {
 }
 
 TEST_F(RecognizeTest, NamesOnStandardInputAreAnsweredOneByOne) {
-  // The second name is sent only when the answer to the first is there.
-  const Outcome outcome = Shell(
-      "touch .out; { echo a.npy; for i in $(seq 200); do [ -s .out ] && break; sleep 0.05; done; "
-      "[ -s .out ] && { echo wide.npy; echo; echo b.npy; }; } | '" HANDWRITING_TOOL_PATH
-      "' recognize model.bin --nbest 1 - >>.out");
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.out, "a.npy\n\t1 2 2\nb.npy\n\t2 1\n");
+  for (const char* threads : {"1", "3"}) {
+    // The second name is sent only when the answer to the first is there.
+    const Outcome outcome = Shell(
+        ": >.out; { echo a.npy; for i in $(seq 200); do [ -s .out ] && break; sleep 0.05; done; "
+        "[ -s .out ] && { echo wide.npy; echo; echo b.npy; }; } | '" HANDWRITING_TOOL_PATH
+        "' recognize model.bin --nbest 1 - >>.out --threads " +
+        std::string(threads));
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "a.npy\n\t1 2 2\nb.npy\n\t2 1\n");
+  }
+}
+
+TEST_F(RecognizeTest, ThreadsKeepTheOrderOfTheFiles) {
+  std::string names;
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = "line" + std::to_string(i) + ".npy";
+    // Of lengths that end in another order, and some that fail.
+    StoreClasses(name, std::vector<size_t>(static_cast<size_t>(1 + i * 37 % 60 * 40), i % 3));
+    names += " " + (i % 20 == 7 ? std::string("wide.npy") : name);
+  }
+  const Outcome one = Run("recognize model.bin --json --detail" + names);
+  EXPECT_EQ(one.status, 1);
+  for (const char* threads : {"4", "0"}) {
+    const Outcome several =
+        Run("recognize model.bin --json --detail --threads " + std::string(threads) + names);
+    EXPECT_EQ(several.out, one.out);
+    EXPECT_EQ(several.err, one.err);
+  }
+  // What ends one thread ends all.
+  EXPECT_EQ(Shell("'" HANDWRITING_TOOL_PATH "' recognize model.bin --threads 4 >/dev/full" + names)
+                .status,
+            1);
+}
+
+TEST_F(RecognizeTest, DetailTellsScoresConfidencesAndSpans) {
+  const std::string one = Run("recognize model.bin --nbest 1 --json --detail a.npy").out;
+  const json best = json::parse(one)["alternatives"][0];
+  EXPECT_EQ(best["labels"], json::parse("[1, 2, 2]"));
+  EXPECT_EQ(best["spans"], json::parse("[[0, 2], [3, 4], [5, 6]]"));
+  EXPECT_GT(best["confidence"], 0.999);
+  EXPECT_LE(best["confidence"], 1.0);
+  EXPECT_GT(best["label_confidences"][2], 0.999);
+  EXPECT_NEAR(best["score"], 0.0, 1e-3);
+  EXPECT_FALSE(best.contains("text"));
+  Store("labels.txt", "-\none\ntwo\n");
+  const json several = json::parse(
+      Run("recognize model.bin --nbest 3 --json --detail --labels labels.txt a.npy").out);
+  EXPECT_EQ(several["frames"], 6);
+  EXPECT_EQ(several["alternatives"].size(), several["sequences"].size());
+  EXPECT_EQ(several["alternatives"][0]["text"], "onetwotwo");
+  EXPECT_EQ(several["alternatives"][0]["confidence"], best["confidence"]);
+  EXPECT_LT(several["alternatives"][1]["confidence"], 1e-6);
+
+  // Scores that are no log probabilities, some of them infinite.
+  const std::vector<float> identity = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  const Bytes network = Network({Affine(3, 3, {0, 0, 0}, identity)});
+  Store("raw.bin", Bytes().Add(network).Add(network));
+  WriteNpy(Path("infinite.npy"), {{1, 3}, {0, HUGE_VALF, 0}});
+  const json raw = json::parse(Run("recognize raw.bin --json --detail infinite.npy").out);
+  const json& first = raw["alternatives"][0];
+  EXPECT_TRUE(first["confidence"].is_null() && first["label_confidences"].is_null());
+  EXPECT_TRUE(first["score"].is_null());
+}
+
+// As hosts of the C interface get them, with each shipped model.
+TEST_F(RecognizeTest, AllShippedLinesHaveTheSequencesOfTheInterface) {
+  const std::string digits = HANDWRITING_SOURCE_DIR "/examples/digits/";
+  for (const char* model : {"model.bin", "model-fixed.bin"}) {
+    const Outcome outcome = Run("recognize --json --detail --threads 2 --nbest 5 " + digits +
+                                model + " " + digits + "lines/*.npy");
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen((digits + model).c_str(), "rb"),
+                                                     &std::fclose);
+    void* recognizer = handwriting_forward_create(file.get(), 100, 5);
+    std::istringstream lines(outcome.out);
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+      const json answer = json::parse(line);
+      Matrix features = ReadNpy(answer["file"]);
+      const auto frames = static_cast<int>(features.shape[0]);
+      std::vector<int> labels(static_cast<size_t>(5 * frames)), lengths(5);
+      lengths.resize(static_cast<size_t>(handwriting_forward_process(
+          recognizer, features.values.data(), frames, static_cast<int>(features.shape[1]),
+          labels.data(), lengths.data())));
+      json wanted = json::array();
+      auto next = labels.begin();
+      for (const int length : lengths) {
+        wanted.push_back(std::vector<int>(next, next + length));
+        next += length;
+      }
+      EXPECT_EQ(answer["sequences"], wanted);
+      ASSERT_EQ(answer["alternatives"].size(), wanted.size());
+      for (size_t k = 0; k < wanted.size(); ++k) {
+        const json& alternative = answer["alternatives"][k];
+        EXPECT_EQ(alternative["labels"], wanted[k]);
+        EXPECT_TRUE(alternative["confidence"] >= 0.0 && alternative["confidence"] <= 1.0);
+      }
+    }
+    EXPECT_EQ(count, 20);
+    handwriting_forward_destory(recognizer);
+  }
+}
+
+TEST_F(RecognizeTest, ShowDrawsTheFeaturesAboveTheLabels) {
+  Store("labels.txt", "-\none\n\xe4\xba\x8c\n");
+  EXPECT_EQ(Run("recognize model.bin a.npy --show --labels labels.txt").out,
+            "a.npy\n"
+            "▄▄▀ ▀\n"
+            "   ▀ ▀\n"
+            "one二二    confidence 1.000\n");
+  EXPECT_EQ(Run("recognize model.bin a.npy --show --json").status, 2);
+  EXPECT_EQ(Run("recognize model.bin a.npy --detail").status, 2);
+}
+
+// A terminal is there when `script` runs it; more than a second of work when names come slowly.
+TEST_F(RecognizeTest, ProgressGoesToATerminalOnly) {
+  const std::string feed =
+      "for i in 1 2 3; do echo a.npy; sleep 0.6; done | '" HANDWRITING_TOOL_PATH
+      "' recognize model.bin --nbest 1 - ";
+  const Outcome terminal = Shell("script -qec \"" + feed + ">.text\" /dev/null >.out </dev/null");
+  EXPECT_NE(terminal.out.find("3 files, "), std::string::npos) << terminal.out;
+  EXPECT_NE(terminal.out.find(" frames a second"), std::string::npos);
+  EXPECT_TRUE(terminal.out.ends_with("\r\033[K")) << "the line is left";
+  EXPECT_EQ(Contents(".text"), "a.npy\n\t1 2 2\na.npy\n\t1 2 2\na.npy\n\t1 2 2\n");
+  const Outcome pipe = Shell(feed + ">.out");
+  EXPECT_EQ(pipe.err, "");
 }
 
 TEST_F(RecognizeTest, BenchTellsTimesSharesAndAllocations) {

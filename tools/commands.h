@@ -16,6 +16,8 @@ namespace handwriting::tools {
 
 /// The most paths that --nbest lets a search keep.
 inline constexpr int kMaxBest = 1000;
+/// The most threads that --threads starts.
+inline constexpr int kMaxThreads = 1024;
 
 inline constexpr int kDone = 0;
 inline constexpr int kFailed = 1;
@@ -40,12 +42,13 @@ Command AddForward(CLI::App& app);
 Command AddRecognize(CLI::App& app);
 Command AddBench(CLI::App& app);
 
-/// Refuses an option's value outside [1, max].
-inline CLI::Validator CountUpTo(int max) {
-  CLI::Validator validator = CLI::Range(1, max);
+/// Refuses an option's value outside [min, max].
+inline CLI::Validator CountFromTo(int min, int max) {
+  CLI::Validator validator = CLI::Range(min, max);
   validator.description("");
   return validator;
 }
+inline CLI::Validator CountUpTo(int max) { return CountFromTo(1, max); }
 
 /// For names that come out of files: one line, and nothing that a terminal would obey.
 using tarev::nnet::handwriting_CTC::Escaped;

@@ -78,10 +78,10 @@ void ReadNetwork(FILE* fp, ModelFile& model) {
   }
 }
 
-ModelFile ReadNetworks(FILE* fp) {
+ModelFile ReadNetworks(FILE* fp, size_t most_networks) {
   ModelFile model;
   model.is_text = IsTextModel(fp);
-  while (!AtEnd(fp, model.is_text)) {
+  while (model.networks.size() < most_networks && !AtEnd(fp, model.is_text)) {
     if (model.networks.size() == kMaxNetworks) {
       throw std::runtime_error("more than " + std::to_string(kMaxNetworks) + " networks");
     }
@@ -115,10 +115,10 @@ void RefuseTextModel(const std::string& path) {
   throw std::runtime_error(path + ": text form found, binary form wanted (handwriting convert)");
 }
 
-ModelFile ReadModelFile(const std::string& path) {
+ModelFile ReadModelFile(const std::string& path, size_t most_networks) {
   const FilePointer file = OpenForReading(path);
   try {
-    return ReadNetworks(file.get());
+    return ReadNetworks(file.get(), most_networks);
   } catch (const std::exception& error) {
     throw std::runtime_error(path + ": " + error.what());
   }

@@ -2,6 +2,7 @@
 #define TOOLS_MODEL_FILE_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -33,8 +34,8 @@ struct ModelFile {
 
 /// Reads a model file to its end, binary or text. A file without a network, a damaged one and one
 /// that goes on after its last network are refused with a std::runtime_error that names the file,
-/// the network and the layer.
-ModelFile ReadModelFile(const std::string& path);
+/// the network and the layer. Not read on after `most_networks`.
+ModelFile ReadModelFile(const std::string& path, size_t most_networks = SIZE_MAX);
 
 /// Reads the network with that number, counted from 1, out of such a file; throws UsageError when
 /// the file has fewer.

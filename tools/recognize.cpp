@@ -1,36 +1,31 @@
-// `handwriting recognize`: label sequences through the exported functions, as any host gets them.
+// `handwriting recognize`: label sequences of feature files, from as many recognizers as there are
+// threads.
 
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <exception>
-#include <fstream>
 #include <iostream>
-#include <limits>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
-#include <loguru.hpp>
-#include <nlohmann/json.hpp>
-
-#include "api/handwriting_forward.h"
+#include "tools/answer.h"
 #include "tools/commands.h"
-#include "tools/model-file.h"
 #include "tools/npy.h"
+#include "tools/progress.h"
+#include "tools/recognizer.h"
+#include "tools/show.h"
 
 namespace handwriting::tools {
 namespace {
-
-using Json = nlohmann::ordered_json;
-using Labels = std::vector<std::string>;
-using Sequence = std::vector<int>;
-
-// Frames to prepare for; a longer input makes the recognizer grow, once.
-constexpr int kPreparedFrames = 256;
 
 struct Options {
   std::string model;
@@ -38,231 +33,239 @@ struct Options {
   int nbest = 10;
   std::string labels;
   bool json = false;
+  bool detail = false;
+  bool show = false;
+  int threads = 1;
 };
 
-// The library logs why it fails before an exported function answers that it does.
-class LastWarning {
- public:
-  LastWarning() { loguru::add_callback(kId, &Store, &text_, loguru::Verbosity_WARNING); }
-  ~LastWarning() { loguru::remove_callback(kId); }
-  LastWarning(const LastWarning&) = delete;
-  LastWarning& operator=(const LastWarning&) = delete;
-
-  void Clear() { text_.clear(); }
-  std::string TextOr(const char* otherwise) const { return text_.empty() ? otherwise : text_; }
-
- private:
-  static constexpr char kId[] = "handwriting-recognize";
-  static void Store(void* text, const loguru::Message& message) {
-    *static_cast<std::string*>(text) = message.message;
-  }
-
-  std::string text_;
+/// What is printed of one file.
+struct Report {
+  std::string out;
+  /// Why the file failed; empty where it did not.
+  std::string error;
+  size_t frames = 0;
 };
 
-class Recognizer {
+/// The names on the command line, and where one of them is -, those on standard input, one at a
+/// time, with their places in the order of the output.
+class Names {
  public:
-  Recognizer(const std::string& model, int nbest) : nbest_(nbest) {
-    const FilePointer file = OpenForReading(model);
-    instance_.reset(handwriting_forward_create(file.get(), kPreparedFrames, nbest));
-    if (instance_ != nullptr) return;
-    throw std::runtime_error(model + ": " + warning_.TextOr("no recognizer could be created"));
-  }
+  explicit Names(const std::vector<std::string>& features) : features_(features) {}
 
-  /// The label sequences of an input, best first. `features` is changed where the model computes in
-  /// place. Throws std::runtime_error with the reason.
-  std::vector<Sequence> Process(Matrix& features) {
-    if (features.shape.size() != 2)
-      throw std::runtime_error("3 dimensions found, frames x dim wanted");
-    const int frames = ToInt(features.shape[0], "frames");
-    const int dim = ToInt(features.shape[1], "values a frame");
-    // Every sequence is at most as long as the input. Memory that is not written costs nothing.
-    const size_t room = static_cast<size_t>(frames) * static_cast<size_t>(nbest_);
-    const auto output = std::make_unique_for_overwrite<int[]>(room);
-    std::vector<int> lengths(static_cast<size_t>(nbest_));
-    warning_.Clear();
-    const int count = handwriting_forward_process(instance_.get(), features.values.data(), frames,
-                                                  dim, output.get(), lengths.data());
-    if (count < 0) throw std::runtime_error(warning_.TextOr("the recognizer failed"));
-    std::vector<Sequence> sequences;
-    const int* begin = output.get();
-    for (int i = 0; i < count; ++i) {
-      const int* end = begin + lengths[static_cast<size_t>(i)];
-      sequences.emplace_back(begin, end);
-      begin = end;
-    }
-    return sequences;
-  }
+  /// The number of names; 0 where it is not known.
+  size_t total() const { return std::ranges::count(features_, "-") > 0 ? 0 : features_.size(); }
 
- private:
-  struct Releaser {
-    void operator()(void* instance) const { handwriting_forward_destory(instance); }
+  struct Name {
+    size_t place;
+    std::string path;
   };
-
-  static int ToInt(size_t size, const char* what) {
-    if (size < 1 || size > std::numeric_limits<int>::max()) {
-      throw std::runtime_error(std::to_string(size) + " " + what + " found, 1 to " +
-                               std::to_string(std::numeric_limits<int>::max()) + " wanted");
-    }
-    return static_cast<int>(size);
+  /// Nothing after the last one, and after Stop.
+  std::optional<Name> Next() {
+    const std::scoped_lock lock(mutex_);
+    std::string path;
+    if (stopped_ || !NextPath(path)) return std::nullopt;
+    return Name{place_++, std::move(path)};
   }
+  void Stop() { stopped_ = true; }
 
-  int nbest_;
-  LastWarning warning_;
-  std::unique_ptr<void, Releaser> instance_;
-};
-
-bool IsUtf8(const std::string& text) {
-  try {
-    static_cast<void>(Json(text).dump());
-    return true;
-  } catch (const Json::type_error&) {
+ private:
+  bool NextPath(std::string& path) {
+    for (; next_ < features_.size(); ++next_) {
+      if (features_[next_] != "-") return path = features_[next_++], true;
+      while (std::getline(std::cin, path)) {
+        if (!path.empty()) return true;
+      }
+    }
     return false;
   }
-}
 
-std::string ErrnoText(const std::string& path) { return path + ": " + std::strerror(errno); }
+  const std::vector<std::string>& features_;
+  std::mutex mutex_;
+  size_t next_ = 0;
+  size_t place_ = 0;
+  std::atomic<bool> stopped_ = false;
+};
 
-Labels ReadLabels(const std::string& path) {
-  constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
-  std::ifstream file(path);
-  if (!file) throw std::runtime_error(ErrnoText(path));
-  Labels labels;
-  for (std::string line; std::getline(file, line);) {
-    if (labels.empty() && line.starts_with(kByteOrderMark)) line.erase(0, kByteOrderMark.size());
-    if (line.ends_with('\r')) line.pop_back();
-    labels.push_back(std::move(line));
-    if (!IsUtf8(labels.back())) {
-      throw std::runtime_error(path + ": line " + std::to_string(labels.size()) + " is not UTF-8");
+/// Prints reports in the order of their places, each as soon as those before it are printed, and
+/// written out at once, so that another program can feed names and wait for results.
+class Printer {
+ public:
+  /// Whoever is `window` places ahead of what has been printed waits.
+  Printer(size_t total, size_t window) : progress_(total), window_(window) {}
+
+  void Print(size_t place, Report report) {
+    std::unique_lock lock(mutex_);
+    may_go_on_.wait(lock, [&] { return place < next_ + window_ || stopped_; });
+    waiting_.emplace(place, std::move(report));
+    while (!stopped_ && !waiting_.empty() && waiting_.begin()->first == next_) {
+      PrintNow(waiting_.begin()->second);
+      waiting_.erase(waiting_.begin());
+      ++next_;
+      may_go_on_.notify_all();
     }
   }
-  if (file.bad()) throw std::runtime_error(ErrnoText(path));
-  return labels;
-}
-
-std::string TextOf(const Sequence& sequence, const Labels& labels) {
-  std::string text;
-  for (const int label : sequence) {
-    const auto index = static_cast<size_t>(label);
-    if (index >= labels.size()) {
-      throw std::runtime_error("class " + std::to_string(label) + " found, the label file names " +
-                               std::to_string(labels.size()));
-    }
-    text += labels[index];
+  void Stop() {
+    const std::scoped_lock lock(mutex_);
+    stopped_ = true;
+    may_go_on_.notify_all();
   }
+  bool all_good() const { return all_good_; }
+
+ private:
+  void PrintNow(const Report& report) {
+    progress_.Advance(report.frames);
+    progress_.Clear();
+    if (!report.error.empty()) {
+      PrintError(report.error);
+      all_good_ = false;
+    }
+    std::cout << report.out;
+    FlushOutput();
+    progress_.Show();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable may_go_on_;
+  Progress progress_;
+  std::map<size_t, Report> waiting_;
+  size_t window_;
+  size_t next_ = 0;
+  bool stopped_ = false;
+  bool all_good_ = true;
+};
+
+std::string TextOf(const std::string& path, const std::vector<Record>& records,
+                   const Labels& labels) {
+  std::string text = path + '\n';
+  for (const Record& record : records) text += '\t' + labels.TextOf(record.labels) + '\n';
   return text;
 }
 
-std::string IndicesOf(const Sequence& sequence) {
-  std::string text;
-  for (const int label : sequence) text += (text.empty() ? "" : " ") + std::to_string(label);
-  return text;
-}
-
-// Recognizes files one after another and prints what comes out of each at once, so that another
-// program can feed names and wait for results.
 class Session {
  public:
   explicit Session(const Options& options)
-      : options_(options), recognizer_(options.model, options.nbest) {
-    if (!options.labels.empty()) labels_ = ReadLabels(options.labels);
+      : options_(options), names_(options.features), printer_(names_.total(), kWindow) {
+    if (!options.labels.empty()) labels_ = Labels::OfFile(options.labels);
   }
 
-  /// False when the file failed, which has then been reported.
-  bool Recognize(const std::string& path) {
-    Result result;
-    try {
-      Matrix features = ReadNpy(path);
-      result = ResultOf(features, path);
-    } catch (const std::exception& error) {
-      Report(path, error.what());
-      return false;
-    }
-    options_.json ? PrintJson(path, result) : Print(path, result);
-    FlushOutput();
-    return true;
+  /// Whether all files could be recognized. The first recognizer is made at once, so that a model
+  /// that gives none is reported before there are threads; every further thread makes its own.
+  bool Run() {
+    Recognizer recognizer(options_.model, options_.nbest);
+    std::vector<std::jthread> threads;
+    Guarded([&] {
+      for (size_t i = 1; i < ThreadCount(); ++i) {
+        threads.emplace_back([this] {
+          Guarded([this] {
+            Recognizer own(options_.model, options_.nbest);
+            Work(own);
+          });
+        });
+      }
+      Work(recognizer);
+    });
+    threads.clear();
+    if (failure_) std::rethrow_exception(failure_);
+    return printer_.all_good();
   }
 
  private:
-  struct Result {
-    std::vector<Sequence> sequences;
-    std::vector<std::string> texts;  // of the sequences, when there are labels
-  };
+  static constexpr size_t kWindow = 256;
 
-  bool has_labels() const { return !options_.labels.empty(); }
+  size_t ThreadCount() const {
+    const size_t wanted = options_.threads > 0 ? static_cast<size_t>(options_.threads)
+                                               : std::thread::hardware_concurrency();
+    const size_t total = names_.total();
+    return std::max<size_t>(total > 0 ? std::min(wanted, total) : wanted, 1);
+  }
 
-  Result ResultOf(Matrix& features, const std::string& path) {
+  // What fails beside the files themselves ends the work of all threads.
+  template <class Function>
+  void Guarded(const Function& function) {
     try {
-      Result result{recognizer_.Process(features), {}};
-      if (!has_labels()) return result;
-      for (const Sequence& sequence : result.sequences) {
-        result.texts.push_back(TextOf(sequence, labels_));
+      function();
+    } catch (...) {
+      const std::scoped_lock lock(failure_mutex_);
+      if (!failure_) failure_ = std::current_exception();
+      names_.Stop();
+      printer_.Stop();
+    }
+  }
+
+  void Work(Recognizer& recognizer) {
+    while (const auto name = names_.Next()) {
+      printer_.Print(name->place, ReportOf(recognizer, name->path));
+    }
+  }
+
+  Report ReportOf(Recognizer& recognizer, const std::string& path) const {
+    try {
+      Matrix features = ReadNpy(path);
+      const size_t frames = features.shape[0];
+      return {Recognize(recognizer, path, features), "", frames};
+    } catch (const std::exception& error) {
+      const std::string reason = error.what();
+      return {options_.json ? LineOf({{"file", path}, {"error", reason}}) : "", reason, 0};
+    }
+  }
+
+  std::string Recognize(Recognizer& recognizer, const std::string& path, Matrix& features) const {
+    try {
+      const size_t frames = features.shape[0];
+      if (options_.detail) {
+        return LineFor(path,
+                       AnswerInDetail(recognizer.RecognizeInDetail(features), labels_, frames));
       }
-      return result;
+      if (options_.show) {
+        Matrix changed = features;  // a model may compute in place
+        const std::vector<Record> records = recognizer.RecognizeInDetail(changed);
+        return path + '\n' + Picture(features, records.at(0), labels_, OutputColumns());
+      }
+      const std::vector<Record> records = recognizer.Recognize(features);
+      if (options_.json) return LineFor(path, AnswerOf(records, labels_));
+      return TextOf(path, records, labels_);
+    } catch (const std::bad_alloc&) {
+      throw std::runtime_error(path + ": out of memory");
     } catch (const std::exception& error) {
       throw std::runtime_error(path + ": " + error.what());
     }
   }
 
-  void Report(const std::string& path, const std::string& reason) const {
-    PrintError(reason);
-    if (!options_.json) return;
-    PrintLine({{"file", path}, {"error", reason}});
-    FlushOutput();
-  }
-
-  void PrintJson(const std::string& path, const Result& result) const {
-    Json line = {{"file", path}, {"sequences", result.sequences}};
-    if (has_labels()) line["text"] = result.texts;
-    PrintLine(line);
-  }
-
-  void Print(const std::string& path, const Result& result) const {
-    std::cout << path << '\n';
-    for (size_t i = 0; i < result.sequences.size(); ++i) {
-      std::cout << '\t' << (has_labels() ? result.texts[i] : IndicesOf(result.sequences[i]))
-                << '\n';
-    }
-  }
-
-  // A file name may be any bytes.
-  static void PrintLine(const Json& line) {
-    std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  static std::string LineFor(const std::string& path, const Json& answer) {
+    Json line = {{"file", path}};
+    line.update(answer);
+    return LineOf(line);
   }
 
   const Options& options_;
-  Recognizer recognizer_;
   Labels labels_;
+  Names names_;
+  Printer printer_;
+  std::mutex failure_mutex_;
+  std::exception_ptr failure_;
 };
 
-int Run(const Options& options) {
-  RefuseTextModel(options.model);
-  Session session(options);
-  bool done = true;
-  for (const std::string& name : options.features) {
-    if (name != "-") {
-      done &= session.Recognize(name);
-      continue;
-    }
-    for (std::string line; std::getline(std::cin, line);) {
-      if (!line.empty()) done &= session.Recognize(line);
-    }
-  }
-  return done ? kDone : kFailed;
-}
-
 constexpr char kFooter[] =
-    R"(MODEL holds two networks in binary form. One recognizer is created from it through the exported C
-functions and processes the files in order.
+    R"(MODEL holds two networks in binary form. A recognizer like the one that the exported C functions
+create is made from it for every thread; the results come in the order of the files.
 
 For each file the name is printed on a line, then the label sequences, best first, one per line behind
 a tab: class indices with blanks between them, or the joined labels when a label file is given. With
 --json each file gives one line {"file": ..., "sequences": [[...], ...]}, with "text": [...] beside it
 when labels are given. Class 0 is the blank and appears in no sequence.
 
-FEATURES - reads file names from standard input, one per line. The results of a file are written out
-before the next name is read. A file that fails is reported on standard error, with --json also as
-{"file": ..., "error": ...}, and the rest go on; the exit status is then 1.)";
+--json --detail adds "frames", the number of rows, and "alternatives", for each sequence an object:
+  score              natural logarithm that the sequences are ordered by, higher is better
+  confidence         probability of the sequence over all alignments with the frames, 0 to 1, whatever
+                     --nbest is; null where the second network gives no log probabilities
+  spans              for each label [start, end) in rows from 0 on the best path: the peak that the
+                     network answers with, which is narrower than what was written
+  label_confidences  for each label its mean probability over its span; null with the confidence
+Numbers that are not finite are null.
+
+FEATURES - reads file names from standard input, one per line. With one thread the results of a file
+are written out before the next name is read. A file that fails is reported on standard error, with
+--json also as {"file": ..., "error": ...}, and the rest go on; the exit status is then 1.)";
 
 }  // namespace
 
@@ -282,9 +285,24 @@ Command AddRecognize(CLI::App& app) {
       ->capture_default_str();
   command->add_option("--labels", options->labels,
                       "UTF-8 text file, line k (from 0) is the label of class k");
-  command->add_flag("--json", options->json, "Print one JSON object per line and file");
+  CLI::Option* json =
+      command->add_flag("--json", options->json, "Print one JSON object per line and file");
+  command
+      ->add_flag("--detail", options->detail,
+                 "With --json: scores, confidences and where each label stands")
+      ->needs(json);
+  command
+      ->add_flag("--show", options->show,
+                 "Draw the features, with the best labels beneath their frames")
+      ->excludes(json);
+  command
+      ->add_option("--threads", options->threads,
+                   "Files at a time, each by a recognizer of its own; 0 for one a core, up to 1024")
+      ->type_name("N")
+      ->check(CountFromTo(0, kMaxThreads))
+      ->capture_default_str();
   command->footer(kFooter);
-  return {command, [options] { return Run(*options); }};
+  return {command, [options] { return Session(*options).Run() ? kDone : kFailed; }};
 }
 
 }  // namespace handwriting::tools

@@ -80,15 +80,33 @@ void ReadChannelDims(FILE* fp, Component& layer) {
   layer.output_dim_set = layer.output_dim > 0;
 }
 
+// The message says only what failed; the reason travels with the exception, for callers that want to
+// name the place.
+[[noreturn]] void ThrowRefused(std::source_location where, const char* message,
+                               const Refusal& why) {
+  LogWarning(where, "%s", message);
+  throw ComponentRefused(message, why.text());
+}
+
+// A part of a header.
+template <class... T>
+void ReadHeader(std::source_location where, FILE* fp, T&... values) {
+  Refusal why;
+  if (!(why.Read(fp, "header", &values, sizeof(values)) && ...)) {
+    ThrowRefused(where, "fread failed!", why);
+  }
+}
+
 // The flags are bytes in the file; only 0 is false.
-bool ReadChannelHeader(FILE* fp, Component& layer) {
+void ReadChannelHeader(std::source_location where, FILE* fp, Component& layer) {
   uint8_t input_set = 0;
   uint8_t output_set = 0;
-  if (!ReadValues(fp, layer.input_dim, layer.output_dim, input_set, output_set)) return false;
+  ReadHeader(where, fp, layer.input_dim, layer.output_dim, input_set, output_set);
   layer.input_dim_set = input_set != 0;
   layer.output_dim_set = output_set != 0;
-  return true;
 }
+
+constexpr const char* kRefused = "read component failed!";
 
 // A container reads its components through the same reader that read it: the depth of that
 // recursion is bounded, so that a file cannot exhaust the stack.
@@ -116,14 +134,6 @@ void CheckReadable(FILE* fp, std::source_location where) {
   if (std::feof(fp) != 0) ThrowError(where, "end of file reached!");
 }
 
-// The message says only that the component failed; the reason travels with the exception, for
-// callers that want to name the place.
-[[noreturn]] void ThrowRefused(std::source_location where, const Component& layer) {
-  constexpr const char* kMessage = "read component failed!";
-  LogWarning(where, "%s", kMessage);
-  throw ComponentRefused(kMessage, layer.LastRefusal().text());
-}
-
 std::unique_ptr<Component> ReadText(FILE* fp) {
   const NestingGuard guard;
   Token marker;
@@ -135,7 +145,7 @@ std::unique_ptr<Component> ReadText(FILE* fp) {
   const int code = ReadComponentHeader(fp, marker, &first, &second);
   std::unique_ptr<Component> layer(NewComponentOfType(code, first, second));
   if (layer->is_2d) ReadChannelDims(fp, *layer);
-  if (!layer->ReadTextData(fp, false)) ThrowRefused(Here(), *layer);
+  if (!layer->ReadTextData(fp, false)) ThrowRefused(Here(), kRefused, layer->LastRefusal());
   return layer;
 }
 
@@ -232,10 +242,10 @@ Component* Component::Read(FILE* fp) {
   int32_t first = 0;
   int32_t second = 0;
   uint32_t code = 0;
-  if (!ReadValues(fp, first, second, code)) ThrowError(Here(), "fread failed!");
+  ReadHeader(Here(), fp, first, second, code);
   std::unique_ptr<Component> layer(NewComponentOfType(static_cast<int>(code), first, second));
-  if (layer->is_2d && !ReadChannelHeader(fp, *layer)) ThrowError(Here(), "fread failed!");
-  if (!layer->ReadData(fp)) ThrowRefused(Here(), *layer);
+  if (layer->is_2d) ReadChannelHeader(Here(), fp, *layer);
+  if (!layer->ReadData(fp)) ThrowRefused(Here(), kRefused, layer->LastRefusal());
   return layer.release();
 }
 

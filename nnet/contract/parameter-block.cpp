@@ -27,8 +27,7 @@ bool InText(const Field& field) { return field.use != FieldUse::kBinaryOnly; }
 
 template <class T>
 bool ReadValue(FILE* fp, const char* name, T& value, Refusal& why) {
-  const size_t got = std::fread(&value, 1, sizeof(T), fp);
-  return got == sizeof(T) || why.Because("%s: %zu bytes wanted, %zu left", name, sizeof(T), got);
+  return why.Read(fp, name, &value, sizeof(T));
 }
 
 // A bool is a byte in the file; only 0 is false.
@@ -40,7 +39,7 @@ bool ReadValue(FILE* fp, const char* name, bool& value, Refusal& why) {
 }
 
 bool ReadValue(FILE* fp, const char* name, std::string& value, Refusal& why) {
-  return fread_string(fp, value) || why.Because("%s: no complete string", name);
+  return why.ReadString(fp, name, value);
 }
 
 bool ReadValue(FILE* fp, const char* /*name*/, CustomPart& part, Refusal& why) {

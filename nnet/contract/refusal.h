@@ -2,7 +2,9 @@
 #define NNET_CONTRACT_REFUSAL_H_
 
 #include <cinttypes>
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <source_location>
 #include <stdexcept>
 #include <string>
@@ -36,6 +38,12 @@ class Refusal {
     return value == wanted ||
            Because("%s [%" PRId64 "], %s [%" PRId64 "]", name, value, wanted_name, wanted);
   }
+  /// Reads from the stream; of what is cut short the reason says how many bytes were wanted and how
+  /// many there were.
+  bool Read(FILE* fp, const char* name, void* to, size_t bytes);
+  bool ReadString(FILE* fp, const char* name, std::string& text);
+  /// Checks that the rest of the file holds so many bytes, before they are allocated.
+  bool FileHolds(FILE* fp, const char* name, size_t bytes);
   /// For layers whose rows leave at the width at which they come: equal dimensions where both are
   /// set. One that is not set follows the input.
   bool SameWidth(int64_t input_dim, int64_t output_dim);

@@ -25,11 +25,10 @@ bool Splice::ValidateOffsetCount(Refusal& why) {
 
 bool Splice::ReadPart(FILE* fp, Refusal& why) {
   if (!ValidateOffsetCount(why)) return false;
-  if (!FileHolds(fp, ToSize(offset_count), sizeof(int32_t))) {
-    return why.Because("offsets: %d wanted, %zu bytes left", offset_count, RemainingBytes(fp));
-  }
+  const size_t bytes = ToSize(offset_count) * sizeof(int32_t);
+  if (!why.FileHolds(fp, "offsets", bytes)) return false;
   offsets.resize(ToSize(offset_count));
-  return ReadArray(fp, std::span<int32_t>(offsets)) || why.Because("offsets: cut short");
+  return why.Read(fp, "offsets", offsets.data(), bytes);
 }
 
 bool Splice::ReadTextPart(FILE* fp, Refusal& why) {

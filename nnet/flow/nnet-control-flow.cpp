@@ -33,10 +33,8 @@ bool NextWord(char*& line, Token& token) {
 // A count before as many entries of at least 4 bytes each, checked against the rest of the file.
 bool ReadCount(FILE* fp, const char* name, int32_t& count, Refusal& why) {
   constexpr size_t kLeastBytes = 4;
-  if (!ReadValues(fp, count)) return why.Because("%s: cut short", name);
-  if (!why.AtLeast(name, count, 0)) return false;
-  return FileHolds(fp, ToSize(count), kLeastBytes) ||
-         why.Because("%s [%d]: %zu bytes left", name, count, RemainingBytes(fp));
+  return why.Read(fp, name, &count, sizeof(count)) && why.AtLeast(name, count, 0) &&
+         why.FileHolds(fp, name, ToSize(count) * kLeastBytes);
 }
 
 }  // namespace
@@ -77,7 +75,7 @@ bool RegisterComponent::ReadPart(FILE* fp, Refusal& why) {
   char mark[kMarkSize];
   const size_t got = std::fread(mark, 1, kMarkSize, fp);
   if (got == kMarkSize && std::memcmp(mark, "EXT", kMarkSize) == 0) {
-    return fread_string(fp, slice_index) || why.Because("slice index: no complete string");
+    return why.ReadString(fp, "slice index", slice_index);
   }
   // The block has no extension: what was read belongs to the next component.
   if (std::fseek(fp, -static_cast<long>(got), SEEK_CUR) != 0) {
@@ -182,9 +180,8 @@ bool ConcatenationParts::ReadPart(FILE* fp, Refusal& why) {
   if (!ReadCount(fp, "register names", names, why)) return false;
   for (int32_t i = 0; i < names; ++i) {
     std::string& name = register_names.emplace_back();
-    if (!fread_string(fp, name) || name.empty()) {
-      return why.Because("register name [%d] of [%d]: no complete string", i, names);
-    }
+    if (!why.ReadString(fp, "register name", name)) return false;
+    if (name.empty()) return why.Because("register name [%d] of [%d] is empty", i, names);
   }
   int32_t positions = 0;
   if (!ReadCount(fp, "input positions", positions, why)) return false;
@@ -192,8 +189,8 @@ bool ConcatenationParts::ReadPart(FILE* fp, Refusal& why) {
     return why.Because("too many parts [%d + %d]", names, positions);
   }
   input_positions.resize(ToSize(positions));
-  return ReadArray(fp, std::span<int32_t>(input_positions)) ||
-         why.Because("input positions: cut short");
+  return why.Read(fp, "input positions", input_positions.data(),
+                  input_positions.size() * sizeof(int32_t));
 }
 
 bool ConcatenationParts::ReadTextPart(FILE* fp, Refusal& why) {
