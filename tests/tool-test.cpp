@@ -319,6 +319,37 @@ TEST_F(ToolTest, AWriteThatFailsKeepsTheOlderFile) {
   }
 }
 
+TEST_F(ToolTest, CompletesWhatItsCommandLineKnows) {
+  const auto completed = [&](const std::string& words, int cursor) {
+    return Shell("'" HANDWRITING_TOOL_PATH
+                 "' --bash-completion >complete; bash -c 'source ./complete; "
+                 "COMP_WORDS=(handwriting " +
+                 words + "); COMP_CWORD=" + std::to_string(cursor) +
+                 "; _handwriting; echo \"${COMPREPLY[@]}\"' >.out")
+        .out;
+  };
+  EXPECT_EQ(completed("in", 1), "inspect\n");
+  EXPECT_EQ(completed("forward --m", 2), "--mark-last\n");
+  EXPECT_EQ(completed("recognize model.bin --de", 3), "--detail\n");
+  EXPECT_EQ(completed("recognize --labels --j", 3), "\n");  // a file name
+  EXPECT_EQ(completed("recognize mo", 2), "\n");            // the same
+}
+
+TEST_F(ToolTest, TheManualPageNamesEveryOptionOfTheHelp) {
+  std::string page = Run("--manual-page").out;
+  std::erase(page, '\\');
+  for (const char* command : {"inspect", "convert", "forward", "recognize", "bench"}) {
+    EXPECT_NE(page.find("\n.SS " + std::string(command) + "\n"), std::string::npos);
+    const std::string help = Run(std::string(command) + " --help").out;
+    for (size_t at = 0; (at = help.find("\n  --", at)) != std::string::npos; ++at) {
+      const size_t begin = at + 3;
+      const std::string option = help.substr(begin, help.find(' ', begin) - begin);
+      EXPECT_NE(page.find("fB" + option), std::string::npos) << option;
+    }
+  }
+  EXPECT_EQ(Run("--help").out.find("manual"), std::string::npos);
+}
+
 class RecognizeTest : public ToolTest {
  protected:
   RecognizeTest() {

@@ -14,6 +14,7 @@
 #include "nnet/base/blas-library.h"
 #include "nnet/base/element-kernels.h"
 #include "tools/commands.h"
+#include "tools/manual.h"
 
 namespace handwriting::tools {
 
@@ -73,6 +74,14 @@ int Run(int argc, char** argv) {
   app.set_version_flag("--version", VersionText, "Print version, vector target and BLAS core");
   app.footer(kFooter);
   app.require_subcommand(1);
+  // For who installs the tool, not for who uses it: in no group, so in no help.
+  const auto print = [&app](const char* flag, std::string (*text)(const CLI::App&)) {
+    app.add_flag_callback(flag, [&app, text] { throw CLI::CallForVersion(text(app), 0); })
+        ->group("");
+  };
+  print("--manual-page",
+        [](const CLI::App& program) { return ManualPage(program, HANDWRITING_VERSION); });
+  print("--bash-completion", BashCompletion);
   const Command commands[] = {AddInspect(app), AddConvert(app), AddForward(app), AddRecognize(app),
                               AddBench(app)};
   try {

@@ -283,8 +283,10 @@ Command AddRecognize(CLI::App& app) {
       ->type_name("N")
       ->check(CountUpTo(kMaxBest))
       ->capture_default_str();
-  command->add_option("--labels", options->labels,
-                      "UTF-8 text file, line k (from 0) is the label of class k");
+  command
+      ->add_option("--labels", options->labels,
+                   "UTF-8 text file, line k (from 0) is the label of class k")
+      ->type_name("FILE");
   CLI::Option* json =
       command->add_flag("--json", options->json, "Print one JSON object per line and file");
   command

@@ -25,7 +25,8 @@ fail() {
 cmake --install "$build_dir" --prefix "$work/prefix" >"$work/log" || { cat "$work/log"; exit 1; }
 mv "$work/prefix" "$prefix"
 
-expected="^\./(bin/handwriting|include/handwriting_forward\.h\
+expected="^\./(bin/handwriting|share/man/man1/handwriting\.1\
+|share/bash-completion/completions/handwriting|include/handwriting_forward\.h\
 |$libdir/libhandwriting_forward\.so(\.1(\.0\.0)?)?|$libdir/libvtkloguru-[0-9.]+\.so\.1\
 |$libdir/pkgconfig/handwriting_forward\.pc|$libdir/cmake/handwriting_forward/[a-z_-]+\.cmake)$"
 cd "$prefix"
@@ -33,6 +34,8 @@ surplus=$(find . ! -type d | grep -vE "$expected" || true)
 [[ -z $surplus ]] || fail "installed beyond what a host needs: $surplus"
 
 "$prefix/bin/handwriting" --help >/dev/null || fail "the installed tool does not start"
+grep -q '^\.SH COMMANDS' "$prefix/share/man/man1/handwriting.1" || fail "no manual page"
+bash -n "$prefix/share/bash-completion/completions/handwriting" || fail "no completions"
 
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs handwriting_forward)
