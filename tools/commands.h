@@ -40,6 +40,7 @@ Command AddInspect(CLI::App& app);
 Command AddConvert(CLI::App& app);
 Command AddForward(CLI::App& app);
 Command AddRecognize(CLI::App& app);
+Command AddServe(CLI::App& app);
 Command AddBench(CLI::App& app);
 
 /// Refuses an option's value outside [min, max].

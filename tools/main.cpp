@@ -82,8 +82,8 @@ int Run(int argc, char** argv) {
   print("--manual-page",
         [](const CLI::App& program) { return ManualPage(program, HANDWRITING_VERSION); });
   print("--bash-completion", BashCompletion);
-  const Command commands[] = {AddInspect(app), AddConvert(app), AddForward(app), AddRecognize(app),
-                              AddBench(app)};
+  const Command commands[] = {AddInspect(app),   AddConvert(app), AddForward(app),
+                              AddRecognize(app), AddServe(app),   AddBench(app)};
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -8,9 +8,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <istream>
 #include <numeric>
 #include <optional>
 #include <stdexcept>
+#include <streambuf>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -138,14 +140,14 @@ class HeaderParser {
   std::string_view rest_;
 };
 
-void ReadBytes(std::ifstream& file, void* bytes, size_t size) {
+void ReadBytes(std::istream& file, void* bytes, size_t size) {
   if (size == 0) return;
   if (!file.read(static_cast<char*>(bytes), static_cast<std::streamsize>(size))) {
     throw std::runtime_error("cannot read");
   }
 }
 
-std::string ReadHeaderText(std::ifstream& file, std::uintmax_t file_size) {
+std::string ReadHeaderText(std::istream& file, std::uintmax_t file_size) {
   if (file_size < kPreambleSize) throw std::runtime_error("not an .npy file, it is too short");
   std::array<char, kPreambleSize> preamble{};
   ReadBytes(file, preamble.data(), preamble.size());
@@ -197,12 +199,7 @@ size_t CheckedCount(const std::vector<size_t>& shape, std::uintmax_t bytes) {
   return count;
 }
 
-Matrix Read(const std::string& path) {
-  std::error_code error;
-  const std::uintmax_t file_size = std::filesystem::file_size(path, error);
-  if (error) throw std::runtime_error(error.message());
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot open");
+Matrix Read(std::istream& file, std::uintmax_t file_size) {
   const std::string text = ReadHeaderText(file, file_size);
   Matrix matrix;
   matrix.shape = CheckedShape(HeaderParser(text).Parse());
@@ -210,6 +207,24 @@ Matrix Read(const std::string& path) {
   ReadBytes(file, matrix.values.data(), matrix.values.size() * sizeof(float));
   return matrix;
 }
+
+Matrix Read(const std::string& path) {
+  std::error_code error;
+  const std::uintmax_t file_size = std::filesystem::file_size(path, error);
+  if (error) throw std::runtime_error(error.message());
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot open");
+  return Read(file, file_size);
+}
+
+// For a stream that reads bytes where they are.
+class ViewBuffer : public std::streambuf {
+ public:
+  explicit ViewBuffer(std::string_view bytes) {
+    char* begin = const_cast<char*>(bytes.data());  // never written: nothing is put back
+    setg(begin, begin, begin + bytes.size());
+  }
+};
 
 // Magic string, version, length and header, padded to the alignment of the values.
 std::string HeaderBytes(const std::vector<size_t>& shape) {
@@ -232,6 +247,12 @@ Matrix ReadNpy(const std::string& path) {
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(path + ": " + error.what());
   }
+}
+
+Matrix ParseNpy(std::string_view bytes) {
+  ViewBuffer buffer(bytes);
+  std::istream stream(&buffer);
+  return Read(stream, bytes.size());
 }
 
 void WriteNpy(const std::string& path, const Matrix& matrix) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace handwriting::tools {
@@ -19,6 +20,9 @@ struct Matrix {
 /// a std::runtime_error that names the file, what was found and what is wanted. Nothing larger than
 /// the file is allocated.
 Matrix ReadNpy(const std::string& path);
+
+/// The same of bytes in memory; the message begins with what was found.
+Matrix ParseNpy(std::string_view bytes);
 
 /// Writes such a file; it replaces an older one only when complete. `values` holds the product of
 /// the two or three dimensions of `shape`. Throws std::runtime_error with path and reason.

@@ -62,6 +62,15 @@ Recognizer::Recognizer(const std::string& model, int nbest) : nbest_(nbest) {
   ThrowWhy(model, "no recognizer could be created");
 }
 
+void Recognizer::CheckShape(const Matrix& features) const {
+  const Shape shape(features);
+  const auto& first = *recognizer_.nnet1->layers.front();
+  if (first.CheckInputDim() && first.input_dim_set && shape.dim != first.InputDim()) {
+    throw std::runtime_error(std::to_string(shape.dim) + " values a frame found, " +
+                             std::to_string(first.InputDim()) + " wanted");
+  }
+}
+
 std::vector<Record> Recognizer::Recognize(Matrix& features) {
   const Shape shape(features);
   // Every sequence is at most as long as the input. Memory that is not written costs nothing.

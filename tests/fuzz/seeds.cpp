@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
 #include <utility>
@@ -171,6 +172,46 @@ void WriteCalls(const fs::path& folder) {
   WriteFile(folder / "kernels" / "arrays", steps.str());
 }
 
+// Requests to the service, of all kinds of bodies and routes, one behind another.
+void WriteRequests(const fs::path& folder) {
+  const auto post = [](const std::string& path, const std::string& fields,
+                       const std::string& body) {
+    return "POST " + path + " HTTP/1.1\r\nHost: localhost\r\n" + fields +
+           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  };
+  const std::string json = R"({"features": [[0, 9.5, 0], [0, 0, 1e1]]})";
+  const std::string json_type = "Content-Type: application/json\r\n";
+  handwriting::tools::WriteNpy(folder / "features", {{3, 3}, Ramp(9)});
+  std::ifstream file(folder / "features", std::ios::binary);
+  const std::string npy{std::istreambuf_iterator<char>(file), {}};
+  fs::remove(folder / "features");
+  const std::string chunked =
+      "POST /recognize HTTP/1.1\r\nHost: localhost:80\r\nTransfer-Encoding: chunked\r\n" +
+      json_type + "Expect: 100-continue\r\nOrigin: http://localhost:80\r\n\r\n" + "10;x=y\r\n" +
+      json.substr(0, 16) + "\r\n18\r\n" + json.substr(16) + "\r\n0\r\n\r\n";
+  std::string gets;
+  for (const char* path : {"/health", "/ready", "/model", "/metrics", "/", "/%2e%2e/x", "/a?b"}) {
+    gets += "GET " + std::string(path) + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  }
+  const std::pair<const char*, std::string> requests[] = {
+      {"json", post("/recognize?detail=1", json_type, json)},
+      {"npy", post("/recognize", "Content-Type: application/octet-stream\r\n", npy)},
+      {"several", post("/recognize", "", npy) + gets},
+      {"chunked", chunked},
+      {"old", "HEAD /health HTTP/1.0\r\nHost: localhost\r\nConnection: close\r\n\r\n"}};
+  for (const auto& [name, request] : requests) {
+    WriteFile(folder / "request" / name, "\x07" + request);
+  }
+  std::string words;
+  for (const char* word :
+       {"GET ", "POST ", "/recognize", "?detail=1", " HTTP/1.1\r\n",
+        "Host: ", "Content-Length: ", "Transfer-Encoding: chunked\r\n",
+        "Origin: ", "Content-Type: ", "application/json", "\r\n\r\n", "\"features\"", "[["}) {
+    words += Quoted(word);
+  }
+  WriteFile(folder / "request.dict", words);
+}
+
 }  // namespace
 
 // NOLINTNEXTLINE(bugprone-exception-escape): what cannot be written ends it, with the reason
@@ -183,5 +224,6 @@ int main(int count, char** arguments) {
   WriteDictionaries(arguments[1], words);
   WriteMatrices(arguments[1]);
   WriteCalls(arguments[1]);
+  WriteRequests(arguments[1]);
   return 0;
 }
