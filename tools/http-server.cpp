@@ -335,9 +335,9 @@ class HttpServer::State {
     }
     if (is_complete) answer = service_.AnswerAtOnce(request, IsReady());
     const bool keep_alive = is_complete && request.keep_alive && !IsStopping();
+    if (!is_complete) Count(*answer, begin);
     const bool is_sent = co_await Send(
         connection, BytesOf(*answer, request.version, keep_alive, request.method == "HEAD"));
-    if (!is_complete) Count(*answer, begin);
     co_return is_sent&& keep_alive;
   }
 
@@ -447,6 +447,9 @@ class HttpServer::State {
     exchange->work.done = [this, begin, exchange, owner = connection.shared_from_this()] {
       Finish(owner, exchange, begin);
     };
+    // With the next request already here, nothing would tell that the answer has been sent.
+    const bool has_next = !connection.pending.empty();
+    if (has_next) exchange->stage = Exchange::kComesByPost;
     connection.deadline = Connection::kNever;
     if (IsStopping() || !pool_->Add({exchange, &exchange->work})) {
       exchange->work.done = nullptr;  // which holds the exchange
@@ -454,16 +457,18 @@ class HttpServer::State {
       const Answer answer =
           ErrorAnswer(503, IsStopping() ? "the service is stopping" : "too many requests wait");
       const bool keep_alive = exchange->keep_alive && !IsStopping();
+      Count(answer, begin);
       const bool is_sent =
           co_await Send(connection, BytesOf(answer, exchange->version, keep_alive, false));
-      Count(answer, begin);
       co_return is_sent&& keep_alive;
     }
     error_code error;
-    co_await connection.socket.async_wait(tcp::socket::wait_read,
-                                          redirect_error(use_awaitable, error));
+    if (!has_next) {
+      co_await connection.socket.async_wait(tcp::socket::wait_read,
+                                            redirect_error(use_awaitable, error));
+    }
     Exchange::Stage stage = Exchange::kWaits;
-    if (exchange->stage.compare_exchange_strong(stage, Exchange::kComesByPost)) {
+    if (has_next || exchange->stage.compare_exchange_strong(stage, Exchange::kComesByPost)) {
       // Bytes, or the end of them, before the answer.
       if (HasLeft(connection.socket)) exchange->is_gone = true;
       error_code woken;
@@ -479,9 +484,9 @@ class HttpServer::State {
       co_return false;
     }
     const bool keep_alive = exchange->keep_alive && !IsStopping();
+    Count(*exchange->work.answer, begin);
     const bool is_sent = co_await Send(
         connection, BytesOf(*exchange->work.answer, exchange->version, keep_alive, false));
-    Count(*exchange->work.answer, begin);
     co_return is_sent&& keep_alive;
   }
 
@@ -516,9 +521,9 @@ class HttpServer::State {
       connection.deadline = Connection::kNever;
       return false;
     }
+    Count(*exchange.work.answer, begin);
     const ssize_t sent = send(socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent != static_cast<ssize_t>(bytes.size())) shutdown(socket, SHUT_RDWR);
-    Count(*exchange.work.answer, begin);
     exchange.is_over = true;
     return true;
   }

@@ -98,7 +98,7 @@ std::string Metrics::Text() const {
        << "# TYPE handwriting_frames_total counter\n"
        << "handwriting_frames_total " << frames_ << '\n'
        << requests.Text("handwriting_request_duration_seconds",
-                        "From the first byte of a request to the last of its answer.")
+                        "From the first byte of a request to its answer.")
        << queue.Text("handwriting_queue_duration_seconds",
                      "From the last byte of a request to a recognizer's taking it.");
   return text.str();
