@@ -8,10 +8,12 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "api/handwriting_forward.h"
 #include "bench/sample-layers.h"
+#include "tools/npy.h"
 
 namespace {
 
@@ -43,10 +45,12 @@ Bytes RecognizerModel(int layers, int cells, int classes) {
 class Recognizer {
  public:
   Recognizer(const Bytes& model, int frames)
+      : Recognizer(FileOf(model), Random(Size(frames) * kFeatures, 1), frames) {}
+  Recognizer(File model, Floats features, int frames)
       : frames_(frames),
-        features_(Random(Size(frames) * kFeatures, 1)),
+        features_(std::move(features)),
         labels_(Size(frames) * kBeam),
-        file_(FileOf(model)),
+        file_(std::move(model)),
         handle_(handwriting_forward_create(file_.get(), frames, kBeam)) {
     if (handle_ == nullptr) std::abort();
   }
@@ -89,6 +93,22 @@ BENCHMARK(BM_Recognizer)
     ->Args({5, 256, 100, 100})
     ->Args({5, 256, 100, 1000})
     ->Args({5, 256, 100, 10000});
+
+// The shipped model on 50 frames of the shipped lines: what bench/serve sends.
+void BM_ShippedLine(benchmark::State& state) {
+  constexpr int kFrames = 50;
+  const std::string folder = HANDWRITING_SOURCE_DIR "/examples/digits/";
+  Floats features;
+  for (int line = 1; features.size() < kFrames * kFeatures; ++line) {
+    const std::string name = "lines/line-0" + std::to_string(line) + ".npy";
+    const Floats values = handwriting::tools::ReadNpy(folder + name).values;
+    features.insert(features.end(), values.begin(), values.end());
+  }
+  Recognizer recognizer(File(std::fopen((folder + "model.bin").c_str(), "rb")), features, kFrames);
+  for (auto _ : state) recognizer.Process();
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kFrames);
+}
+BENCHMARK(BM_ShippedLine)->Unit(benchmark::kMicrosecond);
 
 // The first call after create, or a later one.
 void TimeCall(benchmark::State& state, int calls_before) {

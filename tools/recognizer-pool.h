@@ -55,6 +55,7 @@ class RecognizerPool {
   };
 
   void Run(Worker& worker);
+  void AwaitNext() const;
   void ReportLoaded(std::exception_ptr failure);
 
   Service& service_;

@@ -235,8 +235,9 @@ void RunGroup(const ConvolutionShape& shape, const ConvolutionRun& run, const Ti
   const float* weights = group.weights;
   for (size_t next = 0; next < channels;) {
     const ChannelBlock block = BlockFrom(next, channels);
-    const TilePlace at = {group.in + (kDepthwise ? block.offset : 0),
-                          weights + run.first_row * block.width,
+    // The input is null where all taps lie in the padding of an input without frames.
+    const size_t channel = kDepthwise && group.in != nullptr ? block.offset : 0;
+    const TilePlace at = {group.in + channel, weights + run.first_row * block.width,
                           group.bias != nullptr ? group.bias + block.offset : kNoBias,
                           group.out + block.offset, shape.terms * kWideBlock};
     size_t width = block.width;
@@ -265,7 +266,6 @@ void Convolve(const ConvolutionShape& shape, const float* weights, const float* 
   const size_t group_weights = shape.GroupWeights();
   for (size_t g = 0; g < shape.groups; ++g) {
     RunGroup<false>(shape, run, group, (shape.groups - g) * shape.out_per_group);
-    // Null where all taps lie in the padding of an input without frames.
     if (group.in != nullptr) group.in += shape.in_per_group;
     group.weights += group_weights;
     group.out += shape.out_per_group;

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Runs `handwriting serve` and talks to it as good and as bad clients do.
 
-usage: service-test.py TOOL REPOSITORY
+usage: service-test.py TOOL REPOSITORY FRAMES    FRAMES of work for some tenths of a second
 """
 
 from __future__ import annotations
@@ -24,7 +24,7 @@ from pathlib import Path
 
 import numpy as np
 
-TOOL, REPOSITORY = Path(sys.argv[1]), Path(sys.argv[2])
+TOOL, REPOSITORY, FRAMES = Path(sys.argv[1]), Path(sys.argv[2]), int(sys.argv[3])
 DIGITS = REPOSITORY / "examples/digits"
 MODEL = DIGITS / "model.bin"
 NPY = "Content-Type: application/octet-stream\r\n"
@@ -38,7 +38,7 @@ def npy(features: np.ndarray) -> bytes:
 
 
 LINE = (DIGITS / "lines/line-05.npy").read_bytes()
-LONG = npy(np.zeros((90_000, 8)))  # some tenths of a second of work
+LONG = npy(np.zeros((FRAMES, 8)))
 
 
 class Client:
