@@ -251,7 +251,7 @@ class HttpServer::State {
 
   // One connection too many: told so as far as that goes without waiting.
   void Refuse(tcp::socket& socket) {
-    service_.metrics().Count(Metrics::kBusy);
+    service_.metrics().Count(Metrics::Outcome::kBusy);
     const std::string bytes = BytesOf(ErrorAnswer(503, "too many connections"), 11, false, false);
     error_code error;
     socket.non_blocking(true, error);
@@ -353,10 +353,10 @@ class HttpServer::State {
 
   void Count(const Answer& answer, Clock::time_point begin) {
     Metrics& metrics = service_.metrics();
-    metrics.Count(answer.status == 503   ? Metrics::kBusy
-                  : answer.status >= 500 ? Metrics::kFailed
-                  : answer.status >= 400 ? Metrics::kRefused
-                                         : Metrics::kAnswered);
+    metrics.Count(answer.status == 503   ? Metrics::Outcome::kBusy
+                  : answer.status >= 500 ? Metrics::Outcome::kBroken
+                  : answer.status >= 400 ? Metrics::Outcome::kRefused
+                                         : Metrics::Outcome::kAnswered);
     metrics.requests.Add(Clock::now() - begin);
   }
 
@@ -479,14 +479,15 @@ class HttpServer::State {
     }
     while (!exchange->is_posted) co_await asio::post(io_, use_awaitable);
     connection.last = std::move(exchange->previous);
-    if (!exchange->work.answer) {
-      service_.metrics().Count(Metrics::kGone);
+    const std::optional<Answer>& answer = exchange->work.answer;
+    if (!answer) {
+      service_.metrics().Count(Metrics::Outcome::kGone);
       co_return false;
     }
     const bool keep_alive = exchange->keep_alive && !IsStopping();
-    Count(*exchange->work.answer, begin);
-    const bool is_sent = co_await Send(
-        connection, BytesOf(*exchange->work.answer, exchange->version, keep_alive, false));
+    Count(*answer, begin);
+    const bool is_sent =
+        co_await Send(connection, BytesOf(*answer, exchange->version, keep_alive, false));
     co_return is_sent&& keep_alive;
   }
 

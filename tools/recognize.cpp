@@ -193,7 +193,9 @@ class Session {
   }
 
   void Work(Recognizer& recognizer) {
-    while (const auto name = names_.Next()) {
+    for (;;) {
+      const std::optional<Names::Name> name = names_.Next();
+      if (!name.has_value()) return;
       printer_.Print(name->place, ReportOf(recognizer, name->path));
     }
   }

@@ -87,11 +87,10 @@ std::string DurationHistogram::Text(const std::string& name, const std::string& 
 }
 
 std::string Metrics::Text() const {
-  constexpr const char* kNames[kOutcomes] = {"answered", "refused", "busy", "failed", "gone"};
   std::ostringstream text;
   text << "# HELP handwriting_requests_total Requests to recognize by what became of them.\n"
        << "# TYPE handwriting_requests_total counter\n";
-  for (size_t i = 0; i < kOutcomes; ++i) {
+  for (size_t i = 0; i < kNames.size(); ++i) {
     text << "handwriting_requests_total{outcome=\"" << kNames[i] << "\"} " << outcomes_[i] << '\n';
   }
   text << "# HELP handwriting_frames_total Frames of the inputs that were recognized.\n"

@@ -33,9 +33,9 @@ class DurationHistogram {
 /// What has become of the requests to recognize, those that were none included.
 class Metrics {
  public:
-  enum Outcome { kAnswered, kRefused, kBusy, kFailed, kGone, kOutcomes };
+  enum class Outcome { kAnswered, kRefused, kBusy, kBroken, kGone };
 
-  void Count(Outcome outcome) { ++outcomes_[outcome]; }
+  void Count(Outcome outcome) { ++outcomes_[static_cast<size_t>(outcome)]; }
   void CountFrames(size_t frames) { frames_ += frames; }
   std::string Text() const;
 
@@ -43,7 +43,8 @@ class Metrics {
   DurationHistogram queue;
 
  private:
-  std::array<std::atomic<uint64_t>, kOutcomes> outcomes_{};
+  static constexpr std::array kNames = {"answered", "refused", "busy", "failed", "gone"};
+  std::array<std::atomic<uint64_t>, kNames.size()> outcomes_{};
   std::atomic<uint64_t> frames_ = 0;
 };
 
