@@ -53,9 +53,11 @@ constexpr auto kLeastStopping = std::chrono::milliseconds(300);
 // Descriptors beside those of connections.
 constexpr size_t kOtherFiles = 64;
 constexpr size_t kReadBytes = size_t{64} << 10;
+constexpr unsigned kReadsInARow = 16;
 
-// The thread of the connections is woken for every packet. Where it has no core of its own it is not to
-// interrupt a recognizer each time: it has its turn when that one waits, or after some milliseconds.
+// The thread of the connections is woken for every packet. Where it has no core of its own it is not
+// to interrupt a recognizer each time: it has its turn when that one waits, or after some
+// milliseconds.
 void LetOthersFinish() {
   const sched_param none{};
   pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
@@ -108,8 +110,8 @@ class BodyShare {
   size_t taken_ = 0;
 };
 
-// A request at a recognizer. Its thread sends the answer itself where it can, so that there is no other
-// thread to wake; meanwhile the connection waits for what comes next.
+// A request at a recognizer. Its thread sends the answer itself where it can, so that there is no
+// other thread to wake; meanwhile the connection waits for what comes next.
 struct Exchange {
   enum Stage { kWaits, kIsSent, kComesByPost };
 
@@ -146,6 +148,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
   // What was read and not yet made use of.
   std::string pending;
   std::shared_ptr<Exchange> last;
+  unsigned reads = 0;
 
   static constexpr Clock::rep kNever = Clock::time_point::max().time_since_epoch().count();
 
@@ -304,12 +307,13 @@ class HttpServer::State {
     error_code error;
     connection.socket.shutdown(tcp::socket::shutdown_send, error);
     connection.SetDeadline(kLinger);
-    while (!error) co_await ReadBlock(connection, error);
+    while (!error && !connection.is_late) co_await ReadBlock(connection, error);
   }
 
   // Reads into the block, and waits for bytes where there are none. None with an error: that of the
-  // other side, or that of the sweep.
+  // other side, or that of the sweep. Who sends without a pause lets others have their turn.
   asio::awaitable<std::string_view> ReadBlock(Connection& connection, error_code& error) {
+    if (++connection.reads % kReadsInARow == 0) co_await asio::post(io_, use_awaitable);
     for (;;) {
       const size_t got = connection.socket.read_some(asio::buffer(block_), error);
       if (error != asio::error::would_block && error != asio::error::interrupted) {
@@ -336,19 +340,20 @@ class HttpServer::State {
     if (is_complete) answer = service_.AnswerAtOnce(request, IsReady());
     const bool keep_alive = is_complete && request.keep_alive && !IsStopping();
     if (!is_complete) Count(*answer, begin);
-    const bool is_sent = co_await Send(
-        connection, BytesOf(*answer, request.version, keep_alive, request.method == "HEAD"));
-    co_return is_sent&& keep_alive;
+    co_return co_await Send(connection,
+                            BytesOf(*answer, request.version, keep_alive, request.method == "HEAD"),
+                            keep_alive);
   }
 
-  asio::awaitable<bool> Send(Connection& connection, const std::string& bytes) {
+  // False where the connection is to be closed after it.
+  asio::awaitable<bool> Send(Connection& connection, const std::string& bytes, bool keep_alive) {
     co_await WaitForSending(connection);
     connection.SetDeadline(std::chrono::seconds(limits().idle_seconds));
     error_code error;
     co_await asio::async_write(connection.socket, asio::buffer(bytes),
                                redirect_error(use_awaitable, error));
     connection.is_busy = false;
-    co_return !error;
+    co_return !error ? keep_alive : false;
   }
 
   void Count(const Answer& answer, Clock::time_point begin) {
@@ -458,9 +463,8 @@ class HttpServer::State {
           ErrorAnswer(503, IsStopping() ? "the service is stopping" : "too many requests wait");
       const bool keep_alive = exchange->keep_alive && !IsStopping();
       Count(answer, begin);
-      const bool is_sent =
-          co_await Send(connection, BytesOf(answer, exchange->version, keep_alive, false));
-      co_return is_sent&& keep_alive;
+      co_return co_await Send(connection, BytesOf(answer, exchange->version, keep_alive, false),
+                              keep_alive);
     }
     error_code error;
     if (!has_next) {
@@ -486,9 +490,8 @@ class HttpServer::State {
     }
     const bool keep_alive = exchange->keep_alive && !IsStopping();
     Count(*answer, begin);
-    const bool is_sent =
-        co_await Send(connection, BytesOf(*answer, exchange->version, keep_alive, false));
-    co_return is_sent&& keep_alive;
+    co_return co_await Send(connection, BytesOf(*answer, exchange->version, keep_alive, false),
+                            keep_alive);
   }
 
   // In the thread of the recognizer.

@@ -260,6 +260,30 @@ class Refusals(unittest.TestCase):
                 self.assertEqual(running.ask(b"")[0], 503)
             self.assertTrue(waited_for(lambda: running.ask(request("GET", "/ready"))[0] == 200))
 
+    def test_while_an_input_takes_too_long(self) -> None:
+        with service("--work-seconds", "1", "--max-frames", "1000000") as running:
+            with Client(running.port) as busy:
+                busy.send(request("POST", "/recognize", NPY, npy(np.zeros((5 * FRAMES, 8)))))
+                is_ready = lambda: running.ask(request("GET", "/ready"))[0] == 200
+                self.assertTrue(waited_for(lambda: not is_ready(), 30))
+                self.assertEqual(running.ask(request("POST", "/recognize", NPY, LINE))[0], 503)
+                self.assertEqual(running.ask(request("GET", "/health"))[0], 200)
+                self.assertEqual(busy.answer()[0], 200)
+                self.assertTrue(waited_for(is_ready))
+
+    def test_do_not_keep_the_service_from_others(self) -> None:
+        # Who goes on sending after a refusal has no more time than others.
+        with service() as running, Client(running.port) as endless:
+            endless.send(request("POST", "/recognize", NPY + "Content-Length: 99999999\r\n"))
+            self.assertEqual(endless.answer()[0], 413)
+            endless.socket.settimeout(0.5)
+            begin = time.monotonic()
+            with contextlib.suppress(OSError):
+                while time.monotonic() - begin < 20:
+                    endless.socket.send(bytes(1 << 20))
+            self.assertLess(time.monotonic() - begin, 10)
+            self.assertEqual(running.ask(request("POST", "/recognize", NPY, LINE))[0], 200)
+
     def test_of_clients_that_have_gone(self) -> None:
         with service() as running, Client(running.port) as first:
             first.send(request("POST", "/recognize", NPY, LONG))
