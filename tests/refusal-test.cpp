@@ -64,7 +64,8 @@ TEST(Refusal, SaysWhichFieldOrArrayAndWhatWasWanted) {
   for (const auto& [bytes, reason] : cases) EXPECT_EQ(ReasonOf(bytes.str(), true), reason);
 }
 
-// Wherever a block ends too early, the reason says how many bytes were wanted and how many there were.
+// Wherever a block ends too early, the reason says how many bytes were wanted and how many there
+// were.
 TEST(Refusal, OfABlockThatIsCutShortSaysHowMuchIsMissing) {
   for (const Bytes& sample : SamplesOfAllForms()) {
     const std::string bytes = sample.str();

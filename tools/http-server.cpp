@@ -55,8 +55,8 @@ constexpr size_t kOtherFiles = 64;
 constexpr size_t kReadBytes = size_t{64} << 10;
 constexpr unsigned kReadsInARow = 16;
 
-// The thread of the connections is woken for every packet. Where it has no core of its own it is not
-// to interrupt a recognizer each time: it has its turn when that one waits, or after some
+// The thread of the connections is woken for every packet. Where it has no core of its own it is
+// not to interrupt a recognizer each time: it has its turn when that one waits, or after some
 // milliseconds.
 void LetOthersFinish() {
   const sched_param none{};
@@ -118,12 +118,13 @@ struct Exchange {
   Work work;
   unsigned version = 11;
   bool keep_alive = false;
-  // Whoever brings it out of kWaits says who sends: the thread of the recognizer, or, later, that of
-  // the connections.
+  // Whoever brings it out of kWaits says who sends: the thread of the recognizer, or, later, that
+  // of the connections.
   std::atomic<Stage> stage = kWaits;
   // Nobody waits for the answer any more.
   std::atomic<bool> is_gone = false;
-  // Set when the answer has been sent: not before, another one may be, nor may the socket be closed.
+  // Set when the answer has been sent: not before, another one may be, nor may the socket be
+  // closed.
   std::atomic<bool> is_over = false;
   std::shared_ptr<Exchange> previous;
   // On the thread of the connections: the answer has been left to it.

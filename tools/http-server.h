@@ -21,8 +21,9 @@ class HttpServer {
 
   /// http://ADDRESS:PORT.
   std::string Url() const;
-  /// Serves until Stop, or until SIGTERM or SIGINT: then new work is refused, what runs is answered,
-  /// and the end comes within five seconds. What comes before the pool is ready is refused.
+  /// Serves until Stop, or until SIGTERM or SIGINT: then new work is refused, what runs is
+  /// answered, and the end comes within five seconds. What comes before the pool is ready is
+  /// refused.
   void Run(RecognizerPool& pool);
   /// From any thread: ends Run at once.
   void Stop();

@@ -16,7 +16,8 @@ class PageFiles {
   /// None where `folder` is empty. Throws std::runtime_error where it is no folder.
   explicit PageFiles(const std::string& folder);
 
-  /// The file of a path as a request has it, index.html for a folder's; nothing where there is none.
+  /// The file of a path as a request has it, index.html for a folder's; nothing where there is
+  /// none.
   std::optional<Answer> Find(std::string_view path) const;
 
  private:

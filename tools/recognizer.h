@@ -19,8 +19,8 @@ class Recognizer {
   /// the place in it and the reason.
   Recognizer(const std::string& model, int nbest);
 
-  /// Throws std::runtime_error for features that the model does not take, as far as that can be told
-  /// without running it.
+  /// Throws std::runtime_error for features that the model does not take, as far as that can be
+  /// told without running it.
   void CheckShape(const Matrix& features) const;
   /// Label sequences, best first; nothing else of the records is filled unless in detail.
   /// `features` is changed where the model computes in place. Throws std::runtime_error with the

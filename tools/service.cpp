@@ -114,8 +114,8 @@ bool Service::IsHostAllowed(const std::string& host) const {
   return std::ranges::find(setup_.hosts, HostName(host)) != setup_.hosts.end();
 }
 
-// A page elsewhere can make a browser send requests here, under a name that it lets point here: both
-// fields tell that.
+// A page elsewhere can make a browser send requests here, under a name that it lets point here:
+// both fields tell that.
 std::optional<Answer> Service::Check(const Request& request) const {
   if (!request.host) return ErrorAnswer(400, "the field Host is missing");
   if (!IsHostAllowed(*request.host)) return ErrorAnswer(403, "not served under this host");

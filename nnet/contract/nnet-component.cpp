@@ -80,8 +80,8 @@ void ReadChannelDims(FILE* fp, Component& layer) {
   layer.output_dim_set = layer.output_dim > 0;
 }
 
-// The message says only what failed; the reason travels with the exception, for callers that want to
-// name the place.
+// The message says only what failed; the reason travels with the exception, for callers that want
+// to name the place.
 [[noreturn]] void ThrowRefused(std::source_location where, const char* message,
                                const Refusal& why) {
   LogWarning(where, "%s", message);

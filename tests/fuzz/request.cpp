@@ -15,8 +15,8 @@ using namespace handwriting::fuzz;   // NOLINT(google-build-using-namespace)
 using namespace handwriting::tools;  // NOLINT(google-build-using-namespace)
 using Stage = RequestReader::State;
 
-// What is no request, or none that is small enough, is seen sooner or later, or not before its end, by
-// how much of it comes at once.
+// What is no request, or none that is small enough, is seen sooner or later, or not before its end,
+// by how much of it comes at once.
 constexpr const char* kNoRequest = " no request";
 
 // A model of three classes a frame, which recognizes in no time.

@@ -1,5 +1,5 @@
-// Writes what a fuzzer begins with: a small input for every layer type and form, and a dictionary of
-// markers, properties and type codes.
+// Writes what a fuzzer begins with: a small input for every layer type and form, and a dictionary
+// of markers, properties and type codes.
 //
 //   fuzz_seeds FOLDER    writes FOLDER/TARGET/NAME and FOLDER/TARGET.dict
 
