@@ -19,10 +19,11 @@ import tempfile
 import threading
 import time
 import unittest
-from collections.abc import Iterator
 from pathlib import Path
 
 import numpy as np
+
+from running import RunningService
 
 TOOL, REPOSITORY, FRAMES = Path(sys.argv[1]), Path(sys.argv[2]), int(sys.argv[3])
 DIGITS = REPOSITORY / "examples/digits"
@@ -78,12 +79,9 @@ def request(method: str, path: str, fields: str = "", body: bytes | None = None,
     return f"{method} {path} HTTP/{version}\r\n{fields}\r\n".encode() + (body or b"")
 
 
-class Service:
-    def __init__(self, *options: str, model: Path = MODEL) -> None:
-        command = [str(TOOL), "serve", str(model), "--port", "0", *options]
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
-        line = self.process.stdout.readline()
-        self.port = int(re.fullmatch(r"listening on http://127\.0\.0\.1:(\d+)\n", line)[1])
+class Service(RunningService):
+    def __init__(self, *options: str) -> None:
+        super().__init__(TOOL, MODEL, *options)
 
     def ask(self, data: bytes, **options: bool) -> tuple[int, dict[str, str], bytes]:
         with Client(self.port) as client:
@@ -92,19 +90,6 @@ class Service:
     def metric(self, name: str) -> float:
         text = self.ask(request("GET", "/metrics"))[2].decode()
         return float(re.search("^" + re.escape(name) + r" (\S+)$", text, re.MULTILINE)[1])
-
-
-@contextlib.contextmanager
-def service(*options: str) -> Iterator[Service]:
-    running = Service(*options)
-    try:
-        yield running
-        running.process.send_signal(signal.SIGTERM)
-        assert running.process.wait(timeout=5) == 0, "the service did not end well"
-    finally:
-        running.process.kill()
-        running.process.stdout.close()
-        running.process.wait()
 
 
 def waited_for(condition, seconds: float = 10) -> bool:
@@ -122,7 +107,7 @@ class Answers(unittest.TestCase):
         files = sorted((DIGITS / "lines").glob("*.npy"))
         command = [TOOL, "recognize", MODEL, *files, "--json", "--detail", "--labels", labels]
         lines = subprocess.run(command, stdout=subprocess.PIPE, check=True).stdout.splitlines()
-        with service("--labels", labels, "--threads", "2") as running, Client(running.port) as client:
+        with Service("--labels", labels, "--threads", "2") as running, Client(running.port) as client:
             for file, line in zip(files, lines, strict=True):
                 wanted = json.loads(line)
                 del wanted["file"]
@@ -135,7 +120,7 @@ class Answers(unittest.TestCase):
 
     def test_of_the_other_routes(self) -> None:
         inspected = subprocess.run([TOOL, "inspect", "--json", MODEL], stdout=subprocess.PIPE)
-        with service() as running:
+        with Service() as running:
             self.assertEqual(running.ask(request("GET", "/health"))[0], 200)
             self.assertEqual(running.ask(request("GET", "/ready"))[0], 200)
             model = running.ask(request("GET", "/model"))[2]
@@ -148,7 +133,7 @@ class Answers(unittest.TestCase):
             self.assertEqual(running.metric("handwriting_queue_duration_seconds_count"), 1)
 
     def test_come_in_the_order_of_the_requests(self) -> None:
-        with service("--threads", "2") as running, Client(running.port) as client:
+        with Service("--threads", "2") as running, Client(running.port) as client:
             sequence = [LONG, LINE, None, LINE, None]
             client.send(b"".join(
                 request("GET", "/health") if body is None else request("POST", "/recognize", NPY, body)
@@ -218,7 +203,7 @@ class Refusals(unittest.TestCase):
             (request("POST", "/recognize", NPY + "Transfer-Encoding: chunked\r\n")
              + b"f4240\r\n" + bytes(1_000_000) + b"\r\n80000\r\n" + bytes(100_000), 413, "body"),
         ]
-        with service("--max-frames", "40", "--max-body", "1") as running:
+        with Service("--max-frames", "40", "--max-body", "1") as running:
             for data, status, message in cases:
                 with self.subTest(message):
                     self.assert_error(running, data, status, message)
@@ -226,11 +211,11 @@ class Refusals(unittest.TestCase):
                             f"Origin: http://127.0.0.1:{running.port}\r\n")]
             for data in good:
                 self.assertEqual(running.ask(data)[0], 200)
-        with service("--allow-host", "digits.example") as running:
+        with Service("--allow-host", "digits.example") as running:
             self.assertEqual(running.ask(request("GET", "/health", "Host: Digits.Example:80\r\n"))[0], 200)
 
     def test_of_slow_and_silent_clients(self) -> None:
-        with service("--receive-seconds", "1", "--idle-seconds", "1") as running:
+        with Service("--receive-seconds", "1", "--idle-seconds", "1") as running:
             with Client(running.port) as slow, Client(running.port) as silent:
                 begin = time.monotonic()
                 slow.send(request("POST", "/recognize", NPY, LINE)[:-5])
@@ -243,7 +228,7 @@ class Refusals(unittest.TestCase):
             self.assertEqual(running.ask(request("POST", "/recognize", NPY, LINE))[0], 200)
 
     def test_of_what_is_too_much_at_once(self) -> None:
-        with service("--queue", "1", "--max-connections", "8") as running:
+        with Service("--queue", "1", "--max-connections", "8") as running:
             post = request("POST", "/recognize", NPY, LONG)
             with contextlib.ExitStack() as stack:
                 clients = [stack.enter_context(Client(running.port)) for _ in range(5)]
@@ -261,7 +246,7 @@ class Refusals(unittest.TestCase):
             self.assertTrue(waited_for(lambda: running.ask(request("GET", "/ready"))[0] == 200))
 
     def test_while_an_input_takes_too_long(self) -> None:
-        with service("--work-seconds", "1", "--max-frames", "1000000") as running:
+        with Service("--work-seconds", "1", "--max-frames", "1000000") as running:
             with Client(running.port) as busy:
                 busy.send(request("POST", "/recognize", NPY, npy(np.zeros((5 * FRAMES, 8)))))
                 is_ready = lambda: running.ask(request("GET", "/ready"))[0] == 200
@@ -273,7 +258,7 @@ class Refusals(unittest.TestCase):
 
     def test_do_not_keep_the_service_from_others(self) -> None:
         # Who goes on sending after a refusal has no more time than others.
-        with service() as running, Client(running.port) as endless:
+        with Service() as running, Client(running.port) as endless:
             endless.send(request("POST", "/recognize", NPY + "Content-Length: 99999999\r\n"))
             self.assertEqual(endless.answer()[0], 413)
             endless.socket.settimeout(0.5)
@@ -285,7 +270,7 @@ class Refusals(unittest.TestCase):
             self.assertEqual(running.ask(request("POST", "/recognize", NPY, LINE))[0], 200)
 
     def test_of_clients_that_have_gone(self) -> None:
-        with service() as running, Client(running.port) as first:
+        with Service() as running, Client(running.port) as first:
             first.send(request("POST", "/recognize", NPY, LONG))
             for _ in range(3):
                 with Client(running.port) as client:
@@ -295,7 +280,7 @@ class Refusals(unittest.TestCase):
             self.assertTrue(waited_for(lambda: running.metric(gone) == 3))
 
     def test_of_models_and_addresses_that_cannot_be_used(self) -> None:
-        with service() as running:
+        with Service() as running:
             for arguments, message in [
                 ([LINE and str(DIGITS / "labels.txt")], "labels.txt: "),
                 ([str(MODEL), "--port", str(running.port)], "Address already in use"),
@@ -321,7 +306,7 @@ class Pages(unittest.TestCase):
             (folder / "page-too").mkdir()
             (folder / "page-too/x").write_text("secret")
             os.mkfifo(page / "pipe")
-            with service("--page", str(page)) as running:
+            with Service("--page", str(page)) as running:
                 for path, body in [("/", b"<p>front"), ("/index.html?x", b"<p>front"),
                                    ("/more/a%20b.js", b"1;"), ("/inside", b"1;")]:
                     status, fields, found = running.ask(request("GET", path))
@@ -335,29 +320,23 @@ class Pages(unittest.TestCase):
 
 class Ends(unittest.TestCase):
     def test_within_five_seconds_with_what_runs_answered(self) -> None:
-        running = Service()
-        try:
-            with Client(running.port) as busy, Client(running.port) as other:
-                self.assertEqual(other.send(request("GET", "/ready")).answer()[0], 200)
-                busy.send(request("POST", "/recognize", NPY, LONG))
-                time.sleep(0.1)
-                begin = time.monotonic()
-                running.process.send_signal(signal.SIGTERM)
-                time.sleep(0.05)
-                self.assertEqual(running.ask(request("GET", "/ready"))[0], 503)
-                other.send(request("POST", "/recognize", NPY, LINE))
-                status, fields, _ = other.answer()
-                self.assertEqual((status, fields["Connection"]), (503, "close"))
-                self.assertEqual(busy.answer()[0], 200)
-                self.assertEqual(running.process.wait(timeout=5), 0)
-                self.assertLess(time.monotonic() - begin, 5)
-        finally:
-            running.process.kill()
-            running.process.stdout.close()
-            running.process.wait()
+        with Service() as running, Client(running.port) as busy, Client(running.port) as other:
+            self.assertEqual(other.send(request("GET", "/ready")).answer()[0], 200)
+            busy.send(request("POST", "/recognize", NPY, LONG))
+            time.sleep(0.1)
+            begin = time.monotonic()
+            running.process.send_signal(signal.SIGTERM)
+            time.sleep(0.05)
+            self.assertEqual(running.ask(request("GET", "/ready"))[0], 503)
+            other.send(request("POST", "/recognize", NPY, LINE))
+            status, fields, _ = other.answer()
+            self.assertEqual((status, fields["Connection"]), (503, "close"))
+            self.assertEqual(busy.answer()[0], 200)
+            self.assertEqual(running.process.wait(timeout=5), 0)
+            self.assertLess(time.monotonic() - begin, 5)
 
     def test_after_thousands_of_requests_with_none_lost(self) -> None:
-        with service("--threads", "2") as running:
+        with Service("--threads", "2") as running:
             def work() -> None:
                 with Client(running.port) as client:
                     for _ in range(200):
