@@ -1,16 +1,20 @@
 #!/usr/bin/python3
 """Runs `handwriting serve` and talks to it as good and as bad clients do.
 
-usage: service-test.py TOOL REPOSITORY FRAMES    FRAMES of work for some tenths of a second
+usage: service-test.py TOOL REPOSITORY FRAMES [REQUESTS]
+  FRAMES     work for some tenths of a second
+  REQUESTS   of good clients beside bad ones, 2000 unless given; from 20000 on, memory has to stay
 """
 
 from __future__ import annotations
 
+import collections
 import contextlib
 import io
 import json
 import os
 import re
+import resource
 import signal
 import socket
 import subprocess
@@ -19,6 +23,7 @@ import tempfile
 import threading
 import time
 import unittest
+from collections.abc import Iterator
 from pathlib import Path
 
 import numpy as np
@@ -26,6 +31,7 @@ import numpy as np
 from running import RunningService
 
 TOOL, REPOSITORY, FRAMES = Path(sys.argv[1]), Path(sys.argv[2]), int(sys.argv[3])
+REQUESTS = int(sys.argv[4]) if len(sys.argv) > 4 else 2000
 DIGITS = REPOSITORY / "examples/digits"
 MODEL = DIGITS / "model.bin"
 NPY = "Content-Type: application/octet-stream\r\n"
@@ -282,7 +288,7 @@ class Refusals(unittest.TestCase):
     def test_of_models_and_addresses_that_cannot_be_used(self) -> None:
         with Service() as running:
             for arguments, message in [
-                ([LINE and str(DIGITS / "labels.txt")], "labels.txt: "),
+                ([str(DIGITS / "labels.txt")], "labels.txt: "),
                 ([str(MODEL), "--port", str(running.port)], "Address already in use"),
                 ([str(MODEL), "--host", "example"], "example: no IP address"),
                 ([str(MODEL), "--page", "/absent"], "/absent: No such file or directory"),
@@ -335,21 +341,97 @@ class Ends(unittest.TestCase):
             self.assertEqual(running.process.wait(timeout=5), 0)
             self.assertLess(time.monotonic() - begin, 5)
 
-    def test_after_thousands_of_requests_with_none_lost(self) -> None:
-        with Service("--threads", "2") as running:
-            def work() -> None:
-                with Client(running.port) as client:
-                    for _ in range(200):
-                        counts.append(client.send(request("POST", "/recognize", NPY, LINE)).answer()[0])
 
-            counts: list[int] = []
-            threads = [threading.Thread(target=work) for _ in range(10)]
-            for thread in threads:
+def free_port() -> int:
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        return server.getsockname()[1]
+
+
+class Loading(unittest.TestCase):
+    def test_is_not_being_ready(self) -> None:
+        port = free_port()
+        command = [TOOL, "serve", MODEL, "--port", str(port), "--threads", "100"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
+            found = []
+            while 200 not in [ready for _, ready, _ in found]:
+                try:
+                    with Client(port) as client:
+                        paths = [request("GET", "/health"), request("GET", "/ready"),
+                                 request("POST", "/recognize", NPY, LINE)]
+                        found.append([client.send(path).answer()[0] for path in paths])
+                except ConnectionError:
+                    self.assertIsNone(process.poll())
+            process.terminate()
+        self.assertEqual(found[0], [200, 503, 503])
+        self.assertEqual(found[-1], [200, 200, 200])
+        self.assertEqual(process.returncode, 0)
+
+
+class Load(unittest.TestCase):
+    """Good clients beside a thousand that say nothing and some that behave badly without end."""
+
+    def setUp(self) -> None:
+        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, 4096), hard))
+        self.stopped = threading.Event()
+        self.post = request("POST", "/recognize?detail=1", NPY, LINE)
+
+    def be_slow(self, port: int) -> None:
+        while not self.stopped.is_set():
+            with contextlib.suppress(OSError), Client(port) as client:
+                for byte in self.post:
+                    client.send(bytes([byte]))
+                    if self.stopped.wait(0.01):
+                        return
+
+    def leave_at_once(self, port: int) -> None:
+        while not self.stopped.wait(0.005):
+            with contextlib.suppress(OSError), Client(port) as client:
+                client.send(self.post)
+
+    def be_cut_short(self, port: int) -> None:
+        while not self.stopped.wait(0.005):
+            for end in range(1, len(self.post), 97):
+                with contextlib.suppress(OSError), Client(port) as client:
+                    client.send(self.post[:end])
+
+    def work(self, port: int, wanted: bytes, asked: Iterator[int]) -> None:
+        with Client(port) as client:
+            for _ in asked:
+                status, _, body = client.send(self.post).answer()
+                self.answers[status, body == wanted] += 1
+
+    def test_loses_no_request_and_keeps_no_memory(self) -> None:
+        with Service("--threads", "2") as running, contextlib.ExitStack() as idle:
+            port = running.port
+            wanted = running.ask(self.post)[2]
+            for _ in range(1000):
+                idle.enter_context(Client(port))
+            self.answers = collections.Counter()
+            bad = [threading.Thread(target=target, args=(port,))
+                   for target in (self.be_slow, self.leave_at_once, self.be_cut_short)]
+            resident = []
+            for thread in bad:
                 thread.start()
-            for thread in threads:
-                thread.join()
-            self.assertEqual(counts, [200] * 2000)
-            self.assertEqual(running.metric('handwriting_requests_total{outcome="answered"}'), 2000)
+            try:
+                for count in (REQUESTS // 5, REQUESTS - REQUESTS // 5):
+                    asked = iter(range(count))
+                    good = [threading.Thread(target=self.work, args=(port, wanted, asked))
+                            for _ in range(4)]
+                    for thread in good:
+                        thread.start()
+                    for thread in good:
+                        thread.join()
+                    status = Path(f"/proc/{running.process.pid}/status").read_text()
+                    resident.append(int(re.search(r"VmRSS:\s*(\d+) kB", status)[1]))
+            finally:
+                self.stopped.set()
+                for thread in bad:
+                    thread.join()
+        self.assertEqual(self.answers, {(200, True): REQUESTS})
+        if REQUESTS >= 20_000:
+            print(f"resident after a fifth and at the end: {resident} KiB", file=sys.stderr)
+            self.assertLess(resident[1] - resident[0], 1024)
 
 
 if __name__ == "__main__":
