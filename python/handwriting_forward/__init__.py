@@ -1,0 +1,1 @@
+"""Handwriting recognition: runs, reads, writes and exports the models of the library."""
