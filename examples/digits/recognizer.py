@@ -16,7 +16,7 @@ from torch import nn
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
 
-from handwriting_model import (  # noqa: E402
+from handwriting_forward.model import (  # noqa: E402
     AffineTransform,
     Blstm,
     LogSoftmax,

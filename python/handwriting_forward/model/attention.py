@@ -18,7 +18,7 @@ from handwriting_forward.model.block import (
 @layer_type(0x108)
 @dataclass(eq=False)
 class PositionalEncoding(RowLayer):
-    """output[t] = input[t] + sin(t w), cos(t w), …, w = 10000^(-2k / input_dim), for each call."""
+    """output = input + sin(t w), cos(t w) in columns 2k and 2k + 1, w = 10000^(-2k / input_dim)."""
 
     keeps_width: ClassVar[bool] = True
 

@@ -128,7 +128,7 @@ class Block(abc.ABC):
         setattr(owner, name, [self.number(name, value, "<i") for value in values])
 
     def extension(self, owner: Any, name: str, mark: bytes) -> None:
-        """Transfers a string behind a mark; a file need not have the two, the string is None then."""
+        """Transfers a string behind a mark, or neither; the string is None then."""
         value: str | None = getattr(owner, name)
         if self.mark_follows(mark) if self.reads else value is not None:
             self.data(name, mark, len(mark))
@@ -292,8 +292,11 @@ class BlockReader(Block):
         size = np.dtype(dtype).itemsize
         for length in shape:
             size *= length
-        read = np.frombuffer(self._take(name, size), dtype).reshape(shape)
-        return read.astype(np.float32) if read.dtype.kind == "f" else read.copy()
+        read = np.frombuffer(self._take(name, size), dtype)
+        try:  # also copies
+            return read.astype(np.float32 if read.dtype.kind == "f" else dtype).reshape(shape)
+        except ValueError:  # no values, but lengths that NumPy cannot have
+            self.fail(f"{name}: shape {shape} is too large")
 
     def room_for(self, name: str, size: int) -> None:
         left = len(self._source) - self._next
