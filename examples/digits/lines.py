@@ -22,6 +22,7 @@ from sklearn.datasets import load_digits
 HEIGHT = 8  # rows of a digit, floats of a frame
 MAX_GAP = 3  # empty columns between two digits
 TRAINING_SHARE = 0.7  # of the digits, in file order; the rest is held out
+VALIDATION_SHARE = 0.2  # of the training digits, the last ones: they decide, nothing learns from them
 INK = 16.0  # the largest value of the data set
 
 SHIPPED_LINES = 20
@@ -46,11 +47,21 @@ class Line:
 
 
 def load_split() -> tuple[Digits, Digits]:
-    """The digits to train with and those held out."""
+    """The digits to train and validate with and those held out."""
     data = load_digits()
     images = (data.images / INK).astype(np.float32)
     end = int(TRAINING_SHARE * len(images))
     return Digits(images[:end], data.target[:end]), Digits(images[end:], data.target[end:])
+
+
+def load_training() -> tuple[Digits, Digits]:
+    """The digits not held out: those to learn from and those to validate with."""
+    digits, _ = load_split()
+    end = int((1 - VALIDATION_SHARE) * len(digits.images))
+    return (
+        Digits(digits.images[:end], digits.digits[:end]),
+        Digits(digits.images[end:], digits.digits[end:]),
+    )
 
 
 def trim(image: np.ndarray, threshold: float = 0.0) -> np.ndarray:
