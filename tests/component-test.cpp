@@ -248,6 +248,21 @@ TEST(SteadyState, NoInputDependsOnWhatTheMemoryHolds) {
   }
 }
 
+// A caller's array may be lent to a layer that does not say that it changes its input.
+TEST(SteadyState, OnlyLayersThatSaySoChangeTheirInput) {
+  for (const Bytes& bytes : SamplesOfAllForms()) {
+    const Layer layer = ReadLayer(bytes);
+    SCOPED_TRACE(layer->TypeMarker());
+    if (IsOnlyStored(layer->GetType())) continue;
+    const SampleInput input = InputOf(*layer);
+    const Floats given = Random(input.FloatsOf(20), 1);
+    Floats in = given;
+    Model model(Network(WithRegisters(layer->GetType(), bytes)));
+    model.forward->Propagate(in.data(), 20, input.dim, 1, input.channels);
+    EXPECT_EQ(in != given, model.nnet.layers.front()->ChangesInput());
+  }
+}
+
 // The contract and the readers of whole components.
 
 TEST(Contract, ConstructorsSetTheHeaderFields) {

@@ -30,6 +30,7 @@
 namespace handwriting::tools {
 namespace {
 
+using tarev::nnet::handwriting_CTC::BlockShape;
 using tarev::nnet::handwriting_CTC::LayerObserver;
 using tarev::nnet::handwriting_CTC::Nnet;
 using tarev::nnet::handwriting_CTC::NnetForward;
@@ -75,7 +76,9 @@ class LayerTimes final : public LayerObserver {
     if (position == 0 && running_) between_ += lap;
     running_ = true;
   }
-  void AfterLayer(size_t position) override { spent_[position] += Lap(); }
+  void AfterLayer(size_t position, const float* /*out*/, const BlockShape& /*shape*/) override {
+    spent_[position] += Lap();
+  }
 
   void BeginCall() {
     std::fill(spent_.begin(), spent_.end(), 0.0);

@@ -30,12 +30,6 @@ struct Command {
   std::function<int()> run;
 };
 
-/// Thrown for a command line whose fault shows only in the files that it names; exit status 2.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 Command AddInspect(CLI::App& app);
 Command AddConvert(CLI::App& app);
 Command AddForward(CLI::App& app);

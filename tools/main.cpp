@@ -15,6 +15,7 @@
 #include "nnet/base/element-kernels.h"
 #include "tools/commands.h"
 #include "tools/manual.h"
+#include "tools/model-file.h"
 
 namespace handwriting::tools {
 

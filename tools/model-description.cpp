@@ -89,15 +89,15 @@ Json Fits(const Nnet& from, const Nnet& to) {
 
 }  // namespace
 
-Json DescribeFile(const std::string& path) {
-  ModelFile model = ReadModelFile(path);
+Json DescribeFile(const ModelSource& source) {
+  ModelFile model = ReadModelFile(source);
   Json networks = Json::array();
   Json fits = Json::array();
   for (size_t i = 0; i < model.networks.size(); ++i) {
     networks.push_back(DescribeNetwork(model.networks[i]));
     if (i > 0) fits.push_back(Fits(model.networks[i - 1], model.networks[i]));
   }
-  return {{"file", path},
+  return {{"file", source.name()},
           {"form", model.is_text ? "text" : "binary"},
           {"parameters", Sum(networks, "parameters")},
           {"bytes", Sum(networks, "bytes")},

@@ -7,8 +7,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tools/commands.h"
-
 namespace handwriting::tools {
 namespace {
 
@@ -99,6 +97,13 @@ FilePointer OpenForReading(const std::string& path) {
   return file;
 }
 
+FilePointer ModelSource::Open() const {
+  if (!bytes_) return OpenForReading(name_);
+  FilePointer memory(fmemopen(const_cast<char*>(bytes_->data()), bytes_->size(), "rb"));
+  if (memory == nullptr) throw std::runtime_error(name_ + ": " + std::strerror(errno));
+  return memory;
+}
+
 bool IsTextModel(FILE* fp) {
   bool is_text = false;
   if (SkipBlanks(fp) == '<') {
@@ -109,25 +114,26 @@ bool IsTextModel(FILE* fp) {
   return is_text;
 }
 
-void RefuseTextModel(const std::string& path) {
-  const FilePointer file = OpenForReading(path);
+void RefuseTextModel(const ModelSource& source) {
+  const FilePointer file = source.Open();
   if (!IsTextModel(file.get())) return;
-  throw std::runtime_error(path + ": text form found, binary form wanted (handwriting convert)");
+  throw std::runtime_error(source.name() +
+                           ": text form found, binary form wanted (handwriting convert)");
 }
 
-ModelFile ReadModelFile(const std::string& path, size_t most_networks) {
-  const FilePointer file = OpenForReading(path);
+ModelFile ReadModelFile(const ModelSource& source, size_t most_networks) {
+  const FilePointer file = source.Open();
   try {
     return ReadNetworks(file.get(), most_networks);
   } catch (const std::exception& error) {
-    throw std::runtime_error(path + ": " + error.what());
+    throw std::runtime_error(source.name() + ": " + error.what());
   }
 }
 
-Nnet ReadNetworkOfFile(const std::string& path, size_t number) {
-  ModelFile model = ReadModelFile(path);
+Nnet ReadNetworkOfFile(const ModelSource& source, size_t number) {
+  ModelFile model = ReadModelFile(source);
   if (number < 1 || number > model.networks.size()) {
-    throw UsageError(path + ": there is no network " + std::to_string(number) +
+    throw UsageError(source.name() + ": there is no network " + std::to_string(number) +
                      ", the file holds " + std::to_string(model.networks.size()));
   }
   return std::move(model.networks[number - 1]);

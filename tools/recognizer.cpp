@@ -6,21 +6,17 @@
 #include <new>
 #include <stdexcept>
 
-#include "tools/model-file.h"
-
 namespace handwriting::tools {
 namespace {
 
-// Frames to prepare for; a longer input makes the recognizer grow, once.
-constexpr int kPreparedFrames = 256;
 constexpr size_t kNetworks = 2;
 
 // What the reader of model files has to say of a file that gives no recognizer, or, where it finds
 // nothing wrong with the networks by themselves, why they do not work.
-[[noreturn]] void ThrowWhy(const std::string& model, const char* otherwise) {
+[[noreturn]] void ThrowWhy(const ModelSource& model, const char* otherwise) {
   const size_t found = ReadModelFile(model, kNetworks).networks.size();
-  if (found == kNetworks) throw std::runtime_error(model + ": " + otherwise);
-  throw std::runtime_error(model + ": " + std::to_string(found) + " network found, " +
+  if (found == kNetworks) throw std::runtime_error(model.name() + ": " + otherwise);
+  throw std::runtime_error(model.name() + ": " + std::to_string(found) + " network found, " +
                            std::to_string(kNetworks) + " wanted");
 }
 
@@ -32,25 +28,21 @@ int ToInt(size_t size, const char* what) {
   return static_cast<int>(size);
 }
 
-struct Shape {
-  explicit Shape(const Matrix& features) {
-    if (features.shape.size() != 2) {
-      throw std::runtime_error("3 dimensions found, frames x dim wanted");
-    }
-    frames = ToInt(features.shape[0], "frames");
-    dim = ToInt(features.shape[1], "values a frame");
-  }
-  int frames;
-  int dim;
-};
-
 }  // namespace
 
-Recognizer::Recognizer(const std::string& model, int nbest) : nbest_(nbest) {
+Rows RowsOf(const Matrix& features) {
+  if (features.shape.size() != 2) {
+    throw std::runtime_error("3 dimensions found, frames x dim wanted");
+  }
+  const int frames = ToInt(features.shape[0], "frames");
+  return {features.values.data(), frames, ToInt(features.shape[1], "values a frame")};
+}
+
+Recognizer::Recognizer(const ModelSource& model, int nbest, int prepared_frames) : nbest_(nbest) {
   RefuseTextModel(model);
-  const FilePointer file = OpenForReading(model);
+  const FilePointer file = model.Open();
   try {
-    if (recognizer_.ReadFirst(file.get(), kPreparedFrames) &&
+    if (recognizer_.ReadFirst(file.get(), prepared_frames) &&
         recognizer_.ReadSecond(file.get(), nbest)) {
       return;
     }
@@ -62,22 +54,20 @@ Recognizer::Recognizer(const std::string& model, int nbest) : nbest_(nbest) {
   ThrowWhy(model, "no recognizer could be created");
 }
 
-void Recognizer::CheckShape(const Matrix& features) const {
-  const Shape shape(features);
+void Recognizer::CheckWidth(int dim) const {
   const auto& first = *recognizer_.nnet1->layers.front();
-  if (first.CheckInputDim() && first.input_dim_set && shape.dim != first.InputDim()) {
-    throw std::runtime_error(std::to_string(shape.dim) + " values a frame found, " +
+  if (first.CheckInputDim() && first.input_dim_set && dim != first.InputDim()) {
+    throw std::runtime_error(std::to_string(dim) + " values a frame found, " +
                              std::to_string(first.InputDim()) + " wanted");
   }
 }
 
-std::vector<Record> Recognizer::Recognize(Matrix& features) {
-  const Shape shape(features);
+std::vector<Record> Recognizer::Recognize(const Rows& features) {
   // Every sequence is at most as long as the input. Memory that is not written costs nothing.
-  const size_t room = static_cast<size_t>(shape.frames) * static_cast<size_t>(nbest_);
+  const size_t room = static_cast<size_t>(features.frames) * static_cast<size_t>(nbest_);
   const auto output = std::make_unique_for_overwrite<int[]>(room);
   std::vector<int> lengths(static_cast<size_t>(nbest_));
-  const int count = recognizer_.Process(features.values.data(), shape.frames, shape.dim,
+  const int count = recognizer_.Process(features.values, features.frames, features.dim,
                                         output.get(), lengths.data());
   std::vector<Record> records(static_cast<size_t>(count));
   const int* next = output.get();
@@ -88,9 +78,8 @@ std::vector<Record> Recognizer::Recognize(Matrix& features) {
   return records;
 }
 
-std::vector<Record> Recognizer::RecognizeInDetail(Matrix& features) {
-  const Shape shape(features);
-  return recognizer_.ProcessInDetail(features.values.data(), shape.frames, shape.dim);
+std::vector<Record> Recognizer::RecognizeInDetail(const Rows& features) {
+  return recognizer_.ProcessInDetail(features.values, features.frames, features.dim);
 }
 
 }  // namespace handwriting::tools

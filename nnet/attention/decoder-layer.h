@@ -19,6 +19,7 @@ class Decoder final : public LayerOf<0x10a, AttentionLayer> {
   using LayerOf::LayerOf;
   NestedList Nested() override;
   void Reset() override;
+  bool ChangesInput() const override { return true; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
   /// Every step attends to all steps before it and to the memory.
   uint64_t ExtraWork(int64_t frames, int /*in_dim*/) const override {

@@ -13,6 +13,7 @@ class Encoder final : public LayerOf<0x109, AttentionLayer> {
  public:
   using LayerOf::LayerOf;
   NestedList Nested() override;
+  bool ChangesInput() const override { return true; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   std::array<NestedLayer, 2> sub_layers;  // the normalisations

@@ -183,6 +183,8 @@ class Component {
   virtual bool MapsFrameForFrame() const {
     return !is_2d && LeftContext() == 0 && RightContext() == 0;
   }
+  /// Whether a call can change the rows that it is given.
+  virtual bool ChangesInput() const { return false; }
   /// Whether the layer's input (its output) is one plane of frames per channel.
   virtual bool TakesPlanes() const { return is_2d; }
   virtual bool GivesPlanes() const { return is_2d; }

@@ -56,6 +56,7 @@ class AddShift final : public LayerOf<0x402, ColumnVectorLayer> {
  public:
   using LayerOf::LayerOf;
   ParameterList MutableParameters() override { return {Uncounted(Vector("shift", shift, dim))}; }
+  bool ChangesInput() const override { return true; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   FloatArray shift;  // D
@@ -66,6 +67,7 @@ class Rescale final : public LayerOf<0x403, ColumnVectorLayer> {
  public:
   using LayerOf::LayerOf;
   ParameterList MutableParameters() override { return {Uncounted(Vector("scale", scale, dim))}; }
+  bool ChangesInput() const override { return true; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   FloatArray scale;  // D

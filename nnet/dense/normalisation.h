@@ -31,6 +31,7 @@ class BatchNormComponent final : public LayerOf<0x405, ColumnLayer> {
   FieldList Fields() override;
   bool Validate(Refusal& why) override;
   ParameterList MutableParameters() override;
+  bool ChangesInput() const override { return true; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   int32_t block_dim = 0;
@@ -71,6 +72,7 @@ class BatchNorm1d final : public LayerOf<0x409, ColumnLayer>, public BatchNormPa
   FieldList Fields() override { return {{"<Epsilon>", &epsilon}}; }
   bool Validate(Refusal& why) override;
   ParameterList MutableParameters() override { return List(input_dim); }
+  bool ChangesInput() const override { return true; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   bool folded = false;

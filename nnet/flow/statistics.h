@@ -28,6 +28,7 @@ class StatisticsExtraction final : public LayerOf<0x601> {
   bool Validate(Refusal& why) override;
   bool MapsFrameForFrame() const override { return false; }
   uint64_t ExtraWork(int64_t frames, int in_dim) const override;
+  bool ChangesInput() const override { return include_variance; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   int32_t input_period = 1;
@@ -55,6 +56,7 @@ class StatisticsPooling final : public LayerOf<0x602> {
   bool MapsFrameForFrame() const override { return false; }
   void Announce(NetworkLinks& links) override;
   std::string Links() const override;
+  bool ChangesInput() const override { return true; }
   void PropagateFnc(const float* in, int64_t frames, int in_dim, float* out, int call_id) override;
 
   int32_t input_period = 1;

@@ -165,7 +165,7 @@ void NnetForward::Propagate(const float* in, int64_t frames, int dim, int call_i
     } catch (const BudgetExceeded& error) {
       ThrowTooMuchMemory(position, error.wanted);
     }
-    if (observer_ != nullptr) observer_->AfterLayer(position);
+    if (observer_ != nullptr) observer_->AfterLayer(position, to->data(), shape);
     std::swap(from, to);
   }
   output_ = from;

@@ -32,12 +32,13 @@ struct BlockShape {
   uint64_t floats() const { return BlockFloats(channels, dim, frames); }
 };
 
-/// Is told when each layer of a call begins and ends to run. A call that throws leaves the end out.
+/// Is told when each layer of a call begins and ends to run, and what it gave, which the layer after
+/// it may change. A call that throws leaves the end out.
 class LayerObserver {
  public:
   virtual ~LayerObserver() = default;
-  virtual void BeforeLayer(size_t position) = 0;
-  virtual void AfterLayer(size_t position) = 0;
+  virtual void BeforeLayer(size_t /*position*/) {}
+  virtual void AfterLayer(size_t position, const float* out, const BlockShape& shape) = 0;
 };
 
 /// Runs one network. Frames move between layers through two buffers that change places after every
