@@ -114,4 +114,6 @@ class Fsmn(RowLayer):
         for name in ("l_order", "r_order", "stride"):
             block.at_least(name, getattr(self, name), 0)
         block.require(self.depend <= 0, f"depend {self.depend} found, at most 0 wanted")
+        context = max(self.l_order, self.r_order) * self.stride
+        block.require(context < 2**31, f"context {context} found, less than 2^31 wanted")
         block.array(self, "filter", (self.l_order + self.r_order + 1, self.input_dim))

@@ -183,7 +183,7 @@ class Block(abc.ABC):
             with self.at(layer.marker):
                 layer.transfer_header(self)
                 if layer.keeps_width:
-                    self.same("output dimension", layer.output_dim, layer.input_dim)
+                    self.same("output dimension", *reversed(layer.set_dims()))
                 layer.transfer(self)
         finally:
             self._layer = outer
@@ -213,8 +213,8 @@ class Block(abc.ABC):
             self.fail(f"{name} {value} found, at least {least} wanted")
 
     def same(self, name: str, found: int | None, wanted: int | None) -> None:
-        """Two dimensions that are both set must be the same."""
-        if found and wanted and found > 0 and wanted > 0 and found != wanted:
+        """Two dimensions that are both known must be the same."""
+        if found is not None and wanted is not None and found != wanted:
             self.fail(f"{name} {found} found, {wanted} wanted")
 
     def equal(self, name: str, found: int, wanted: int) -> None:
@@ -423,6 +423,10 @@ class Layer(abc.ABC):
     def header_pair(self) -> tuple[int, int]:
         """The two numbers before the type code."""
 
+    @abc.abstractmethod
+    def set_dims(self) -> tuple[int | None, int | None]:
+        """Input and output dimension; None where it is not set or not positive."""
+
     def transfer_header(self, block: Block) -> None:
         """Transfers what the header has after the type code."""
 
@@ -431,7 +435,7 @@ class Layer(abc.ABC):
 
     def given_width(self) -> int | None:
         """The width that the next layer sees; None when it is not known."""
-        return self.output_dim
+        return self.set_dims()[1]
 
     def ignores_input(self) -> bool:
         """Whether the width of the layer before does not matter."""
@@ -452,6 +456,9 @@ class RowLayer(Layer):
     def header_pair(self) -> tuple[int, int]:
         return self.input_dim, self.output_dim
 
+    def set_dims(self) -> tuple[int | None, int | None]:
+        return _positive(self.input_dim), _positive(self.output_dim)
+
 
 @dataclass(eq=False)
 class ChannelLayer(Layer):
@@ -471,6 +478,12 @@ class ChannelLayer(Layer):
 
     def header_pair(self) -> tuple[int, int]:
         return self.input_channels, self.output_channels
+
+    def set_dims(self) -> tuple[int | None, int | None]:
+        return (
+            None if self.input_dim_set is False else _positive(self.input_dim),
+            None if self.output_dim_set is False else _positive(self.output_dim),
+        )
 
     def transfer_header(self, block: Block) -> None:
         dims = [block.number("header", dim or 0, "<i") for dim in (self.input_dim, self.output_dim)]
@@ -560,9 +573,13 @@ def random_parameters(layer: Layer, rng: np.random.Generator) -> Layer:
     return BlockFiller(rng).component(layer)
 
 
+def _positive(dim: int | None) -> int | None:
+    return dim if dim is not None and dim > 0 else None
+
+
 def _check_fit(block: Block, before: Layer, after: Layer) -> None:
     if after.ignores_input():
         return
-    block.same("input dimension", after.input_dim, before.given_width())
+    block.same("input dimension", after.set_dims()[0], before.given_width())
     if isinstance(before, ChannelLayer) and isinstance(after, ChannelLayer):
         block.equal("input channels", after.input_channels, before.output_channels)

@@ -23,6 +23,8 @@ class RegisterComponent(RowLayer):
         block.string(self, "register_name")
         block.extension(self, "slice_index", b"EXT")
         block.require(self.register_name != "", "register_name is empty")
+        block.at_least("input dimension", self.input_dim, 0)
+        block.at_least("output dimension", self.output_dim, 0)
 
 
 @layer_type(0x701)
@@ -38,7 +40,7 @@ class Register2dComponent(PlaneLayer):
 
 
 @dataclass(eq=False)
-class _Parts:
+class Parts:
     """The parts that are joined: those at input_positions are the input, the others registers."""
 
     register_names: list[str] = field(default_factory=list)
@@ -59,13 +61,18 @@ class _Parts:
 
 @layer_type(0x702)
 @dataclass(eq=False)
-class ConcatenateComponent(_Parts, RowLayer):
+class ConcatenateComponent(Parts, RowLayer):
     """output = the rows of all parts side by side; output_dim is the sum of their widths."""
+
+    def transfer(self, block: Block) -> None:
+        super().transfer(block)
+        block.at_least("input dimension", self.input_dim, 0)
+        block.at_least("output dimension", self.output_dim, 0)
 
 
 @layer_type(0x703)
 @dataclass(eq=False)
-class Concatenate2dComponent(_Parts, ChannelLayer):
+class Concatenate2dComponent(Parts, ChannelLayer):
     """output = the planes of all parts; output_channels is the sum of their channels."""
 
 
@@ -152,6 +159,9 @@ class ConstantPad(RowLayer):
 class ViewComponent(RowLayer):
     """output = the same floats as rows of output_dim values; what fills no row is dropped."""
 
+    def transfer(self, block: Block) -> None:
+        block.at_least("output dimension", self.output_dim, 1)
+
 
 @layer_type(0x501)
 @dataclass(eq=False)
@@ -229,4 +239,7 @@ class SlidingWindowComponent(RowLayer):
         block.integers(self, "window_size", "hop_size", "sliding_mode")
         block.at_least("hop_size", self.hop_size, 1)
         block.at_least("window_size", self.window_size, self.hop_size)
+        mode = self.sliding_mode
+        block.require(mode in (0, 1), f"sliding_mode {mode} found, 0 or 1 wanted")
+        block.at_least("input dimension", self.input_dim, 1)
         block.equal("output dimension", self.output_dim, self.input_dim)

@@ -7,7 +7,7 @@ from typing import ClassVar
 
 from handwriting_forward.model.block import Block, RowLayer, layer_type
 from handwriting_forward.model.convolution import Conv1d, ConvTranspose1d, MaxPool1d
-from handwriting_forward.model.flow import ConcatenateComponent, ConstantPad, ReflectionPad
+from handwriting_forward.model.flow import ConstantPad, Parts, ReflectionPad
 
 
 @layer_type(0x1000)
@@ -44,7 +44,7 @@ class StreamRegisterComponent(RowLayer):
 
 @layer_type(0x1101)
 @dataclass(eq=False)
-class StreamConcatenateComponent(ConcatenateComponent):
+class StreamConcatenateComponent(Parts, RowLayer):
     """ConcatenateComponent over a stream; every part is input_dim wide."""
 
 
