@@ -321,13 +321,16 @@ def test_wrong_models_leave_no_file(tmp_path: Path) -> None:
     halves = LstmDirection(np.full((8, 3), 65536), np.zeros((8, 2)), np.zeros(8), np.zeros(8))
     affine = AffineTransform(1, 1, bias=np.zeros(1), weights=np.ones((1, 1)))
     wrong: dict[str, list[Network]] = {
-        "not finite when stored as float16": [[Blstm(3, 4, forward=halves)]],
+        "too large for float16": [[Blstm(3, 4, forward=halves)]],
         "modulo directions 1 found": [[Blstm(3, 5)]],
         "input dimension 5 found, 4 wanted": [[LogSoftmax(4, 4), LogSoftmax(5, 5)]],
         "input channels 3 found, 2 wanted": [[ReLU2d(2, 2), ReLU2d(3, 3)]],
         "None found, an int32 wanted": [[ReLU(4, None)]],
         "2147483648 found, an int32 wanted": [[ConstantPad(1, 1, 2**31)]],
         "AsymmetricCodes wanted": [[dataclasses.replace(affine, fixed=True)]],
+        "codes: a value is too large for int8": [
+            [LinearTransform(1, 1, SymmetricCodes(np.array([[128]])), fixed=True)]
+        ],
         "sub_layers: 0 found, 2 wanted": [
             [Encoder(1, 1, self_atten_layers=[affine] * 4, ff_layers=[affine] * 2)]
         ],

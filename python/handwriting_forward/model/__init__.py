@@ -12,35 +12,27 @@ name. Parameters are NumPy arrays of any float type; matrices have one row per o
 """
 
 from handwriting_forward.errors import ModelError
-from handwriting_forward.model.attention import (
-    Decoder,
-    Encoder,
-    Fsmn,
-    PositionalEncoding,
-)
+from handwriting_forward.model.attention import Decoder, Encoder, Fsmn, PositionalEncoding
 from handwriting_forward.model.block import (
-    Array,
-    AsymmetricCodes,
     Block,
     BlockFiller,
     BlockReader,
     BlockWriter,
     ChannelLayer,
-    CodeArray,
     Layer,
     Network,
-    Parameter,
     RowLayer,
-    SymmetricCodes,
     fixed_code_of,
     layer_type,
     layer_types,
-    model_bytes,
-    networks_equal,
     parameter,
-    random_parameters,
-    read_model,
-    write_model,
+)
+from handwriting_forward.model.codes import (
+    Array,
+    AsymmetricCodes,
+    CodeArray,
+    Parameter,
+    SymmetricCodes,
 )
 from handwriting_forward.model.convolution import (
     Conv1d,
@@ -75,6 +67,13 @@ from handwriting_forward.model.dense import (
     Sigmoid,
     Softmax,
     Splice,
+)
+from handwriting_forward.model.files import (
+    model_bytes,
+    networks_equal,
+    random_parameters,
+    read_model,
+    write_model,
 )
 from handwriting_forward.model.flow import (
     Concatenate2dComponent,

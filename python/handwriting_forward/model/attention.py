@@ -5,14 +5,8 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import ClassVar
 
-from handwriting_forward.model.block import (
-    Block,
-    Layer,
-    Parameter,
-    RowLayer,
-    layer_type,
-    parameter,
-)
+from handwriting_forward.model.block import Block, Layer, RowLayer, layer_type, parameter
+from handwriting_forward.model.codes import Array
 
 
 @layer_type(0x108)
@@ -105,7 +99,7 @@ class Fsmn(RowLayer):
     r_order: int = 0
     stride: int = 1
     depend: int = 0
-    filter: Parameter = parameter()  # (l_order + r_order + 1, input_dim)
+    filter: Array = parameter()  # (l_order + r_order + 1, input_dim)
 
     def transfer(self, block: Block) -> None:
         block.integers(self, "l_order", "r_order", "stride", "depend")

@@ -1,4 +1,4 @@
-"""The parts that all layers of a model file share: blocks, layers, codes and whole files.
+"""What all layers of a model file share: the block that they are moved through, and the layer.
 
 A model file is a sequence of networks, a network a uint32 number of layers and the layers. A layer
 is a header, with its dimensions and its type code, and a parameter block. All of it is
@@ -21,20 +21,16 @@ A layer is one class. It names its type code and its fields, and says its parame
 from __future__ import annotations
 
 import abc
-import os
 import struct
-from collections.abc import Callable, Iterator, Sequence
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass, field
-from pathlib import Path
 from typing import Any, ClassVar, NoReturn, TypeAlias, TypeVar
 
 import numpy as np
-import numpy.typing as npt
 
 from handwriting_forward.errors import ModelError
-
-Array: TypeAlias = npt.NDArray[Any]
+from handwriting_forward.model.codes import CodeArray, Parameter
 
 MAX_NESTING = 16
 MAX_ARRAY_VALUES = 2**30
@@ -114,7 +110,9 @@ class Block(abc.ABC):
         values = list(getattr(owner, name))
         count = self._count(name, len(values))
         values = [""] * count if self.reads else values
-        setattr(owner, name, [self._string(f"{name}[{i}]", text) for i, text in enumerate(values)])
+        values = [self._string(f"{name}[{i}]", text) for i, text in enumerate(values)]
+        if self.reads:
+            setattr(owner, name, values)
 
     def counted_integers(self, owner: Any, name: str) -> None:
         """Transfers a count and as many int32."""
@@ -125,7 +123,9 @@ class Block(abc.ABC):
         self.room_for(name, 4 * count)
         values = [0] * count if self.reads else list(getattr(owner, name))
         self.require(len(values) == count, f"{name}: {len(values)} found, {count} wanted")
-        setattr(owner, name, [self.number(name, value, "<i") for value in values])
+        values = [self.number(name, value, "<i") for value in values]
+        if self.reads:
+            setattr(owner, name, values)
 
     def extension(self, owner: Any, name: str, mark: bytes) -> None:
         """Transfers a string behind a mark, or neither; the string is None then."""
@@ -162,7 +162,8 @@ class Block(abc.ABC):
         for i, value in enumerate(values):
             with self.at(f"{name}[{i}]"):
                 values[i] = self.component(value)
-        setattr(owner, name, values)
+        if self.reads:
+            setattr(owner, name, values)
 
     # Layers.
 
@@ -259,8 +260,10 @@ class BlockWriter(Block):
             self.fail(f"{name}: shape {found.shape} found, {shape} wanted")
         with np.errstate(over="ignore"):
             stored = found.astype(dtype)
-        if not np.array_equal(np.isfinite(stored), np.isfinite(found)):
-            self.fail(f"{name}: not finite when stored as {stored.dtype.name}")
+        floats = stored.dtype.kind == "f"
+        same = np.isfinite(stored) == np.isfinite(found) if floats else stored == found
+        if not np.all(same):
+            self.fail(f"{name}: a value is too large for {stored.dtype.name}")
         self.written += stored.tobytes()
         return value
 
@@ -329,67 +332,6 @@ class BlockFiller(Block):
             return self._rng.uniform(-1, 1, shape).astype(dtype).astype(np.float32)
         limits = np.iinfo(dtype)
         return self._rng.integers(limits.min, limits.max, shape, endpoint=True).astype(dtype)
-
-
-@dataclass(eq=False)
-class CodeArray(abc.ABC):
-    """An array of 8-bit codes, as fixed-point layers store it.
-
-    `values` are the floats that the codes stand for; NumPy takes the codes for these floats.
-    """
-
-    codes: Array = field(default_factory=lambda: np.zeros(0, np.uint8), repr=False)
-    scale: float = 1.0
-
-    @property
-    @abc.abstractmethod
-    def values(self) -> Array:
-        """The decoded values, float32, of the shape of the codes."""
-
-    @abc.abstractmethod
-    def transfer(self, block: Block, shape: tuple[int, ...]) -> None:
-        """Transfers what the file has of an array of the shape."""
-
-    def __array__(self, dtype: Any = None, copy: bool | None = None) -> Array:
-        return self.values if dtype is None else self.values.astype(dtype)
-
-
-@dataclass(eq=False)
-class SymmetricCodes(CodeArray):
-    """int8 codes; code q stands for q / scale."""
-
-    @property
-    def values(self) -> Array:
-        with np.errstate(divide="ignore", invalid="ignore"):
-            return np.divide(self.codes, np.float32(self.scale), dtype=np.float32)
-
-    def transfer(self, block: Block, shape: tuple[int, ...]) -> None:
-        block.reals(self, "scale")
-        self.codes = block.values("codes", self.codes, shape, "<i1")
-
-
-@dataclass(eq=False)
-class AsymmetricCodes(CodeArray):
-    """uint8 codes; code q stands for (q + zero_point) / scale."""
-
-    zero_point: int = 0
-    row_sums: Array = parameter()  # (rows,), of matrices only; stored, not used
-
-    @property
-    def values(self) -> Array:
-        shifted = (self.codes.astype(np.int64) + self.zero_point).astype(np.float32)
-        with np.errstate(divide="ignore", invalid="ignore"):
-            return np.divide(shifted, np.float32(self.scale), dtype=np.float32)
-
-    def transfer(self, block: Block, shape: tuple[int, ...]) -> None:
-        block.reals(self, "scale")
-        block.integers(self, "zero_point")
-        if len(shape) == 2:
-            self.row_sums = block.values("row_sums", self.row_sums, shape[:1], "<f4")
-        self.codes = block.values("codes", self.codes, shape, "<u1")
-
-
-Parameter: TypeAlias = Array | CodeArray
 
 
 class Layer(abc.ABC):
@@ -521,65 +463,5 @@ def layer_type(code: int) -> Callable[[_LayerClass], _LayerClass]:
     return register
 
 
-def model_bytes(networks: Sequence[Sequence[Layer]]) -> bytes:
-    """The bytes of a model file."""
-    block = BlockWriter()
-    for position, network in enumerate(networks):
-        with block.at(f"network {position + 1}"):
-            block.number("number of layers", len(network), "<I")
-            for i, layer in enumerate(network):
-                with block.at(f"layer {i}"):
-                    if i > 0:
-                        _check_fit(block, network[i - 1], layer)
-                    block.component(layer)
-    return bytes(block.written)
-
-
-def write_model(path: str | os.PathLike[str], networks: Sequence[Sequence[Layer]]) -> None:
-    """Writes the networks; the file replaces an older one only when it is complete."""
-    written = model_bytes(networks)
-    temporary = Path(f"{os.fspath(path)}.{os.getpid()}.tmp")
-    try:
-        temporary.write_bytes(written)
-        os.replace(temporary, path)
-    finally:
-        temporary.unlink(missing_ok=True)
-
-
-def read_model(source: str | os.PathLike[str] | bytes | bytearray | memoryview) -> list[Network]:
-    """Reads all networks of a file, or of its bytes."""
-    if isinstance(source, (bytes, bytearray, memoryview)):
-        block = BlockReader(source)
-    else:
-        block = BlockReader(Path(source).read_bytes(), os.fspath(source))
-    networks: list[Network] = []
-    while not block.at_end():
-        with block.at(f"network {len(networks) + 1}"):
-            network: Network = []
-            for i in range(block.number("number of layers", 0, "<I")):
-                with block.at(f"layer {i}"):
-                    network.append(block.component(None))
-        networks.append(network)
-    return networks
-
-
-def networks_equal(a: Sequence[Sequence[Layer]], b: Sequence[Sequence[Layer]]) -> bool:
-    """Whether two models are stored as the same bytes; a NaN so equals itself."""
-    return model_bytes(a) == model_bytes(b)
-
-
-def random_parameters(layer: Layer, rng: np.random.Generator) -> Layer:
-    """Fills all arrays of the layer and of those in it: floats in -1 … 1, or any codes."""
-    return BlockFiller(rng).component(layer)
-
-
 def _positive(dim: int | None) -> int | None:
     return dim if dim is not None and dim > 0 else None
-
-
-def _check_fit(block: Block, before: Layer, after: Layer) -> None:
-    if after.ignores_input():
-        return
-    block.same("input dimension", after.set_dims()[0], before.given_width())
-    if isinstance(before, ChannelLayer) and isinstance(after, ChannelLayer):
-        block.equal("input channels", after.input_channels, before.output_channels)

@@ -9,11 +9,11 @@ from handwriting_forward.model.block import (
     Block,
     ChannelLayer,
     Layer,
-    Parameter,
     RowLayer,
     layer_type,
     parameter,
 )
+from handwriting_forward.model.codes import Array
 
 
 @dataclass(eq=False)
@@ -41,13 +41,13 @@ class _Convolution(_Window):
     """
 
     groups: int = 1
-    kernel: Parameter = parameter()
-    bias_vector: Parameter = parameter()  # (output_dim,)
+    kernel: Array = parameter()
+    bias_vector: Array = parameter()  # (output_dim,)
     has_bias: int = field(default=-1, kw_only=True)
 
     def __post_init__(self) -> None:
         if self.has_bias == -1:
-            self.has_bias = int(len(self.bias_vector) > 0)  # type: ignore[arg-type]
+            self.has_bias = int(len(self.bias_vector) > 0)
 
     def transfer_kernel(self, block: Block, rows: int, columns: int) -> None:
         self.check_window(block)
@@ -123,13 +123,13 @@ class Conv2d(ChannelLayer):
     dilation_height: int = 1
     dilation_width: int = 1
     groups: int = 1
-    kernel: Parameter = parameter()  # (in x out channels / groups, kernel_height, kernel_width)
-    bias_vector: Parameter = parameter()  # (output_channels,)
+    kernel: Array = parameter()  # (in x out channels / groups, kernel_height, kernel_width)
+    bias_vector: Array = parameter()  # (output_channels,)
     has_bias: int = field(default=-1, kw_only=True)
 
     def __post_init__(self) -> None:
         if self.has_bias == -1:
-            self.has_bias = int(len(self.bias_vector) > 0)  # type: ignore[arg-type]
+            self.has_bias = int(len(self.bias_vector) > 0)
 
     def transfer(self, block: Block) -> None:
         block.integers(self, "kernel_height", "kernel_width", "stride_height", "stride_width")
@@ -185,8 +185,8 @@ class SeperableConv2d(_Composite):
 class _Simple(ChannelLayer):
     """Three weights over the positions of a row for every pair of channels."""
 
-    kernel: Parameter = parameter()  # (output_channels, input_channels, 3)
-    bias_vector: Parameter = parameter()  # (output_channels,)
+    kernel: Array = parameter()  # (output_channels, input_channels, 3)
+    bias_vector: Array = parameter()  # (output_channels,)
 
     def transfer(self, block: Block) -> None:
         block.array(self, "kernel", (self.output_channels, self.input_channels, 3))

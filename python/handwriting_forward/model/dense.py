@@ -5,16 +5,8 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import ClassVar
 
-from handwriting_forward.model.block import (
-    AsymmetricCodes,
-    Block,
-    ChannelLayer,
-    Parameter,
-    RowLayer,
-    SymmetricCodes,
-    layer_type,
-    parameter,
-)
+from handwriting_forward.model.block import Block, ChannelLayer, RowLayer, layer_type, parameter
+from handwriting_forward.model.codes import Array, AsymmetricCodes, Parameter, SymmetricCodes
 
 
 @layer_type(0x100)
@@ -138,10 +130,10 @@ class Highway(RowLayer):
     Both dimensions are the same, D. The fixed-point code holds the same floats.
     """
 
-    transform_weights: Parameter = parameter()  # (D, D)
-    gate_weights: Parameter = parameter()  # (D, D)
-    transform_bias: Parameter = parameter()  # (D,)
-    gate_bias: Parameter = parameter()  # (D,)
+    transform_weights: Array = parameter()  # (D, D)
+    gate_weights: Array = parameter()  # (D, D)
+    transform_bias: Array = parameter()  # (D,)
+    gate_bias: Array = parameter()  # (D,)
 
     def transfer(self, block: Block) -> None:
         block.equal("output dimension", self.output_dim, self.input_dim)
@@ -171,8 +163,8 @@ class BatchNormComponent(RowLayer):
 
     keeps_width: ClassVar[bool] = True
 
-    mean: Parameter = parameter()  # (input_dim,)
-    variance: Parameter = parameter()  # (input_dim,)
+    mean: Array = parameter()  # (input_dim,)
+    variance: Array = parameter()  # (input_dim,)
     block_dim: int = field(default=-1, kw_only=True)
 
     def __post_init__(self) -> None:
@@ -198,8 +190,8 @@ class LayerNorm(RowLayer):
     keeps_width: ClassVar[bool] = True
 
     epsilon: float = 0.0
-    gamma: Parameter = parameter()  # (input_dim,)
-    beta: Parameter = parameter()  # (input_dim,)
+    gamma: Array = parameter()  # (input_dim,)
+    beta: Array = parameter()  # (input_dim,)
     norm_dim: int = field(default=-1, kw_only=True)
 
     def __post_init__(self) -> None:
@@ -219,10 +211,10 @@ class _Statistics:
     """The statistics of a batch normalisation of n columns or channels."""
 
     epsilon: float = 0.0
-    mean: Parameter = parameter()  # (n,)
-    variance: Parameter = parameter()  # (n,)
-    gamma: Parameter = parameter()  # (n,)
-    beta: Parameter = parameter()  # (n,)
+    mean: Array = parameter()  # (n,)
+    variance: Array = parameter()  # (n,)
+    gamma: Array = parameter()  # (n,)
+    beta: Array = parameter()  # (n,)
 
     def transfer_statistics(self, block: Block, n: int) -> None:
         block.reals(self, "epsilon")
@@ -278,7 +270,7 @@ class AddShift(RowLayer):
 
     keeps_width: ClassVar[bool] = True
 
-    shift: Parameter = parameter()  # (input_dim,)
+    shift: Array = parameter()  # (input_dim,)
 
     def transfer(self, block: Block) -> None:
         block.array(self, "shift", (self.input_dim,))
@@ -291,7 +283,7 @@ class Rescale(RowLayer):
 
     keeps_width: ClassVar[bool] = True
 
-    scale: Parameter = parameter()  # (input_dim,)
+    scale: Array = parameter()  # (input_dim,)
 
     def transfer(self, block: Block) -> None:
         block.array(self, "scale", (self.input_dim,))
@@ -303,7 +295,7 @@ class AddComponent(RowLayer):
     """output = the sum over k of weights[k] * block k of input; input_num blocks of output_dim."""
 
     input_num: int = 1
-    weights: Parameter = parameter()  # (input_num,)
+    weights: Array = parameter()  # (input_num,)
 
     def transfer(self, block: Block) -> None:
         block.integers(self, "input_num")
@@ -319,7 +311,7 @@ class Prior(RowLayer):
 
     keeps_width: ClassVar[bool] = True
 
-    prior: Parameter = parameter()  # (input_dim,)
+    prior: Array = parameter()  # (input_dim,)
 
     def transfer(self, block: Block) -> None:
         block.array(self, "prior", (self.input_dim,))

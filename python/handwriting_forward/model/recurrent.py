@@ -8,15 +8,8 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import ClassVar
 
-from handwriting_forward.model.block import (
-    AsymmetricCodes,
-    Block,
-    Parameter,
-    RowLayer,
-    SymmetricCodes,
-    layer_type,
-    parameter,
-)
+from handwriting_forward.model.block import Block, RowLayer, layer_type, parameter
+from handwriting_forward.model.codes import AsymmetricCodes, Parameter, SymmetricCodes
 
 
 @dataclass(eq=False)
