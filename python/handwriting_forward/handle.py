@@ -40,7 +40,7 @@ class Handle(Generic[_Compiled]):
 
     def _open(self) -> _Compiled:
         """The compiled object, for one call."""
-        compiled = getattr(self, "_compiled", None)
+        compiled = self._compiled
         if compiled is None:
             raise ClosedError(f"this {self._what} has been closed")
         if os.getpid() != self._process:

@@ -13,7 +13,7 @@ import pytest
 
 PACKAGE = Path(__file__).resolve().parents[1]
 
-for needed in ("pybind11", "skbuild", "venv", "pip"):
+for needed in ("skbuild", "venv", "pip"):
     if importlib.util.find_spec(needed) is None:
         pytest.skip(f"{needed} is not installed", allow_module_level=True)
 
