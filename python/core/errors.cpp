@@ -3,6 +3,7 @@
 #include <pybind11/pybind11.h>
 
 #include <exception>
+#include <utility>
 
 namespace handwriting::python {
 namespace {
@@ -19,7 +20,7 @@ void Raise(const char* name, const std::exception& error) {
 void TranslateErrors() {
   py::register_exception_translator([](std::exception_ptr thrown) {
     try {
-      if (thrown) std::rethrow_exception(thrown);
+      if (thrown) std::rethrow_exception(std::move(thrown));
     } catch (const ModelError& error) {
       Raise("ModelError", error);
     } catch (const InputError& error) {

@@ -46,16 +46,15 @@ std::string Written(const tools::ModelFile& model, bool fixed) {
   size_t size = 0;
   tools::FilePointer stream(open_memstream(&bytes, &size));
   if (stream == nullptr) throw std::bad_alloc();
-  const auto close = [&] { return std::fclose(stream.release()) == 0; };
+  std::exception_ptr failure;
   try {
     tools::WriteNetworks(model.networks, fixed, stream.get());
-  } catch (...) {
-    close();
-    std::free(bytes);
-    throw;
+  } catch (const std::exception&) {
+    failure = std::current_exception();
   }
-  const bool closed = close();
+  const bool closed = std::fclose(stream.release()) == 0;
   const std::unique_ptr<char, decltype(&std::free)> owner(bytes, &std::free);
+  if (failure) std::rethrow_exception(failure);
   if (!closed) throw std::bad_alloc();
   return {bytes, size};
 }

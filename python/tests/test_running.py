@@ -48,12 +48,13 @@ def written(folder: Path, *networks) -> Path:
     return path
 
 
-def in_child(code: str, *arguments, **options) -> subprocess.Popen:
+def in_child(code: str, *arguments) -> subprocess.Popen:
     command = [sys.executable, "-B", "-c", code, *map(str, arguments)]
     environment = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
     pipe = subprocess.PIPE
+    # Elsewhere: the folder that it starts in comes first where modules are looked for.
     return subprocess.Popen(
-        command, stdout=pipe, stderr=pipe, text=True, env=environment, **options
+        command, cwd="/", stdout=pipe, stderr=pipe, text=True, env=environment
     )
 
 
