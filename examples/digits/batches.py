@@ -16,15 +16,10 @@ MOST_DIGITS = 7
 CANVAS_WIDTH = 12  # columns of a distorted digit, before its border is cut away
 FAINTEST_INK = 0.04  # border columns fainter than this are cut away
 CONTRAST = 0.15
+THICKNESS = 0.4  # largest logarithm of the power to which ink is raised
+BEND = 0.07  # standard deviation of the displacement of a bending point; the image is 2 wide
+BENDING_POINTS = (3, 4)  # rows and columns
 NOISE = 0.06  # standard deviation
-ELASTIC = 0.1
-BEND_POINTS = (3, 4)
-THICKNESS = 0.0
-GAMMA = 0.0
-SHIFT_Y = 0.15
-SLANT = 0.35
-MODE = "bilinear"
-MIXED = False
 
 
 def uniform(generator: torch.Generator, limit: float, *shape: int) -> torch.Tensor:
@@ -32,35 +27,37 @@ def uniform(generator: torch.Generator, limit: float, *shape: int) -> torch.Tens
     return (2 * torch.rand(*shape, generator=generator) - 1) * limit
 
 
-def distort(images: torch.Tensor, generator: torch.Generator) -> torch.Tensor:
-    """Shifts, slants, turns, scales and bends images (count, 8, 8) on canvases (count, 8, 12), each by itself."""
-    count = len(images)
+def affine_grid(count: int, generator: torch.Generator) -> torch.Tensor:
+    """Where in the image (-1 to 1) the points of the canvas come from: shifted, slanted, scaled."""
 
     def random(limit: float) -> torch.Tensor:
         return uniform(generator, limit, count)
 
-    # Row by row, where in the image (-1 to 1) the point (x, y) of the canvas (-1 to 1) comes from.
+    # Row by row, from the point (x, y) of the canvas (-1 to 1).
     wide = CANVAS_WIDTH / lines.HEIGHT
     scale_x, scale_y = torch.exp(random(0.2)), torch.exp(random(0.12))
-    x_from = torch.stack([wide * scale_x, random(SLANT), random(0.12)], dim=1)
-    y_from = torch.stack([wide * random(0.12), scale_y, random(SHIFT_Y)], dim=1)
+    x_from = torch.stack([wide * scale_x, random(0.35), random(0.12)], dim=1)
+    y_from = torch.stack([wide * random(0.12), scale_y, random(0.15)], dim=1)
+    size = [count, 1, lines.HEIGHT, CANVAS_WIDTH]
+    return functional.affine_grid(torch.stack([x_from, y_from], dim=1), size, align_corners=False)
+
+
+def bends(count: int, generator: torch.Generator) -> torch.Tensor:
+    """Smooth random displacements of the points of the canvas."""
+    points = BEND * torch.randn(count, 2, *BENDING_POINTS, generator=generator)
     size = (lines.HEIGHT, CANVAS_WIDTH)
-    grid = functional.affine_grid(
-        torch.stack([x_from, y_from], dim=1), [count, 1, *size], align_corners=False
-    )
-    if ELASTIC:
-        bends = ELASTIC * torch.randn(count, 2, *BEND_POINTS, generator=generator)
-        bends = functional.interpolate(bends, size, mode="bicubic", align_corners=True)
-        grid = grid + bends.permute(0, 2, 3, 1)
-    found = functional.grid_sample(images[:, None], grid, mode=MODE, align_corners=False).clamp(0, 1)
-    if THICKNESS:
-        amount = uniform(generator, THICKNESS, count, 1, 1, 1)
-        thick = functional.max_pool2d(found, 3, 1, 1)
-        thin = -functional.max_pool2d(-found, 3, 1, 1)
-        found = torch.where(amount > 0, found + amount * (thick - found), found - amount * (thin - found))
-    if GAMMA:
-        found = found ** torch.exp(uniform(generator, GAMMA, count, 1, 1, 1))
-    return found[:, 0]
+    smooth = functional.interpolate(points, size, mode="bicubic", align_corners=True)
+    return smooth.permute(0, 2, 3, 1)
+
+
+def distort(images: torch.Tensor, generator: torch.Generator) -> torch.Tensor:
+    """Images (count, 8, 8) on canvases (count, 8, 12): each shifted, slanted, scaled and bent, its
+    strokes made thicker or thinner and its ink darker or paler."""
+    count = len(images)
+    grid = affine_grid(count, generator) + bends(count, generator)
+    found = functional.grid_sample(images[:, None], grid, align_corners=False)[:, 0]
+    found = found ** torch.exp(uniform(generator, THICKNESS, count, 1, 1))
+    return (found * (1 + uniform(generator, CONTRAST, count, 1, 1))).clamp(max=1)
 
 
 class Batches:
@@ -90,9 +87,7 @@ class Batches:
 
     def _distorted(self, chosen: np.ndarray) -> list[np.ndarray]:
         """Distorted and trimmed images (8, columns) of the chosen digits."""
-        images = distort(self._images[chosen], self._generator)
-        contrast = 1 + uniform(self._generator, CONTRAST, len(images), 1, 1)
-        images = (images * contrast).clamp(max=1).numpy()
+        images = distort(self._images[chosen], self._generator).numpy()
         return [lines.trim(image, FAINTEST_INK) for image in images]
 
     def _pad(self, line: np.ndarray, length: int) -> np.ndarray:
