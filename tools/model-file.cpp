@@ -1,5 +1,6 @@
 #include "tools/model-file.h"
 
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -102,6 +103,17 @@ FilePointer ModelSource::Open() const {
   FilePointer memory(fmemopen(const_cast<char*>(bytes_->data()), bytes_->size(), "rb"));
   if (memory == nullptr) throw std::runtime_error(name_ + ": " + std::strerror(errno));
   return memory;
+}
+
+std::string BytesOfFile(const std::string& path) {
+  const FilePointer file = OpenForReading(path);
+  std::string bytes;
+  std::array<char, 1 << 16> piece;
+  while (const size_t count = std::fread(piece.data(), 1, piece.size(), file.get())) {
+    bytes.append(piece.data(), count);
+  }
+  if (std::ferror(file.get()) != 0) throw std::runtime_error(path + ": " + std::strerror(errno));
+  return bytes;
 }
 
 bool IsTextModel(FILE* fp) {

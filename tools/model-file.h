@@ -41,6 +41,9 @@ class ModelSource {
   std::optional<std::span<const char>> bytes_;
 };
 
+/// All bytes of a file, which need not be seekable. Throws std::runtime_error with path and reason.
+std::string BytesOfFile(const std::string& path);
+
 /// Thrown for a command line whose fault shows only in the files that it names; exit status 2.
 class UsageError : public std::runtime_error {
  public:

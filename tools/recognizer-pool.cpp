@@ -8,9 +8,6 @@ namespace handwriting::tools {
 
 RecognizerPool::RecognizerPool(Service& service, size_t threads) : service_(service) {
   for (size_t i = 0; i < threads; ++i) workers_.push_back(std::make_unique<Worker>());
-  for (const auto& worker : workers_) {
-    worker->thread = std::jthread([this, &worker] { Run(*worker); });
-  }
 }
 
 RecognizerPool::~RecognizerPool() {
@@ -29,9 +26,16 @@ void RecognizerPool::ReportLoaded(std::exception_ptr failure) {
   changed_.notify_all();
 }
 
-void RecognizerPool::WaitUntilLoaded() {
+void RecognizerPool::Load() {
+  const std::string& name = service_.setup().model;
+  model_ = BytesOfFile(name);
+  service_.Describe({name, model_});
+  for (const auto& worker : workers_) {
+    worker->thread = std::jthread([this, &worker] { Run(*worker); });
+  }
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return loaded_ == workers_.size(); });
+  model_ = {};
   if (failure_) std::rethrow_exception(failure_);
 }
 
@@ -73,7 +77,7 @@ void RecognizerPool::AwaitNext() const {
 void RecognizerPool::Run(Worker& worker) {
   std::optional<Recognizer> recognizer;
   try {
-    recognizer.emplace(service_.setup().model, service_.setup().nbest);
+    recognizer.emplace(ModelSource(service_.setup().model, model_), service_.setup().nbest);
   } catch (...) {
     return ReportLoaded(std::current_exception());
   }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -29,15 +30,15 @@ struct Work {
 /// Threads with a recognizer each, and the queue before them.
 class RecognizerPool {
  public:
-  /// Begins to make the recognizers.
+  /// Of recognizers that are still to be made.
   RecognizerPool(Service& service, size_t threads);
   RecognizerPool(const RecognizerPool&) = delete;
   RecognizerPool& operator=(const RecognizerPool&) = delete;
   /// Waits for what is being worked on and drops what waits.
   ~RecognizerPool();
 
-  /// Waits until all recognizers are made; throws what hindered one.
-  void WaitUntilLoaded();
+  /// Reads the model, once, and makes all recognizers; throws what hindered one.
+  void Load();
   /// Whether all recognizers are made and none has worked on one input for longer than it may.
   bool IsReady() const;
   /// Whether any recognizer is at work.
@@ -66,6 +67,7 @@ class RecognizerPool {
   bool stopped_ = false;
   std::atomic<size_t> loaded_ = 0;
   std::exception_ptr failure_;
+  std::string model_;  // its bytes, until all recognizers are made
   std::vector<std::unique_ptr<Worker>> workers_;
 };
 

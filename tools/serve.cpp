@@ -51,7 +51,7 @@ int Run(const Options& options) {
     }
   });
   try {
-    pool.WaitUntilLoaded();
+    pool.Load();
     std::cout << "listening on " << server.Url() << '\n';
     FlushOutput();
   } catch (...) {

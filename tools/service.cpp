@@ -103,11 +103,13 @@ std::string Metrics::Text() const {
   return text.str();
 }
 
-Service::Service(Setup setup)
-    : setup_(std::move(setup)),
-      page_(setup_.page),
-      model_description_(LineOf(DescribeFile(setup_.model))) {
+Service::Service(Setup setup) : setup_(std::move(setup)), page_(setup_.page) {
   std::ranges::transform(setup_.hosts, setup_.hosts.begin(), HostName);
+}
+
+void Service::Describe(const ModelSource& model) {
+  model_description_ = LineOf(DescribeFile(model));
+  is_described_ = true;
 }
 
 bool Service::IsHostAllowed(const std::string& host) const {
@@ -145,7 +147,9 @@ Answer Service::AnswerAtOnce(const Request& request, bool is_ready) const {
   if (request.path == "/ready") {
     return is_ready ? TextAnswer(200, "ready\n") : ErrorAnswer(503, "not ready");
   }
-  if (request.path == "/model") return JsonAnswer(model_description_);
+  if (request.path == "/model") {
+    return is_described_ ? JsonAnswer(model_description_) : ErrorAnswer(503, "not ready");
+  }
   if (request.path == "/metrics") {
     Answer answer = TextAnswer(200, metrics_.Text());
     answer.type = "text/plain; version=0.0.4; charset=utf-8";

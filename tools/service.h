@@ -61,8 +61,11 @@ class Service {
     std::vector<std::string> hosts;
     Limits limits;
   };
-  /// Throws std::runtime_error where model or page cannot be read.
+  /// Throws std::runtime_error where the page cannot be read.
   explicit Service(Setup setup);
+
+  /// What GET /model answers from now on. Throws std::runtime_error where the model cannot be read.
+  void Describe(const ModelSource& model);
 
   /// Refuses, by its header alone, a request that has no business here; nothing where it may go on.
   std::optional<Answer> Check(const Request& request) const;
@@ -83,6 +86,7 @@ class Service {
   Setup setup_;
   PageFiles page_;
   std::string model_description_;
+  std::atomic<bool> is_described_ = false;
   Metrics metrics_;
 };
 

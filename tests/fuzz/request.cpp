@@ -41,6 +41,8 @@ Service::Setup SmallSetup() {
 }
 
 struct Host {
+  Host() { service.Describe(StoredModel()); }
+
   Service service{SmallSetup()};
   Recognizer recognizer{StoredModel(), 3};
 };

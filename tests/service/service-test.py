@@ -288,7 +288,8 @@ class Refusals(unittest.TestCase):
     def test_of_models_and_addresses_that_cannot_be_used(self) -> None:
         with Service() as running:
             for arguments, message in [
-                ([str(DIGITS / "labels.txt")], "labels.txt: "),
+                ([str(DIGITS / "labels.txt"), "--port", "0"], "labels.txt: "),
+                (["/absent", "--port", "0"], "/absent: No such file or directory"),
                 ([str(MODEL), "--port", str(running.port)], "Address already in use"),
                 ([str(MODEL), "--host", "example"], "example: no IP address"),
                 ([str(MODEL), "--page", "/absent"], "/absent: No such file or directory"),
@@ -350,20 +351,29 @@ def free_port() -> int:
 class Loading(unittest.TestCase):
     def test_is_not_being_ready(self) -> None:
         port = free_port()
-        command = [TOOL, "serve", MODEL, "--port", str(port), "--threads", "100"]
-        with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
-            found = []
-            while 200 not in [ready for _, ready, _ in found]:
-                try:
-                    with Client(port) as client:
-                        paths = [request("GET", "/health"), request("GET", "/ready"),
-                                 request("POST", "/recognize", NPY, LINE)]
-                        found.append([client.send(path).answer()[0] for path in paths])
-                except ConnectionError:
+
+        def statuses() -> list[int]:
+            with Client(port) as client:
+                return [client.send(path).answer()[0]
+                        for path in [request("GET", "/health"), request("GET", "/ready"),
+                                     request("GET", "/model"),
+                                     request("POST", "/recognize", NPY, LINE)]]
+
+        with tempfile.TemporaryDirectory() as name:
+            pipe = Path(name, "model")
+            os.mkfifo(pipe)
+            command = [TOOL, "serve", pipe, "--port", str(port), "--threads", "3"]
+            with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
+                found = None
+                while found is None:
                     self.assertIsNone(process.poll())
-            process.terminate()
-        self.assertEqual(found[0], [200, 503, 503])
-        self.assertEqual(found[-1], [200, 200, 200])
+                    with contextlib.suppress(ConnectionError):
+                        found = statuses()
+                self.assertEqual(found, [200, 503, 503, 503])
+                pipe.write_bytes(MODEL.read_bytes())
+                self.assertIn(b"listening on", process.stdout.readline())
+                self.assertEqual(statuses(), [200] * 4)
+                process.terminate()
         self.assertEqual(process.returncode, 0)
 
 
