@@ -1,0 +1,335 @@
+"""Writes PyTorch modules as a model file, once it has been run beside them."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Iterator, Sequence
+from contextlib import contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+from numpy.typing import ArrayLike
+from torch import nn
+
+from .. import _core, model
+from ..arrays import floats_of
+from ..errors import ExportError, HandwritingError, InputError
+from ..network import Network
+from ..recognizer import Recognizer
+from . import checks
+from .graph import Compiled, compile_module
+from .rules import Floats
+
+RANDOM_FRAMES = 64
+CHUNK = 16  # frames that the second network of a recognizer gets at a time
+
+
+@dataclass(frozen=True)
+class LayerReport:
+    """A layer that was written: its position from 0, its dimensions, its parameters, and the
+    operation of the module that it stands for; with check_fixed how far the output of its 8-bit form
+    is from that of PyTorch's layer, relative to the largest value there."""
+
+    position: int
+    marker: str
+    input_dim: int
+    output_dim: int
+    parameters: int
+    operation: str
+    fixed_deviation: float | None = None
+
+
+@dataclass(frozen=True)
+class NetworkReport:
+    """A network that was written.
+
+    deviation: the largest difference between library and PyTorch.
+    largest: the largest value that PyTorch gave.
+    rounding: the largest difference that rounded parameters make in PyTorch; None where none is.
+    frames: the lengths of the lines that were compared.
+    chunk: frames of the chunks in which they were compared as well; None where the network needs
+        whole lines.
+    layers: the layers.
+    """
+
+    deviation: float
+    largest: float
+    rounding: float | None
+    frames: tuple[int, ...]
+    chunk: int | None
+    layers: tuple[LayerReport, ...]
+
+
+@dataclass(frozen=True)
+class Report:
+    """What `export` wrote: the path and its bytes, the networks, whether the features were random,
+    and the path of the 8-bit form, None where it was not asked for."""
+
+    path: Path
+    bytes: int
+    networks: tuple[NetworkReport, ...]
+    random_features: bool
+    fixed_path: Path | None = None
+    fixed_bytes: int = 0
+
+    def __str__(self) -> str:
+        features = "random features" if self.random_features else "the features given"
+        lines = [f"{self.path}: {self.bytes} bytes, compared with PyTorch on {features}"]
+        if self.fixed_path is not None:
+            lines.append(f"{self.fixed_path}: {self.fixed_bytes} bytes")
+        for number, network in enumerate(self.networks, 1):
+            lines += _text_of(number, network)
+        return "\n".join(lines)
+
+
+def _text_of(number: int, network: NetworkReport) -> Iterator[str]:
+    counts = ", ".join(map(str, network.frames))
+    chunks = "" if network.chunk is None else f" and in chunks of {network.chunk}"
+    yield (
+        f"network {number}: differs by {network.deviation:.2g} at most (largest value "
+        f"{network.largest:.3g}) on {counts} frames, whole{chunks}"
+    )
+    if network.rounding is not None:
+        yield f"  parameters rounded to binary16 change PyTorch's own result by {network.rounding:.2g}"
+    width = max(len(layer.marker) for layer in network.layers)
+    for layer in network.layers:
+        dims = f"{layer.input_dim:5} -> {layer.output_dim:<5}"
+        fixed = "" if layer.fixed_deviation is None else f"  8-bit {layer.fixed_deviation:8.2g}"
+        yield (
+            f"  {layer.position:3} {layer.marker:{width}} {dims} {layer.parameters:8} parameters"
+            f"{fixed}  {layer.operation}"
+        )
+
+
+def export(
+    path: str | os.PathLike[str],
+    networks: Sequence[nn.Module],
+    features: ArrayLike | None = None,
+    tolerance: float = 1e-3,
+    *,
+    input_dim: int | None = None,
+    streaming: bool = False,
+    check_fixed: bool = False,
+) -> Report:
+    """Writes modules as the networks of a model file; returns what was written.
+
+    networks: modules that take and give lines x frames x columns, each what the one before it gives.
+        A recognizer has two: the first gets whole lines, the second chunks of 16 frames; both give
+        as many frames as they get. Modules are taken in evaluation mode and keep their own.
+    features: frames x columns to compare with, or random ones in 0 … 1 when None.
+    tolerance: largest difference between library and PyTorch, relative to the largest value of a
+        line where that is more than 1.
+    input_dim: columns of the features, where these are None and the module does not tell.
+    streaming: writes convolutions, pooling, padding and joins in their forms for inputs that come in
+        chunks.
+    check_fixed: also writes the 8-bit form, PATH with "-fixed" before its suffix, and reports how far
+        every layer of it is from PyTorch.
+
+    The file takes its name only when library and PyTorch agree, on lines of 1 frame, 2, all and a
+    larger prime number of frames, whole, and in chunks where the network can.
+
+    Raises ExportError that names all operations that no layer computes, each with its place and what
+    could stand in it, or the first layer that differs. Nothing is written then.
+    """
+    modules = list(networks)
+    if isinstance(networks, nn.Module) and not isinstance(networks, (nn.Sequential, nn.ModuleList)):
+        raise ExportError("networks: a list of modules wanted, one for every network")
+    with _evaluation(modules):
+        lines = _lines(features, modules, input_dim)
+        compiled = _compile(modules, lines[0].shape[1], streaming)
+        return _write_checked(Path(path), compiled, lines, tolerance, features is None, check_fixed)
+
+
+@contextmanager
+def _evaluation(modules: Sequence[nn.Module]) -> Iterator[None]:
+    """Evaluation mode, and then the mode that every module had."""
+    modes = [(each, each.training) for module in modules for each in module.modules()]
+    try:
+        for module in modules:
+            module.eval()
+        yield
+    finally:
+        for each, mode in modes:
+            each.training = mode
+
+
+def _lines(features: ArrayLike | None, modules: Sequence[nn.Module], dim: int | None) -> list[Floats]:
+    """Lines of 1 frame, 2, all, and a larger prime number of frames."""
+    if features is None:
+        dim = dim or _dim_of(modules[0] if modules else nn.Identity())
+        frames = np.random.default_rng(1).random((RANDOM_FRAMES, dim), np.float32)
+    else:
+        frames = floats_of(features, "features", "frames x columns", 2, True)
+        if frames.size == 0:
+            raise InputError("features: no values")
+    repeated = np.concatenate([frames] * (2 + 2 // len(frames)))
+    counts = sorted({1, 2, len(frames), _prime_after(len(frames))})
+    return [np.ascontiguousarray(repeated[:count]) for count in counts]
+
+
+def _prime_after(number: int) -> int:
+    while True:
+        number += 1
+        if number > 2 and all(number % each for each in range(2, int(number**0.5) + 1)):
+            return number
+
+
+def _dim_of(module: nn.Module) -> int:
+    """The columns that a module takes, as its first layer with parameters says."""
+    names = ("in_features", "input_size", "in_channels", "num_features", "embed_dim", "dim")
+    for each in module.modules():
+        for name in names:
+            if isinstance(getattr(each, name, None), int):
+                return int(getattr(each, name))
+        if isinstance(each, nn.LayerNorm):
+            return int(each.normalized_shape[-1])
+    raise ExportError("how many columns a frame has is not known: give features, or input_dim")
+
+
+def _compile(modules: Sequence[nn.Module], dim: int, streaming: bool) -> list[Compiled]:
+    compiled: list[Compiled] = []
+    problems = [] if modules else ["no network"]
+    for number, module in enumerate(modules, 1):
+        try:
+            compiled.append(compile_module(module, dim, streaming))
+            problems += [
+                f"network {number}: {each}" for each in _values_not_finite(compiled[-1].layers)
+            ]
+            dim = compiled[-1].output_dim
+        except ExportError as error:
+            problems += [f"network {number}: {each}" for each in str(error).split("\n\n")]
+            break
+    if problems:
+        raise ExportError("\n".join(problems))
+    return compiled
+
+
+def _values_not_finite(layers: Sequence[model.Layer]) -> Iterator[str]:
+    for position, layer in enumerate(layers):
+        for name, value in vars(layer).items():
+            for each in vars(value).values() if hasattr(value, "input_weights") else [value]:
+                if isinstance(each, np.ndarray) and not np.isfinite(each).all():
+                    yield f"layer {position} {layer.marker}: {name} has values that are not finite"
+
+
+def _write_checked(
+    path: Path, networks: Sequence[Compiled], lines: Sequence[Floats], tolerance: float, is_random: bool,
+    check_fixed: bool,
+) -> Report:
+    try:
+        stored = model.model_bytes([each.layers for each in networks])
+        reports = _check(stored, networks, lines, tolerance)
+        fixed = _core.convert(stored, path.name, True)[0] if check_fixed else b""
+        if check_fixed:
+            reports = _with_fixed(reports, fixed, networks, lines[-1])
+    except HandwritingError as error:
+        raise error if isinstance(error, ExportError) else ExportError(str(error)) from error
+    fixed_path = path.with_name(f"{path.stem}-fixed{path.suffix}") if check_fixed else None
+    for name, content in [(path, stored)] + ([(fixed_path, fixed)] if fixed_path else []):
+        _write(name, content)
+    return Report(path, len(stored), tuple(reports), is_random, fixed_path, len(fixed))
+
+
+def _write(path: Path, content: bytes) -> None:
+    temporary = path.with_name(f"{path.name}.{os.getpid()}.tmp")
+    try:
+        temporary.write_bytes(content)
+        os.replace(temporary, path)
+    finally:
+        temporary.unlink(missing_ok=True)
+
+
+def _check(
+    stored: bytes, networks: Sequence[Compiled], lines: Sequence[Floats], tolerance: float
+) -> list[NetworkReport]:
+    if len(networks) == 2:
+        Recognizer(stored).close()
+    reports = []
+    for index, network in enumerate(networks):
+        is_second = len(networks) == 2 and index == 1
+        blocker = checks.first_without_stream(network.layers)
+        chunk = CHUNK if is_second or blocker is None else None
+        exact = _exact(network, lines)
+        try:
+            with checks.as_stored(networks):
+                apart, counts, outputs = checks.check_network(
+                    stored, index, network, lines, chunk, tolerance
+                )
+            if len(networks) == 2 and [len(each) for each in outputs] != counts:
+                raise ExportError(f"{counts} frames give {[len(each) for each in outputs]}: a "
+                                  "recognizer's networks give as many frames as they get")
+        except ExportError as error:
+            hint = ""
+            if is_second and blocker is not None and "in chunks" in str(error):
+                marker = network.layers[blocker].marker
+                hint = (
+                    f"\n    a recognizer gives its second network {CHUNK} frames at a time, and layer "
+                    f"{blocker} {marker} needs whole lines: move it into the first network"
+                )
+            raise ExportError(f"network {index + 1}: {error}{hint}") from error
+        rounding = None
+        if network.rounded.parameters:
+            rounding = max(
+                checks.deviation(a, b).absolute for a, b in zip(exact, outputs)
+            )
+        reports.append(_report(network, apart, rounding, counts, chunk))
+        lines = outputs
+    return reports
+
+
+def _exact(network: Compiled, lines: Sequence[Floats]) -> list[Floats]:
+    """What the module gives with its own parameters; nothing where that is not asked for."""
+    if not network.rounded.parameters:
+        return []
+    return [checks.run_torch(network, frames) for frames in lines]
+
+
+def _report(
+    network: Compiled, apart: checks.Deviation, rounding: float | None, counts: Sequence[int],
+    chunk: int | None,
+) -> NetworkReport:
+    layers = tuple(
+        LayerReport(
+            i, layer.marker, int(layer.input_dim or 0), int(layer.output_dim or 0),
+            _parameters(layer), network.paths.get(owner, ""),
+        )
+        for i, (layer, owner) in enumerate(zip(network.layers, network.owners))
+    )
+    return NetworkReport(
+        apart.absolute, apart.largest, rounding, tuple(counts), chunk, layers
+    )
+
+
+def _parameters(value: Any) -> int:
+    """Values of the arrays of a layer and of those in it."""
+    if isinstance(value, np.ndarray):
+        return value.size
+    if isinstance(value, list):
+        return sum(map(_parameters, value))
+    return sum(map(_parameters, vars(value).values())) if hasattr(value, "__dict__") else 0
+
+
+def _with_fixed(
+    reports: Sequence[NetworkReport], fixed: bytes, networks: Sequence[Compiled], frames: Floats
+) -> list[NetworkReport]:
+    """The reports, with how far every layer of the 8-bit form is from that of the float form."""
+    from dataclasses import replace
+
+    stored = model.model_bytes([each.layers for each in networks])
+    found = []
+    for index, report in enumerate(reports):
+        with Network(stored, index) as exact, Network(fixed, index) as rounded:
+            pairs = zip(exact.trace(frames, last=True), rounded.trace(frames, last=True))
+            layers = [
+                replace(layer, fixed_deviation=checks.deviation(b.output, a.output).relative)
+                for layer, (a, b) in zip(report.layers, pairs)
+            ]
+            frames = _rows_of(networks[index], frames)
+        found.append(replace(report, layers=tuple(layers)))
+    return found
+
+
+def _rows_of(network: Compiled, frames: Floats) -> Floats:
+    return checks.run_torch(network, frames)
