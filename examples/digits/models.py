@@ -15,6 +15,10 @@ import numpy as np
 import torch
 from torch import nn
 
+import package  # noqa: F401
+from handwriting_forward import torch as exporter
+from handwriting_forward.torch import Fsmn, PositionalEncoding, Report
+
 FRAME_DIM = 8
 BLANK = 0
 CLASSES = 11  # the blank, then the digits: class k + 1 is digit k
@@ -71,19 +75,6 @@ class ConvGruReader(nn.Module):
         return self.dropout(hidden)
 
 
-class PositionalEncoding(nn.Module):
-    """Adds sines and cosines of the frame number to the columns of a frame."""
-
-    def __init__(self, dim: int, most_frames: int = 1024) -> None:
-        super().__init__()
-        angles = torch.arange(most_frames)[:, None] * 10000 ** (-torch.arange(0, dim, 2) / dim)
-        waves = torch.stack([angles.sin(), angles.cos()], dim=2).flatten(1)
-        self.register_buffer("pe", waves[None], persistent=False)
-
-    def forward(self, x: torch.Tensor) -> torch.Tensor:
-        return x + self.pe[:, : x.size(1)]
-
-
 class TransformerReader(nn.Module):
     """A convolution, the position of every frame, and layers of attention."""
 
@@ -106,18 +97,6 @@ class TransformerReader(nn.Module):
     def forward(self, frames: torch.Tensor) -> torch.Tensor:
         seen = self.convolutions(frames.transpose(1, 2)).transpose(1, 2)
         return self.norm(self.encoder(self.position(seen)))
-
-
-class Fsmn(nn.Module):
-    """A memory block: to every frame, a weighted sum of those around it, column by column."""
-
-    def __init__(self, dim: int, before: int, after: int) -> None:
-        super().__init__()
-        self.pad = nn.ConstantPad1d((before, after), 0.0)
-        self.filter = nn.Conv1d(dim, dim, before + after + 1, groups=dim, bias=False)
-
-    def forward(self, x: torch.Tensor) -> torch.Tensor:
-        return x + self.filter(self.pad(x.transpose(1, 2))).transpose(1, 2)
 
 
 class ColumnNorm(nn.BatchNorm1d):
@@ -200,11 +179,10 @@ def load(name: str, path: Path | None = None) -> nn.ModuleList:
     return networks.eval()
 
 
-def export(networks: nn.ModuleList, path: Path) -> None:
-    """Writes a model file of the library, checked against PyTorch on a line's worth of frames."""
-    from handwriting_forward.torch import export as export_networks
-
-    export_networks(path, list(networks), features=torch.rand(64, FRAME_DIM).numpy())
+def export(networks: nn.ModuleList, path: Path, frames: np.ndarray) -> Report:
+    """Writes a model file of the library and its fixed-point form, checked against PyTorch on the
+    frames of a line."""
+    return exporter.export(path, networks, frames, check_fixed=True)
 
 
 @torch.no_grad()

@@ -99,10 +99,14 @@ def user_seconds() -> float:
     return resource.getrusage(resource.RUSAGE_SELF).ru_utime
 
 
+def validation_lines() -> list[lines.Line]:
+    lengths = [DIGITS_PER_LINE] * VALIDATION_LINES
+    return lines.make_lines(lines.load_training()[1], lengths, seed=0)
+
+
 def validation_error(model: nn.ModuleList) -> float:
     """The label error rate of best paths on lines of validation digits."""
-    lengths = [DIGITS_PER_LINE] * VALIDATION_LINES
-    made = lines.make_lines(lines.load_training()[1], lengths, seed=0)
+    made = validation_lines()
     found = [models.best_path(model, line.frames) for line in made]
     return label_error_rate(found, [line.digits for line in made])
 
@@ -123,8 +127,8 @@ def main() -> None:
     print(f"trained in {user_seconds() / 60:.1f} minutes of user time")
     models.save(trained, out.with_suffix(".pt"))
     model = models.load(options.model, out.with_suffix(".pt"))  # what is in the file counts
+    print(models.export(model, out, validation_lines()[0].frames))
     error = validation_error(model)
-    models.export(model, out)
     print(
         f"label error rate of {options.model} on {VALIDATION_LINES} lines of {DIGITS_PER_LINE} "
         f"validation digits: {100 * error:.2f} %"

@@ -95,7 +95,15 @@ class Deviation:
         return Deviation(max(self.absolute, other.absolute), max(self.largest, other.largest))
 
 
-def deviation(found: Floats, wanted: Floats) -> Deviation:
+# The library takes the logarithm of a probability that is a float32: of one below its smallest
+# numbers it gives about this, PyTorch goes on.
+_LEAST_LOGARITHM = -87.0
+
+
+def deviation(found: Floats, wanted: Floats, layer: model.Layer | None = None) -> Deviation:
+    """How far the output of a layer is from what is wanted."""
+    if isinstance(layer, model.LogSoftmax):
+        found, wanted = np.maximum(found, _LEAST_LOGARITHM), np.maximum(wanted, _LEAST_LOGARITHM)
     if found.shape != wanted.shape or not np.isfinite(wanted).all():
         return Deviation(np.inf, 0.0)
     if wanted.size == 0:
@@ -157,7 +165,7 @@ def _checked(
             found = in_chunks(network, frames, cuts, mark_last=True)
         except RunError as error:
             raise ExportError(f"{count} frames, {way}: {error}") from error
-        apart = deviation(found, wanted)
+        apart = deviation(found, wanted, compiled.layers[-1])
         if not apart.relative <= tolerance:
             place = ""
             if way == "whole":
@@ -205,7 +213,7 @@ def _first_difference(network: Network, compiled: Compiled, frames: Floats, tole
         if not isinstance(value, torch.Tensor) or axes is None or "lines" not in axes:
             continue
         wanted, found = _rows(value, axes), steps[position].output
-        if not deviation(found, wanted).relative <= tolerance:
+        if not deviation(found, wanted, compiled.layers[position]).relative <= tolerance:
             return (
                 f"\n    first at layer {position} {steps[position].marker}, which stands for "
                 f"{compiled.paths[name]}: {_apart(found, wanted)}"

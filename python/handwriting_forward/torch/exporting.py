@@ -133,9 +133,9 @@ def export(
     Raises ExportError that names all operations that no layer computes, each with its place and what
     could stand in it, or the first layer that differs. Nothing is written then.
     """
-    modules = list(networks)
-    if isinstance(networks, nn.Module) and not isinstance(networks, (nn.Sequential, nn.ModuleList)):
+    if not isinstance(networks, (list, tuple, nn.ModuleList)):
         raise ExportError("networks: a list of modules wanted, one for every network")
+    modules = list(networks)
     with _evaluation(modules):
         lines = _lines(features, modules, input_dim)
         compiled = _compile(modules, lines[0].shape[1], streaming)

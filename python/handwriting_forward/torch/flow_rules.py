@@ -13,7 +13,7 @@ from torch import nn
 from .. import model
 from .dense_rules import scaled, shifted
 from .rules import FRAMES_FIRST, PLANES, ROWS, Axes, Flow, Step, Unmapped, Varying, rule
-from .sequence_rules import is_positional_encoding
+from .sequence_rules import STATE, is_positional_encoding
 from .tracer import EXAMPLES
 
 # --- arithmetic
@@ -257,6 +257,8 @@ def _frame(step: Step, flow: Flow, index: int) -> Flow:
 @rule(operator.getitem)
 def get_item(step: Step, input: Any, index: Any) -> Any:
     """frames `x[:, a:-b]` `Splice`, `AddComponent`; `x[:, ::k]` `MaxPool1d`; one frame `SliceComponent`; columns `LinearTransform`"""
+    if input == STATE:
+        return STATE
     if isinstance(input, tuple):
         return input[index]
     flow: Flow = input

@@ -16,7 +16,17 @@ from .. import model
 from ..errors import ExportError
 from . import tracer
 from .chain import FRAME, ROWS, Axes, Chain, Data, Flow
-from .rules import Rounded, Step, Unmapped, Varying, name_of, rule_of_module, rule_of_target
+from .rules import (
+    INSTEAD,
+    OWN_RULE,
+    Rounded,
+    Step,
+    Unmapped,
+    Varying,
+    name_of,
+    rule_of_module,
+    rule_of_target,
+)
 from .sequence_rules import STATE
 
 # Operations that give numbers or new tensors of a size, whatever the values in what they are given.
@@ -24,27 +34,6 @@ _ABOUT_SHAPES = (
     *("size", "dim", "ndimension", "numel", "new_zeros", "new_ones", "new_full"),
     *(torch.zeros_like, torch.ones_like),
 )
-
-# What could stand in the place of some operations that no layer computes.
-_INSTEAD: dict[Any, str] = {
-    nn.GELU: "nn.ReLU",
-    nn.SiLU: "nn.ReLU",
-    nn.ELU: "nn.LeakyReLU",
-    nn.functional.gelu: "relu",
-    nn.functional.silu: "relu",
-    nn.Embedding: "features that are one-hot, and nn.Linear(..., bias=False)",
-    nn.RNN: "nn.GRU or nn.LSTM",
-    nn.LSTMCell: "nn.LSTM over whole lines",
-    nn.GRUCell: "nn.GRU over whole lines",
-    nn.GroupNorm: "nn.LayerNorm or nn.BatchNorm1d",
-    nn.InstanceNorm1d: "nn.LayerNorm or nn.BatchNorm1d",
-    nn.MultiheadAttention: "nn.TransformerEncoderLayer(norm_first=True, activation='relu')",
-    "masked_fill": "whole lines without padding",
-    torch.matmul: "nn.Linear, or nn.TransformerEncoderLayer",
-    operator.matmul: "nn.Linear, or nn.TransformerEncoderLayer",
-}
-_OWN_RULE = "a rule of your own: handwriting_forward.torch.rule"
-
 
 @dataclass
 class Compiled:
@@ -129,6 +118,8 @@ class _Compiler:
             self.flows[node.name] = Flow(self.chain.current, ROWS)
         elif any(each.name in self._lost for each in node.all_input_nodes):
             self._lost.add(node.name)
+            if node.op == "call_module" and inputs and inputs[0] is node.args[0]:
+                self._map(node, inputs)  # which may refuse what it is given beside its input
         elif node.op == "output":
             self._end(node)
         elif inputs and not self._is_about_shapes(node):
@@ -145,7 +136,7 @@ class _Compiler:
         self.paths[node.name] = self._path(node)
         if rule is None:
             kind = node.target if module is None else type(module)
-            instead = _INSTEAD.get(kind, _OWN_RULE)
+            instead = INSTEAD.get(kind, OWN_RULE)
             self._refuse(node, "no layer of the library computes it", instead)
             return
         flows = [self.flows[each.name] for each in inputs]
@@ -153,7 +144,7 @@ class _Compiler:
             self.chain, node.name, flows, _shapes(node), _shapes(inputs[0]), self.streaming, self.rounded
         )
         try:
-            if any(flow == STATE for flow in flows):
+            if STATE in flows and node.target is not operator.getitem:
                 raise Unmapped(f"{STATE}, which no layer gives", "the last frame of the output")
             result = self._call(rule, step, node, module)
             self._check(result, _shapes(node)[0])
@@ -213,7 +204,8 @@ class _Compiler:
         result = node.args[0]
         flow = self.flows.get(result.name) if isinstance(result, fx.Node) else None
         if not isinstance(flow, Flow) or flow.axes not in (ROWS, FRAME) or flow.planes:
-            found = f"{' x '.join(flow.axes)} found" if isinstance(flow, Flow) else "none found"
+            found = " x ".join(flow.axes) if isinstance(flow, Flow) else type(result).__name__
+            found += " found"
             self._refuse(node, found, "one tensor, lines x frames x columns")
             return
         self.chain.fetch(flow.data, node.name)
@@ -270,15 +262,7 @@ class _Given:
 
     def __init__(self, node: fx.Node) -> None:
         first, second = node.meta["values"]
-        self.value = first if _same(first, second) else Varying((first, second))
-
-
-def _same(a: Any, b: Any) -> bool:
-    if isinstance(a, torch.Tensor):
-        return a.shape == b.shape and torch.equal(a, b)
-    if isinstance(a, (tuple, list)):
-        return len(a) == len(b) and all(map(_same, a, b))
-    return bool(a == b)
+        self.value = Varying((first, second)) if node.meta["varies"] else first
 
 
 def _fold_column_scalings(chain: Chain) -> None:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import operator
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
 from typing import Any, TypeVar
@@ -110,6 +111,27 @@ def name_of(target: Any) -> str:
         if module == home or module.startswith(home + "."):
             return f"{short}.{name}"
     return f"{module}.{name}"
+
+
+# What could stand in the place of some operations that no layer computes.
+INSTEAD: dict[Any, str] = {
+    nn.GELU: "nn.ReLU",
+    nn.SiLU: "nn.ReLU",
+    nn.ELU: "nn.LeakyReLU",
+    nn.functional.gelu: "relu",
+    nn.functional.silu: "relu",
+    nn.Embedding: "features that are one-hot, and nn.Linear(..., bias=False)",
+    nn.RNN: "nn.GRU or nn.LSTM",
+    nn.LSTMCell: "nn.LSTM over whole lines",
+    nn.GRUCell: "nn.GRU over whole lines",
+    nn.GroupNorm: "nn.LayerNorm or nn.BatchNorm1d",
+    nn.InstanceNorm1d: "nn.LayerNorm or nn.BatchNorm1d",
+    nn.MultiheadAttention: "nn.TransformerEncoderLayer(norm_first=True, activation='relu')",
+    "masked_fill": "whole lines without padding",
+    torch.matmul: "nn.Linear, or nn.TransformerEncoderLayer",
+    operator.matmul: "nn.Linear, or nn.TransformerEncoderLayer",
+}
+OWN_RULE = "a rule of your own: handwriting_forward.torch.rule"
 
 
 def array_of(tensor: Any) -> Floats:

@@ -20,9 +20,11 @@ from torch import fx, nn
 from torch.fx.node import map_arg
 
 from ..errors import ExportError
+from .rules import INSTEAD, name_of
 
-# Lines and frames of the two examples: primes, so that no width is taken for one of them.
-EXAMPLES = ((2, 29), (3, 31))
+# Lines and frames of the two examples: primes, so that no width is taken for one of them, and apart,
+# so that strides leave different numbers of frames.
+EXAMPLES = ((2, 61), (3, 101))
 
 _OWN = (str(Path(torch.__file__).parent), str(Path(__file__).parent))
 _PLAIN = (int, float, bool, torch.dtype, torch.device, torch.layout)
@@ -144,8 +146,14 @@ class Tracer(fx.Tracer):
         self._carries_out = True
         try:
             node.meta["values"] = tuple(self._carry_out(node, i) for i in range(len(self._examples)))
+        except Exception as error:
+            if node.op != "call_module":
+                raise
+            module = self.root.get_submodule(str(node.target))
+            raise Refused(_failed(node, module, error)) from error
         finally:
             self._carries_out = False
+        node.meta["varies"] = _varies(node)
         return node
 
     def _carry_out(self, node: fx.Node, example: int) -> Any:
@@ -172,8 +180,8 @@ class Tracer(fx.Tracer):
     def _plain(node: fx.Node, proxy: fx.Proxy) -> Any:
         """A width, a rank or a type, which is the same for every input, is no stand-in, and a tuple
         is one of stand-ins."""
-        first, second = node.meta["values"]
-        if node.op.startswith("call") and isinstance(first, _PLAIN) and first == second:
+        first = node.meta["values"][0]
+        if isinstance(first, _PLAIN) and not node.meta["varies"]:
             node.graph.erase_node(node)
             return first
         if node.op.startswith("call") and type(first) in (tuple, list, torch.Size):
@@ -187,6 +195,29 @@ class Tracer(fx.Tracer):
         )
 
 
+# What asks for a size or a type: the same for every input where it is for the two examples.
+_ASK = ("size", "dim", "ndimension", "is_floating_point", getattr)
+
+
+def _varies(node: fx.Node) -> bool:
+    """Whether what an operation gives depends on the input, or on its number of lines or frames."""
+    if node.op in ("get_attr", "placeholder"):
+        return node.op == "placeholder"
+    first, second = node.meta["values"]
+    part_of_size = node.target is operator.getitem and isinstance(first, int)
+    if node.target in _ASK or part_of_size:
+        return bool(not isinstance(first, torch.Tensor) and first != second)
+    return any(each.meta["varies"] for each in node.all_input_nodes)
+
+
+def _failed(node: fx.Node, module: nn.Module, error: Exception) -> str:
+    """What is to be said of a module that PyTorch cannot run on an example."""
+    lines = [f"{path_of(str(node.target))} ({name_of(type(module))}): {error}".strip()]
+    lines += [f"at {node.meta['line']}"] if node.meta["line"] else []
+    lines += [f"instead: {INSTEAD[type(module)]}"] if type(module) in INSTEAD else []
+    return "\n    ".join(lines)
+
+
 def trace(
     module: nn.Module, is_leaf: Callable[[nn.Module], bool], examples: tuple[Any, ...]
 ) -> tuple[Root, fx.Graph]:
@@ -194,7 +225,7 @@ def trace(
     source that cannot be recorded."""
     tracer, root = Tracer(is_leaf, examples), Root(module)
     try:
-        with _zeros_recorded():
+        with _sizes_recorded():
             graph = tracer.trace(root)
             return root, graph
     except Refused:
@@ -217,19 +248,30 @@ def _lines_of(error: BaseException) -> list[str]:
 
 
 @contextlib.contextmanager
-def _zeros_recorded() -> Iterator[None]:
-    """torch.zeros of a recorded size is recorded, as are its methods."""
-    real = torch.zeros
+def _sizes_recorded() -> Iterator[None]:
+    """New tensors of a recorded size are recorded."""
+    real = {name: getattr(torch, name) for name in ("zeros", "ones", "full", "arange")}
 
-    def zeros(*size: Any, **options: Any) -> Any:
-        flat = size[0] if len(size) == 1 and isinstance(size[0], (tuple, list)) else size
-        for each in flat:
-            if isinstance(each, fx.Proxy):
-                return each.tracer.create_proxy("call_function", real, size, options)
-        return real(*size, **options)
+    def recorded(make: Callable[..., Any]) -> Callable[..., Any]:
+        def wrapper(*args: Any, **kwargs: Any) -> Any:
+            proxies: list[fx.Proxy] = []
+            fx.node.map_aggregate((args, kwargs), lambda each: _collect(each, proxies))
+            if proxies:
+                return proxies[0].tracer.create_proxy("call_function", make, args, kwargs)
+            return make(*args, **kwargs)
 
-    torch.zeros = zeros
+        return wrapper
+
+    for name, make in real.items():
+        setattr(torch, name, recorded(make))
     try:
         yield
     finally:
-        torch.zeros = real
+        for name, make in real.items():
+            setattr(torch, name, make)
+
+
+def _collect(value: Any, proxies: list[fx.Proxy]) -> Any:
+    if isinstance(value, fx.Proxy):
+        proxies.append(value)
+    return value
