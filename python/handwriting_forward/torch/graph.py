@@ -23,6 +23,7 @@ from .rules import (
     Step,
     Unmapped,
     Varying,
+    array_of,
     name_of,
     rule_of_module,
     rule_of_target,
@@ -292,18 +293,17 @@ def _scaling(layer: model.Layer) -> tuple[Any, Any] | None:
 
 
 def _folded(layer: model.Layer, scale: Any, shift: Any) -> model.Layer | None:
-    if type(layer) in (model.AffineTransform, model.LinearTransform):
-        weights = np.float32(np.float64(layer.weights) * scale[:, None])
-        if isinstance(layer, model.LinearTransform) and not shift.any():
-            layer.weights = weights
-            return layer
-        bias = getattr(layer, "bias", np.zeros(len(scale))) * scale + shift
+    if isinstance(layer, (model.AffineTransform, model.LinearTransform)):
+        weights = array_of(np.asarray(layer.weights) * scale[:, None])
         dims = (layer.input_dim, layer.output_dim)
-        return model.AffineTransform(*dims, bias=np.float32(bias), weights=weights)
+        if isinstance(layer, model.LinearTransform) and not shift.any():
+            return model.LinearTransform(*dims, weights=weights)
+        bias = getattr(layer, "bias", np.zeros(len(scale))) * scale + shift
+        return model.AffineTransform(*dims, bias=array_of(bias), weights=weights)
     if isinstance(layer, model.Conv1d):
         bias = layer.bias_vector if layer.has_bias else np.zeros(len(scale))
-        layer.kernel = np.float32(np.float64(layer.kernel) * scale[:, None, None])
-        layer.bias_vector = np.float32(bias * scale + shift)
+        layer.kernel = array_of(layer.kernel * scale[:, None, None])
+        layer.bias_vector = array_of(bias * scale + shift)
         layer.has_bias = 1
         return layer
     return None

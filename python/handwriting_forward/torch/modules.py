@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-from typing import cast
-
 import torch
 from torch import nn
 
@@ -15,6 +13,8 @@ class PositionalEncoding(nn.Module):
     Lines x frames x dim in and out, any number of frames.
     """
 
+    waves: torch.Tensor
+
     def __init__(self, dim: int) -> None:
         super().__init__()
         self.dim = dim
@@ -23,11 +23,11 @@ class PositionalEncoding(nn.Module):
     def forward(self, x: torch.Tensor) -> torch.Tensor:
         frames = x.size(-2)
         if len(self.waves) < frames:
-            self.waves = waves(frames, self.dim).to(x)
+            self.waves = encoding(frames, self.dim).to(x)
         return x + self.waves[:frames].to(x.dtype)
 
 
-def waves(frames: int, dim: int) -> torch.Tensor:
+def encoding(frames: int, dim: int) -> torch.Tensor:
     """What positional encoding adds, frames x dim."""
     columns = torch.arange(dim, dtype=torch.float64)
     frequencies = 10000 ** (-(columns - columns % 2) / dim)
@@ -57,4 +57,4 @@ class Fsmn(nn.Module):
         padded = nn.functional.pad(x.transpose(1, 2), edges)
         kernel = self.weight.t()[:, None]
         memory = nn.functional.conv1d(padded, kernel, dilation=self.stride, groups=self.dim)
-        return cast(torch.Tensor, x + memory.transpose(1, 2))
+        return x + memory.transpose(1, 2)

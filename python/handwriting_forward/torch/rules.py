@@ -76,7 +76,8 @@ def rule_of_module(module: nn.Module) -> Rule | None:
     """The rule of the nearest class of the module that has one and whose forward it keeps."""
     for kind in type(module).__mro__:
         if kind in _rules:
-            return _rules[kind].rule if type(module).forward is kind.forward else None
+            keeps = type(module).forward is getattr(kind, "forward", None)
+            return _rules[kind].rule if keeps else None
     return None
 
 

@@ -10,7 +10,7 @@ from torch import nn
 
 from .. import model
 from .dense_rules import layer_norm_layer, linear_layer, zeros
-from .modules import Fsmn, PositionalEncoding, waves
+from .modules import Fsmn, PositionalEncoding, encoding
 from .rules import (
     FRAMES_FIRST,
     ROWS,
@@ -203,7 +203,7 @@ def is_positional_encoding(flow: Flow, added: Varying) -> bool:
         and value.numel() == value.shape[-2] * flow.dim
         and torch.allclose(
             value.detach().cpu().float().reshape(-1, flow.dim),
-            waves(value.shape[-2], flow.dim),
+            encoding(value.shape[-2], flow.dim),
             atol=1e-4,
         )
         for value in added.values
@@ -219,9 +219,10 @@ def fsmn(step: Step, module: Fsmn) -> Flow:
     if step.streaming:
         weights[module.before] += 1
         kernel = weights.T[:, None].copy()
-        window = (len(weights), 1, *edges, module.stride)
         return step.add(
-            model.StreamConv1d(flow.dim, flow.dim, *window, groups=flow.dim, kernel=kernel)
+            model.StreamConv1d(
+                flow.dim, flow.dim, len(weights), 1, edges[0], edges[1], module.stride, flow.dim, kernel
+            )
         )
     if any(edges):
         step.add(model.ConstantPad(flow.dim, flow.dim, *edges))

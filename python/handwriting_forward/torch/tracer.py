@@ -129,7 +129,7 @@ class Tracer(fx.Tracer):
         finally:
             self._path.pop()
 
-    def proxy(self, node: fx.Node) -> fx.Proxy:
+    def proxy(self, node: fx.Node) -> Any:
         return _Proxy(node, self)
 
     def is_leaf_module(self, module: nn.Module, name: str) -> bool:
@@ -140,7 +140,7 @@ class Tracer(fx.Tracer):
         return self._plain(proxy.node, proxy)
 
     def create_node(self, *args: Any, **kwargs: Any) -> fx.Node:
-        node = super().create_node(*args, **kwargs)
+        node: fx.Node = super().create_node(*args, **kwargs)
         node.meta["path"] = self._path[-1] if self._path else ""
         node.meta["line"] = user_line(sys._getframe(1))
         self._carries_out = True
@@ -166,18 +166,19 @@ class Tracer(fx.Tracer):
 
         args, kwargs = map_arg(node.args, value_of), map_arg(node.kwargs, value_of)
         if node.op == "get_attr":
-            return operator.attrgetter(node.target)(self.root)
+            return operator.attrgetter(str(node.target))(self.root)
         if node.op == "output":
             return args[0]
         with torch.no_grad():
             if node.op == "call_module":
-                return self.root.get_submodule(node.target)(*args, **kwargs)
+                return self.root.get_submodule(str(node.target))(*args, **kwargs)
             if node.op == "call_method":
-                return getattr(args[0], node.target)(*args[1:], **kwargs)
-            return node.target(*args, **kwargs)
+                return getattr(args[0], str(node.target))(*args[1:], **kwargs)
+            function: Any = node.target
+            return function(*args, **kwargs)
 
     @staticmethod
-    def _plain(node: fx.Node, proxy: fx.Proxy) -> Any:
+    def _plain(node: fx.Node, proxy: Any) -> Any:
         """A width, a rank or a type, which is the same for every input, is no stand-in, and a tuple
         is one of stand-ins."""
         first = node.meta["values"][0]

@@ -9,7 +9,7 @@ from torch import nn
 from torch.nn import functional
 
 from .. import model
-from .rules import CHANNELS_FIRST, FRAMES_FIRST, ROWS, Flow, Step, Unmapped, array_of, rule
+from .rules import CHANNELS_FIRST, FRAMES_FIRST, ROWS, Floats, Flow, Step, Unmapped, array_of, rule
 
 # Layers whose output is never below 0, so that a frame of zeros beside it is never the largest.
 _NEVER_NEGATIVE = (model.ReLU, model.Sigmoid, model.Softmax)
@@ -36,15 +36,18 @@ def _pad(step: Step, flow: Flow, edges: tuple[int, int], mode: str, value: float
     raise Unmapped(f"padding by {mode}", "zeros or reflect")
 
 
+def _bias(bias: Any, otherwise: int) -> Floats:
+    """A bias, or so many zeros in its place."""
+    return np.zeros(otherwise, np.float32) if bias is None else array_of(bias)
+
+
 def _convolve(
     step: Step, weight: Any, bias: Any, stride: Any, edges: tuple[int, int], dilation: Any, groups: int
 ) -> Flow:
     outputs, _, taps = weight.shape
-    kind = model.StreamConv1d if step.streaming else model.Conv1d
-    layer = kind(
-        step.inputs[0].dim, outputs, taps, _one(stride), *edges, _one(dilation),
-        groups=groups, kernel=array_of(weight), bias_vector=np.zeros(0, np.float32) if bias is None else array_of(bias),
-    )
+    kind: Any = model.StreamConv1d if step.streaming else model.Conv1d
+    window = (taps, _one(stride), *edges, _one(dilation), groups)
+    layer = kind(step.inputs[0].dim, outputs, *window, array_of(weight), _bias(bias, 0))
     return step.add(layer)
 
 
@@ -86,17 +89,14 @@ def functional_conv1d(
 def conv_transpose1d(step: Step, module: nn.ConvTranspose1d) -> Flow:
     """`ConvTranspose1d`, streaming `StreamConvTranspose1d`"""
     flow = step.frames_last()
-    kind = model.StreamConvTranspose1d if step.streaming else model.ConvTranspose1d
-    edges = [_one(module.padding)] * 2
-    window = (module.kernel_size[0], module.stride[0], *edges, module.dilation[0])
-    bias = np.zeros(0, np.float32) if module.bias is None else array_of(module.bias)
-    return step.add(
-        kind(
-            flow.dim, module.out_channels, *window, groups=module.groups,
-            kernel=array_of(module.weight), bias_vector=bias,
-            output_padding=_one(module.output_padding),
-        )
+    kind: Any = model.StreamConvTranspose1d if step.streaming else model.ConvTranspose1d
+    edge = _one(module.padding)
+    window = (module.kernel_size[0], module.stride[0], edge, edge, module.dilation[0], module.groups)
+    layer: Any = kind(
+        flow.dim, module.out_channels, *window, array_of(module.weight), _bias(module.bias, 0),
+        output_padding=_one(module.output_padding),
     )
+    return step.add(layer)
 
 
 @rule(nn.MaxPool1d)
@@ -170,12 +170,6 @@ def _is_simple(module: Any) -> bool:
     return window == ((1, 3), (1, 2), (0, 1), (1, 1), 1) and module.padding_mode == "zeros"
 
 
-def _bias_of(module: Any) -> Any:
-    if module.bias is None:
-        return np.zeros(module.out_channels, np.float32)
-    return array_of(module.bias)
-
-
 @rule(nn.Conv2d)
 def conv2d(step: Step, module: nn.Conv2d) -> Flow:
     """`SimpleConv2d1x3s2`, on lines x planes x frames x columns; kernel (1, 3), stride (1, 2), padding (0, 1)"""
@@ -184,7 +178,7 @@ def conv2d(step: Step, module: nn.Conv2d) -> Flow:
         raise Unmapped("another form of Conv2d", _PLANES_FORM)
     dims = (flow.planes, module.out_channels, flow.dim, (flow.dim + 1) // 2)
     kernel = array_of(module.weight)[:, :, 0]
-    return step.add(model.SimpleConv2d1x3s2(*dims, kernel=kernel, bias_vector=_bias_of(module)))
+    return step.add(model.SimpleConv2d1x3s2(*dims, kernel=kernel, bias_vector=_bias(module.bias, module.out_channels)))
 
 
 @rule(nn.ConvTranspose2d)
@@ -195,4 +189,4 @@ def conv_transpose2d(step: Step, module: nn.ConvTranspose2d) -> Flow:
         raise Unmapped("another form of ConvTranspose2d", f"{_PLANES_FORM}, output_padding (0, 1)")
     dims = (flow.planes, module.out_channels, flow.dim, 2 * flow.dim)
     kernel = array_of(module.weight)[:, :, 0].transpose(1, 0, 2).copy()
-    return step.add(model.SimpleDeconv2d1x3s2(*dims, kernel=kernel, bias_vector=_bias_of(module)))
+    return step.add(model.SimpleDeconv2d1x3s2(*dims, kernel=kernel, bias_vector=_bias(module.bias, module.out_channels)))
