@@ -52,15 +52,22 @@ def main(arguments: Sequence[str] | None = None) -> int:
     parser.add_argument("build", type=_function, metavar="FILE:FUNCTION")
     parser.add_argument("out", type=Path, metavar="OUT", help="model file to write")
     parser.add_argument(
-        "--features", type=_features, metavar="NPY",
+        "--features",
+        type=_features,
+        metavar="NPY",
         help="frames x columns to compare with (default: random ones)",
     )
     parser.add_argument("--input-dim", type=int, metavar="N", help="columns of random features")
     parser.add_argument(
-        "--tolerance", type=float, default=1e-3, metavar="X",
+        "--tolerance",
+        type=float,
+        default=1e-3,
+        metavar="X",
         help="largest difference from PyTorch, relative to the largest value (default: %(default)s)",
     )
-    parser.add_argument("--streaming", action="store_true", help="layers for inputs that come in chunks")
+    parser.add_argument(
+        "--streaming", action="store_true", help="layers for inputs that come in chunks"
+    )
     parser.add_argument("--check-fixed", action="store_true", help="also write the 8-bit form")
     given = parser.parse_args(arguments)
 
@@ -68,8 +75,13 @@ def main(arguments: Sequence[str] | None = None) -> int:
 
     try:
         report = export(
-            given.out, given.build(), given.features, given.tolerance, input_dim=given.input_dim,
-            streaming=given.streaming, check_fixed=given.check_fixed,
+            given.out,
+            given.build(),
+            given.features,
+            given.tolerance,
+            input_dim=given.input_dim,
+            streaming=given.streaming,
+            check_fixed=given.check_fixed,
         )
     except (HandwritingError, OSError) as error:
         print(f"export: {error}", file=sys.stderr)

@@ -108,7 +108,11 @@ REFUSED = [
     (nn.Embedding(4, 4), "Embedding", "one-hot"),
     (nn.Sequential(nn.Linear(4, 4), nn.GELU()), "nn.GELU", "instead: nn.ReLU"),
     (nn.Sequential(nn.Linear(4, 4), nn.Softmax(dim=1)), "over frames", "dim=-1"),
-    (nn.TransformerEncoderLayer(4, 2, 8, batch_first=True), "normalisation after", "norm_first=True"),
+    (
+        nn.TransformerEncoderLayer(4, 2, 8, batch_first=True),
+        "normalisation after",
+        "norm_first=True",
+    ),
     (Turned(nn.PReLU(4)), "every column", "one parameter"),
     (nn.LSTM(4, 4, batch_first=True), "the result of forward: tuple found", "one tensor"),
 ]
@@ -243,7 +247,10 @@ def test_fails_beyond_the_tolerance_and_keeps_the_file(tmp_path: Path) -> None:
     modules = recognizer_modules()
     with pytest.raises(ExportError, match="first at layer 1 <LogSoftmax>"):
         export(path, modules, tolerance=1e-9)
-    for values, message in [(np.nan, "weights has values that are not finite"), (1e38, "not finite")]:
+    for values, message in [
+        (np.nan, "weights has values that are not finite"),
+        (1e38, "not finite"),
+    ]:
         modules[0][0].weight.data[:] = values
         with pytest.raises(ExportError, match=message):
             export(path, modules, features=np.full((3, 8), 1e30))
@@ -254,7 +261,9 @@ def test_fails_beyond_the_tolerance_and_keeps_the_file(tmp_path: Path) -> None:
 def test_checks_networks_as_a_recognizer_runs_them(tmp_path: Path) -> None:
     first, second = recognizer_modules()
     whole = nn.Sequential(First(nn.GRU(12, 6, batch_first=True, bidirectional=True)), second)
-    with pytest.raises(ExportError, match="layer 0 <BGru> needs whole lines: move it into the first"):
+    with pytest.raises(
+        ExportError, match="layer 0 <BGru> needs whole lines: move it into the first"
+    ):
         export(tmp_path / "m.bin", [first, whole])
     carried = nn.Sequential(First(nn.GRU(12, 12, batch_first=True)), second)
     assert export(tmp_path / "m.bin", [first, carried]).networks[1].chunk == 16
@@ -304,8 +313,11 @@ def test_runs_from_the_shell(tmp_path: Path) -> None:
     assert "out-fixed.bin" in done.stdout and "1, 2, 5, 7 frames" in done.stdout
     done = run("checkpoint.py:wrong", "wrong.bin", "--input-dim", "3")
     assert done.returncode == 1 and "nn.GELU" in done.stderr and "Traceback" not in done.stderr
-    for place, message in [("checkpoint.py", "FILE:FUNCTION"), ("checkpoint.py:no", "no"),
-                           ("none.py:build", "none.py")]:
+    for place, message in [
+        ("checkpoint.py", "FILE:FUNCTION"),
+        ("checkpoint.py:no", "no"),
+        ("none.py:build", "none.py"),
+    ]:
         done = run(place, "wrong.bin")
         assert done.returncode == 2 and message in done.stderr
     assert not (tmp_path / "wrong.bin").exists()

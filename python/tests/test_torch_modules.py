@@ -158,7 +158,11 @@ LAYERS: list[tuple[str, Callable[[], nn.Module], int]] = [
     ("Lstm", lambda: Output(nn.LSTM(5, 4, batch_first=True)), 5),
     ("Lstm", lambda: Output(nn.LSTM(5, 4, 2, bias=False), batch_first=False), 5),
     ("Blstm", lambda: Output(nn.LSTM(5, 4, 2, bidirectional=True, batch_first=True)), 5),
-    ("LstmProjectedNnet3Streams", lambda: Output(nn.LSTM(5, 4, 2, proj_size=3, batch_first=True)), 5),
+    (
+        "LstmProjectedNnet3Streams",
+        lambda: Output(nn.LSTM(5, 4, 2, proj_size=3, batch_first=True)),
+        5,
+    ),
     (
         "BlstmProjectedNnet3Streams",
         lambda: Output(nn.LSTM(5, 4, 2, proj_size=2, bidirectional=True, batch_first=True)),
@@ -182,13 +186,21 @@ LAYERS: list[tuple[str, Callable[[], nn.Module], int]] = [
     ("FlattenComponent", lambda: Do(lambda p, x: p(x)[..., :3], Planes()), 12),
     ("Encoder", encoder, 8),
     ("Encoder", lambda: nn.TransformerEncoder(encoder(), 2, nn.LayerNorm(8)), 8),
-    ("Encoder", lambda: Do(lambda e, x: e(x.transpose(0, 1)).transpose(0, 1), encoder(batch_first=False)), 8),
+    (
+        "Encoder",
+        lambda: Do(lambda e, x: e(x.transpose(0, 1)).transpose(0, 1), encoder(batch_first=False)),
+        8,
+    ),
     ("PositionalEncoding", lambda: PositionalEncoding(7), 7),
     ("PositionalEncoding", lambda: Learned(8), 8),
     ("Fsmn", lambda: Fsmn(5, 3, 2, stride=2), 5),
     ("Fsmn", lambda: nn.Sequential(nn.Linear(5, 4), Fsmn(4, 2, 0)), 5),
     ("ConcatenateComponent", Residual, 5),
-    ("ConcatenateComponent", lambda: Do(lambda p, q, x: torch.cat([x, p(x), q(x)], 2), nn.Linear(5, 3), nn.Linear(5, 2)), 5),
+    (
+        "ConcatenateComponent",
+        lambda: Do(lambda p, q, x: torch.cat([x, p(x), q(x)], 2), nn.Linear(5, 3), nn.Linear(5, 2)),
+        5,
+    ),
     ("AddComponent", lambda: Do(lambda p, x: 2 * x - p(x) / 3, nn.Linear(5, 5)), 5),
     ("AddShift", lambda: Do(lambda x: 1 - x * torch.arange(5.0)), 5),
     ("Splice", lambda: Do(lambda x: x[:, 2:-1]), 5),
@@ -198,7 +210,11 @@ LAYERS: list[tuple[str, Callable[[], nn.Module], int]] = [
     ("ReflectionPad", lambda: Turned(nn.ReflectionPad1d((2, 1))), 5),
     ("ConstantPad", lambda: Turned(nn.ConstantPad1d((2, 1), 0.5)), 5),
     ("ConstantPad", lambda: Do(lambda x: functional.pad(x, (0, 0, 3, 0), value=-1.0)), 5),
-    ("AffineTransform", lambda: Do(lambda p, x: p(x.reshape(-1, 5)).view(x.size(0), -1, 3), nn.Linear(5, 3)), 5),
+    (
+        "AffineTransform",
+        lambda: Do(lambda p, x: p(x.reshape(-1, 5)).view(x.size(0), -1, 3), nn.Linear(5, 3)),
+        5,
+    ),
 ]
 
 

@@ -115,7 +115,9 @@ def in_chunks(network: Network, frames: Floats, cuts: Sequence[int], mark_last: 
     """What a network gives for frames that come in pieces, which end at `cuts`."""
     network.reset()
     pieces = [frames[a:b] for a, b in zip([0, *cuts[:-1]], cuts)]
-    given = [network.forward(p, last=mark_last and i + 1 == len(pieces)) for i, p in enumerate(pieces)]
+    given = [
+        network.forward(p, last=mark_last and i + 1 == len(pieces)) for i, p in enumerate(pieces)
+    ]
     return np.concatenate(given)
 
 
@@ -125,7 +127,12 @@ def chunk_ends(count: int, size: int) -> list[int]:
 
 
 def check_network(
-    stored: bytes, index: int, compiled: Compiled, lines: Sequence[Floats], chunk: int | None, tolerance: float
+    stored: bytes,
+    index: int,
+    compiled: Compiled,
+    lines: Sequence[Floats],
+    chunk: int | None,
+    tolerance: float,
 ) -> tuple[Deviation, list[int], list[Floats]]:
     """Compares one network with its module on lines, whole and, given a size of chunks, in these.
 
@@ -153,7 +160,12 @@ def check_network(
 
 
 def _checked(
-    network: Network, compiled: Compiled, frames: Floats, wanted: Floats, chunk: int | None, tolerance: float
+    network: Network,
+    compiled: Compiled,
+    frames: Floats,
+    wanted: Floats,
+    chunk: int | None,
+    tolerance: float,
 ) -> Deviation:
     count = len(frames)
     ways = {"whole": [count]}
@@ -201,7 +213,9 @@ class _Values(fx.Interpreter):
         return value
 
 
-def _first_difference(network: Network, compiled: Compiled, frames: Floats, tolerance: float) -> str:
+def _first_difference(
+    network: Network, compiled: Compiled, frames: Floats, tolerance: float
+) -> str:
     """In words, the first layer whose output differs."""
     values = _Values(compiled)
     parameter = next(compiled.module.parameters(), torch.zeros(0))

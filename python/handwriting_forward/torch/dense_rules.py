@@ -13,6 +13,7 @@ from torch.nn import functional
 from .. import model
 from .rules import CHANNELS_FIRST, FRAME, Floats, Flow, Step, Unmapped, array_of, rule
 
+
 def zeros(count: int) -> Floats:
     return np.zeros(count, np.float32)
 
@@ -38,7 +39,9 @@ def functional_linear(step: Step, input: Any, weight: Any, bias: Any = None) -> 
     return step.add(linear_layer(weight, bias))
 
 
-def _activation(step: Step, rows: type[model.RowLayer], planes: type[Any] | None = None, **more: Any) -> Flow:
+def _activation(
+    step: Step, rows: type[model.RowLayer], planes: type[Any] | None = None, **more: Any
+) -> Flow:
     flow = step.inputs[0]
     if flow.planes and planes is not None:
         flow = step.plane()
@@ -93,12 +96,16 @@ def _leaky(step: Step, slope: float) -> Flow:
 
 def scaled(step: Step, flow: Flow, scale: Any) -> Flow:
     """The rows times a number, or times one a column."""
-    return step.add(model.Rescale(flow.dim, flow.dim, scale=_per_column(scale, flow.dim)), flow.axes)
+    return step.add(
+        model.Rescale(flow.dim, flow.dim, scale=_per_column(scale, flow.dim)), flow.axes
+    )
 
 
 def shifted(step: Step, flow: Flow, shift: Any) -> Flow:
     """The rows and a number, or one a column."""
-    return step.add(model.AddShift(flow.dim, flow.dim, shift=_per_column(shift, flow.dim)), flow.axes)
+    return step.add(
+        model.AddShift(flow.dim, flow.dim, shift=_per_column(shift, flow.dim)), flow.axes
+    )
 
 
 def _per_column(value: Any, dim: int) -> Floats:
@@ -290,8 +297,13 @@ def layer_norm(step: Step, module: nn.LayerNorm) -> Flow:
 
 @rule(functional.layer_norm, torch.layer_norm)
 def functional_layer_norm(
-    step: Step, input: Any, normalized_shape: Any, weight: Any = None, bias: Any = None,
-    eps: float = 1e-5, *_: Any,
+    step: Step,
+    input: Any,
+    normalized_shape: Any,
+    weight: Any = None,
+    bias: Any = None,
+    eps: float = 1e-5,
+    *_: Any,
 ) -> Flow:
     """`LayerNorm`, over columns"""
     flow = step.columns_last()

@@ -5,7 +5,7 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from pathlib import Path
 from typing import Any
 
@@ -24,13 +24,14 @@ from .rules import Floats
 
 RANDOM_FRAMES = 64
 CHUNK = 16  # frames that the second network of a recognizer gets at a time
+_OF_A_RECOGNIZER = 2  # networks
 
 
 @dataclass(frozen=True)
 class LayerReport:
     """A layer that was written: its position from 0, its dimensions, its parameters, and the
     operation of the module that it stands for; with check_fixed how far the output of its 8-bit form
-    is from that of PyTorch's layer, relative to the largest value there."""
+    is from that of its float form, relative to the largest value there."""
 
     position: int
     marker: str
@@ -125,7 +126,7 @@ def export(
     streaming: writes convolutions, pooling, padding and joins in their forms for inputs that come in
         chunks.
     check_fixed: also writes the 8-bit form, PATH with "-fixed" before its suffix, and reports how far
-        every layer of it is from PyTorch.
+        the output of every layer of it is from that of the float form.
 
     The file takes its name only when library and PyTorch agree, on lines of 1 frame, 2, all and a
     larger prime number of frames, whole, and in chunks where the network can.
@@ -155,7 +156,9 @@ def _evaluation(modules: Sequence[nn.Module]) -> Iterator[None]:
             each.training = mode
 
 
-def _lines(features: ArrayLike | None, modules: Sequence[nn.Module], dim: int | None) -> list[Floats]:
+def _lines(
+    features: ArrayLike | None, modules: Sequence[nn.Module], dim: int | None
+) -> list[Floats]:
     """Lines of 1 frame, 2, all, and a larger prime number of frames."""
     if features is None:
         dim = dim or _dim_of(modules[0] if modules else nn.Identity())
@@ -215,7 +218,11 @@ def _values_not_finite(layers: Sequence[model.Layer]) -> Iterator[str]:
 
 
 def _write_checked(
-    path: Path, networks: Sequence[Compiled], lines: Sequence[Floats], tolerance: float, is_random: bool,
+    path: Path,
+    networks: Sequence[Compiled],
+    lines: Sequence[Floats],
+    tolerance: float,
+    is_random: bool,
     check_fixed: bool,
 ) -> Report:
     try:
@@ -223,7 +230,7 @@ def _write_checked(
         reports = _check(stored, networks, lines, tolerance)
         fixed = _core.convert(stored, path.name, True)[0] if check_fixed else b""
         if check_fixed:
-            reports = _with_fixed(reports, fixed, networks, lines[-1])
+            reports = _with_fixed(reports, stored, fixed, networks, lines[-1])
     except HandwritingError as error:
         raise error if isinstance(error, ExportError) else ExportError(str(error)) from error
     fixed_path = path.with_name(f"{path.stem}-fixed{path.suffix}") if check_fixed else None
@@ -244,62 +251,75 @@ def _write(path: Path, content: bytes) -> None:
 def _check(
     stored: bytes, networks: Sequence[Compiled], lines: Sequence[Floats], tolerance: float
 ) -> list[NetworkReport]:
-    if len(networks) == 2:
+    """Compares every network with its module, on what the modules before it give."""
+    if len(networks) == _OF_A_RECOGNIZER:
         Recognizer(stored).close()
     reports = []
-    for index, network in enumerate(networks):
-        is_second = len(networks) == 2 and index == 1
-        blocker = checks.first_without_stream(network.layers)
-        chunk = CHUNK if is_second or blocker is None else None
-        exact = _exact(network, lines)
+    for index in range(len(networks)):
         try:
-            with checks.as_stored(networks):
-                apart, counts, outputs = checks.check_network(
-                    stored, index, network, lines, chunk, tolerance
-                )
-            if len(networks) == 2 and [len(each) for each in outputs] != counts:
-                raise ExportError(f"{counts} frames give {[len(each) for each in outputs]}: a "
-                                  "recognizer's networks give as many frames as they get")
+            report, lines = _check_network(stored, index, networks, lines, tolerance)
         except ExportError as error:
-            hint = ""
-            if is_second and blocker is not None and "in chunks" in str(error):
-                marker = network.layers[blocker].marker
-                hint = (
-                    f"\n    a recognizer gives its second network {CHUNK} frames at a time, and layer "
-                    f"{blocker} {marker} needs whole lines: move it into the first network"
-                )
-            raise ExportError(f"network {index + 1}: {error}{hint}") from error
-        rounding = None
-        if network.rounded.parameters:
-            rounding = max(
-                checks.deviation(a, b).absolute for a, b in zip(exact, outputs)
-            )
-        reports.append(_report(network, apart, rounding, counts, chunk))
-        lines = outputs
+            raise ExportError(f"network {index + 1}: {error}") from error
+        reports.append(report)
     return reports
 
 
-def _exact(network: Compiled, lines: Sequence[Floats]) -> list[Floats]:
-    """What the module gives with its own parameters; nothing where that is not asked for."""
-    if not network.rounded.parameters:
-        return []
-    return [checks.run_torch(network, frames) for frames in lines]
+def _check_network(
+    stored: bytes,
+    index: int,
+    networks: Sequence[Compiled],
+    lines: Sequence[Floats],
+    tolerance: float,
+) -> tuple[NetworkReport, list[Floats]]:
+    """The report of one network, and what its module gives for the lines."""
+    network = networks[index]
+    of_recognizer = len(networks) == _OF_A_RECOGNIZER
+    blocker = checks.first_without_stream(network.layers)
+    chunk = CHUNK if blocker is None or (of_recognizer and index == 1) else None
+    exact = (
+        [checks.run_torch(network, each) for each in lines] if network.rounded.parameters else []
+    )
+    with checks.as_stored(networks):
+        try:
+            apart, counts, outputs = checks.check_network(
+                stored, index, network, lines, chunk, tolerance
+            )
+        except ExportError as error:
+            if chunk is None or blocker is None or "in chunks" not in str(error):
+                raise
+            raise ExportError(
+                f"{error}\n    a recognizer gives its second network {CHUNK} frames at a time, and "
+                f"layer {blocker} {network.layers[blocker].marker} needs whole lines: move it into "
+                "the first network"
+            ) from error
+    given = [len(each) for each in outputs]
+    if of_recognizer and given != counts:
+        raise ExportError(
+            f"{counts} frames give {given}: a recognizer's networks give as many frames as they get"
+        )
+    rounding = [checks.deviation(a, b).absolute for a, b in zip(exact, outputs)]
+    return _report(network, apart, max(rounding, default=None), counts, chunk), outputs
 
 
 def _report(
-    network: Compiled, apart: checks.Deviation, rounding: float | None, counts: Sequence[int],
+    network: Compiled,
+    apart: checks.Deviation,
+    rounding: float | None,
+    counts: Sequence[int],
     chunk: int | None,
 ) -> NetworkReport:
     layers = tuple(
         LayerReport(
-            i, layer.marker, int(layer.input_dim or 0), int(layer.output_dim or 0),
-            _parameters(layer), network.paths.get(owner, ""),
+            i,
+            layer.marker,
+            int(layer.input_dim or 0),
+            int(layer.output_dim or 0),
+            _parameters(layer),
+            network.paths.get(owner, ""),
         )
         for i, (layer, owner) in enumerate(zip(network.layers, network.owners))
     )
-    return NetworkReport(
-        apart.absolute, apart.largest, rounding, tuple(counts), chunk, layers
-    )
+    return NetworkReport(apart.absolute, apart.largest, rounding, tuple(counts), chunk, layers)
 
 
 def _parameters(value: Any) -> int:
@@ -312,12 +332,13 @@ def _parameters(value: Any) -> int:
 
 
 def _with_fixed(
-    reports: Sequence[NetworkReport], fixed: bytes, networks: Sequence[Compiled], frames: Floats
+    reports: Sequence[NetworkReport],
+    stored: bytes,
+    fixed: bytes,
+    networks: Sequence[Compiled],
+    frames: Floats,
 ) -> list[NetworkReport]:
     """The reports, with how far every layer of the 8-bit form is from that of the float form."""
-    from dataclasses import replace
-
-    stored = model.model_bytes([each.layers for each in networks])
     found = []
     for index, report in enumerate(reports):
         with Network(stored, index) as exact, Network(fixed, index) as rounded:
@@ -326,10 +347,6 @@ def _with_fixed(
                 replace(layer, fixed_deviation=checks.deviation(b.output, a.output).relative)
                 for layer, (a, b) in zip(report.layers, pairs)
             ]
-            frames = _rows_of(networks[index], frames)
         found.append(replace(report, layers=tuple(layers)))
+        frames = checks.run_torch(networks[index], frames)
     return found
-
-
-def _rows_of(network: Compiled, frames: Floats) -> Floats:
-    return checks.run_torch(network, frames)

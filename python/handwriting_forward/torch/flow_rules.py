@@ -66,13 +66,15 @@ def _add(step: Step, a: Any, b: Any, weights: tuple[float, float]) -> Flow:
 
 @rule(operator.add, operator.iadd, torch.add, "add", "add_")
 def add(step: Step, a: Any, b: Any, *, alpha: float = 1) -> Flow:
-    """`AddShift`; of two tensors `RegisterComponent`, `ConcatenateComponent`, `AddComponent`; sinusoids `PositionalEncoding`"""
+    """`AddShift`; of two tensors `RegisterComponent`, `ConcatenateComponent`, `AddComponent`;
+    sinusoids `PositionalEncoding`"""
     return _add(step, a, b, (1, alpha))
 
 
 @rule(operator.sub, operator.isub, torch.sub, "sub", "sub_")
 def subtract(step: Step, a: Any, b: Any, *, alpha: float = 1) -> Flow:
-    """`AddShift`, `Rescale`; of two tensors `RegisterComponent`, `ConcatenateComponent`, `AddComponent`"""
+    """`AddShift`, `Rescale`; of two tensors `RegisterComponent`, `ConcatenateComponent`,
+    `AddComponent`"""
     return _add(step, a, b, (1, -alpha))
 
 
@@ -183,8 +185,18 @@ def _is_batch(step: Step, flow: Flow, axes: Axes) -> bool:
 
 
 @rule(
-    torch.reshape, torch.flatten, torch.squeeze, torch.unsqueeze,
-    "reshape", "view", "flatten", "unflatten", "squeeze", "unsqueeze", nn.Flatten, nn.Unflatten,
+    torch.reshape,
+    torch.flatten,
+    torch.squeeze,
+    torch.unsqueeze,
+    "reshape",
+    "view",
+    "flatten",
+    "unflatten",
+    "squeeze",
+    "unsqueeze",
+    nn.Flatten,
+    nn.Unflatten,
 )
 def reshape(step: Step, *_: Any, **__: Any) -> Flow:
     """nothing, `FlattenComponent` (planes to columns) or `DeflattenComponent` (columns to planes)"""
@@ -256,7 +268,8 @@ def _frame(step: Step, flow: Flow, index: int) -> Flow:
 
 @rule(operator.getitem)
 def get_item(step: Step, input: Any, index: Any) -> Any:
-    """frames `x[:, a:-b]` `Splice`, `AddComponent`; `x[:, ::k]` `MaxPool1d`; one frame `SliceComponent`; columns `LinearTransform`"""
+    """frames `x[:, a:-b]` `Splice`, `AddComponent`; `x[:, ::k]` `MaxPool1d`; one frame
+    `SliceComponent`; columns `LinearTransform`"""
     if input == STATE:
         return STATE
     if isinstance(input, tuple):
@@ -308,7 +321,8 @@ def split(step: Step, tensor: Flow, split_size: Any, dim: int = 0) -> tuple[Flow
 
 @rule(torch.cat, torch.concat)
 def cat(step: Step, tensors: Sequence[Any], dim: int = 0) -> Flow:
-    """`RegisterComponent`, `ConcatenateComponent`, streaming `StreamRegisterComponent`, `StreamConcatenateComponent`"""
+    """`RegisterComponent`, `ConcatenateComponent`, streaming `StreamRegisterComponent`,
+    `StreamConcatenateComponent`"""
     flows = [each for each in tensors if isinstance(each, Flow)]
     if len(flows) < len(tensors):
         raise Unmapped("a constant among the parts", "padding, or a bias")

@@ -36,6 +36,7 @@ _ABOUT_SHAPES = (
     *(torch.zeros_like, torch.ones_like),
 )
 
+
 @dataclass
 class Compiled:
     """A module as layers: the graph it was recorded as, and what of it belongs to which layer."""
@@ -77,7 +78,14 @@ def compile_module(module: nn.Module, dim: int, streaming: bool) -> Compiled:
     firsts = {k: v[0] if isinstance(v, tuple) else v for k, v in compiler.flows.items()}
     axes = {name: flow.axes for name, flow in firsts.items() if isinstance(flow, Flow)}
     return Compiled(
-        root, graph, chain.layers, chain.owners, axes, compiler.paths, compiler.rounded, dim,
+        root,
+        graph,
+        chain.layers,
+        chain.owners,
+        axes,
+        compiler.paths,
+        compiler.rounded,
+        dim,
         compiler.axes_out,
     )
 
@@ -142,7 +150,13 @@ class _Compiler:
             return
         flows = [self.flows[each.name] for each in inputs]
         step = Step(
-            self.chain, node.name, flows, _shapes(node), _shapes(inputs[0]), self.streaming, self.rounded
+            self.chain,
+            node.name,
+            flows,
+            _shapes(node),
+            _shapes(inputs[0]),
+            self.streaming,
+            self.rounded,
         )
         try:
             if STATE in flows and node.target is not operator.getitem:
@@ -238,13 +252,17 @@ class _Compiler:
             what += f" ({name_of(type(self.module.get_submodule(str(node.target))))})"
         if node.op == "output":
             what = "the result of forward"
-        inputs = [" x ".join(map(str, each)) for n in node.all_input_nodes for each in _shapes(n)[:1]]
+        inputs = [
+            " x ".join(map(str, each)) for n in node.all_input_nodes for each in _shapes(n)[:1]
+        ]
         output = "".join(" x ".join(map(str, each)) for each in _shapes(node)[:1])
         lines = [f"{what}: {reason}"]
         if node.meta.get("line"):
             lines.append(f"at {node.meta['line']}")
         if any(inputs):
-            lines.append(f"shapes {', '.join(filter(None, inputs))}" + (f" -> {output}" if output else ""))
+            lines.append(
+                f"shapes {', '.join(filter(None, inputs))}" + (f" -> {output}" if output else "")
+            )
         if instead:
             lines.append(f"instead: {instead}")
         self.problems.append("\n    ".join(lines))

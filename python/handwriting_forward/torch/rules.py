@@ -53,7 +53,7 @@ def rule(*targets: Any, replace: bool = False) -> Callable[[_Rule], _Rule]:
     what flows through the network among them are `Flow`s, everything else is as the module gave it.
     A rule for a module takes the further arguments of the module's call where it has parameters for
     them. It adds layers and returns what flows on; where it cannot it raises Unmapped with the
-    reason. The first line of its description names the layers in the table of modules.
+    reason. The first paragraph of its description names the layers in the table of modules.
 
     Raises ExportError for a target that has a rule, unless `replace`.
     """
@@ -64,7 +64,7 @@ def rule(*targets: Any, replace: bool = False) -> Callable[[_Rule], _Rule]:
                 raise ExportError(
                     f"{name_of(target)} has a rule: replace=True puts another in its place"
                 )
-            summary = (function.__doc__ or "").strip().split("\n")[0].rstrip(".")
+            summary = " ".join((function.__doc__ or "").partition("\n\n")[0].split()).rstrip(".")
             own = function.__module__.startswith(__package__ or "")
             _rules[target] = Entry(function, summary, own)
         return function

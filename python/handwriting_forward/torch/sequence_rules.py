@@ -11,17 +11,7 @@ from torch import nn
 from .. import model
 from .dense_rules import layer_norm_layer, linear_layer, zeros
 from .modules import Fsmn, PositionalEncoding, encoding
-from .rules import (
-    FRAMES_FIRST,
-    ROWS,
-    Floats,
-    Flow,
-    Step,
-    Unmapped,
-    Varying,
-    array_of,
-    rule,
-)
+from .rules import FRAMES_FIRST, ROWS, Floats, Flow, Step, Unmapped, Varying, array_of, rule
 
 # What a recurrent module gives beside its output; whoever uses it is refused.
 STATE = "the state after the last frame"
@@ -44,7 +34,7 @@ def _sequence_order(step: Step, batch_first: bool) -> Flow:
 
 
 def _named(module: nn.Module, kind: str, suffix: str) -> torch.Tensor | None:
-    return getattr(module, f"{kind}_{suffix}", None)
+    return getattr(module, kind + suffix, None)
 
 
 def _bias(module: nn.Module, kind: str, suffix: str, count: int) -> Floats:
@@ -84,34 +74,41 @@ def _fields(direction: Any) -> dict[str, Any]:
     return dict(vars(direction))
 
 
+def _lstm_layer(step: Step, module: nn.LSTM, dim: int, suffixes: list[str]) -> model.Layer:
+    """The layer of one suffix, or of two for both directions."""
+    cells, outputs = module.hidden_size, module.proj_size * len(suffixes)
+    if module.proj_size:
+        kind = model.ProjectedLstmDirection
+        projected = [_projected(module, suffix, kind) for suffix in suffixes]
+        if len(projected) == 1:
+            fields = _fields(projected[0])
+            return model.LstmProjectedNnet3Streams(dim, outputs, **fields, cell_dim=cells)
+        return model.BlstmProjectedNnet3Streams(
+            dim, outputs, forward=projected[0], backward=projected[1], cell_dim=cells
+        )
+    directions = [_gates(module, suffix, model.LstmDirection) for suffix in suffixes]
+    if len(directions) == 1:
+        return model.Lstm(dim, cells, **_fields(directions[0]))
+    for name, parameter in module.named_parameters():
+        if name.endswith(tuple(suffixes)):
+            step.round(parameter)
+    return model.Blstm(dim, 2 * cells, forward=directions[0], backward=directions[1])
+
+
+def _suffixes(module: nn.RNNBase) -> list[list[str]]:
+    """For every layer what the names of its parameters end with, by direction."""
+    directions = ["", "_reverse"] if module.bidirectional else [""]
+    return [[f"_l{i}{each}" for each in directions] for i in range(module.num_layers)]
+
+
 @rule(nn.LSTM)
 def lstm(step: Step, module: nn.LSTM, states: Any = None, hx: Any = None) -> tuple[Any, str]:
-    """`Lstm`, both directions `Blstm`; with `proj_size` `LstmProjectedNnet3Streams` or `BlstmProjectedNnet3Streams`"""
+    """`Lstm`, both directions `Blstm`; with `proj_size` `LstmProjectedNnet3Streams` or
+    `BlstmProjectedNnet3Streams`"""
     _check_states([states, hx])
     flow = _sequence_order(step, module.batch_first)
-    cells = module.hidden_size
-    outputs = module.proj_size or cells
-    for i in range(module.num_layers):
-        if module.proj_size:
-            forward = _projected(module, f"l{i}", model.ProjectedLstmDirection)
-        else:
-            forward = _gates(module, f"l{i}", model.LstmDirection)
-        layer: model.Layer
-        if not module.bidirectional:
-            kind: Any = model.LstmProjectedNnet3Streams if module.proj_size else model.Lstm
-            more = {"cell_dim": cells} if module.proj_size else {}
-            layer = kind(flow.dim, outputs, **_fields(forward), **more)
-        elif module.proj_size:
-            backward = _projected(module, f"l{i}_reverse", model.ProjectedLstmDirection)
-            layer = model.BlstmProjectedNnet3Streams(
-                flow.dim, 2 * outputs, forward=forward, backward=backward, cell_dim=cells
-            )
-        else:
-            backward = _gates(module, f"l{i}_reverse", model.LstmDirection)
-            layer = model.Blstm(flow.dim, 2 * cells, forward=forward, backward=backward)
-            for parameter in module.all_weights[2 * i] + module.all_weights[2 * i + 1]:
-                step.round(parameter)
-        flow = step.add(layer, flow.axes)
+    for suffixes in _suffixes(module):
+        flow = step.add(_lstm_layer(step, module, flow.dim, suffixes), flow.axes)
     return flow, STATE
 
 
@@ -121,14 +118,14 @@ def gru(step: Step, module: nn.GRU, states: Any = None, hx: Any = None) -> tuple
     _check_states([states, hx])
     flow = _sequence_order(step, module.batch_first)
     cells = module.hidden_size
-    for i in range(module.num_layers):
-        forward = _gates(module, f"l{i}", model.GruDirection)
+    for suffixes in _suffixes(module):
+        directions = [_gates(module, suffix, model.GruDirection) for suffix in suffixes]
         layer: model.Layer
         if module.bidirectional:
-            backward = _gates(module, f"l{i}_reverse", model.GruDirection)
+            forward, backward = directions
             layer = model.BGru(flow.dim, 2 * cells, forward=forward, backward=backward)
         else:
-            layer = model.Gru(flow.dim, cells, **_fields(forward))
+            layer = model.Gru(flow.dim, cells, **_fields(directions[0]))
         flow = step.add(layer, flow.axes)
     return flow, STATE
 
@@ -165,7 +162,9 @@ def _refuse_masks(masks: tuple[Any, ...], named: dict[str, Any]) -> None:
 
 
 @rule(nn.TransformerEncoderLayer)
-def encoder_layer(step: Step, module: nn.TransformerEncoderLayer, *masks: Any, **named: Any) -> Flow:
+def encoder_layer(
+    step: Step, module: nn.TransformerEncoderLayer, *masks: Any, **named: Any
+) -> Flow:
     """`Encoder`; `norm_first`, ReLU, no masks"""
     _refuse_masks(masks, named)
     batch_first: bool = module.self_attn.batch_first
@@ -221,7 +220,15 @@ def fsmn(step: Step, module: Fsmn) -> Flow:
         kernel = weights.T[:, None].copy()
         return step.add(
             model.StreamConv1d(
-                flow.dim, flow.dim, len(weights), 1, edges[0], edges[1], module.stride, flow.dim, kernel
+                flow.dim,
+                flow.dim,
+                len(weights),
+                1,
+                edges[0],
+                edges[1],
+                module.stride,
+                flow.dim,
+                kernel,
             )
         )
     if any(edges):

@@ -135,7 +135,9 @@ class Tracer(fx.Tracer):
     def is_leaf_module(self, module: nn.Module, name: str) -> bool:
         return self._is_leaf(module)
 
-    def create_proxy(self, kind: str, target: Any, args: Any, kwargs: Any, *rest: Any, **more: Any) -> Any:
+    def create_proxy(
+        self, kind: str, target: Any, args: Any, kwargs: Any, *rest: Any, **more: Any
+    ) -> Any:
         proxy = super().create_proxy(kind, target, args, kwargs, *rest, **more)
         return self._plain(proxy.node, proxy)
 
@@ -145,7 +147,9 @@ class Tracer(fx.Tracer):
         node.meta["line"] = user_line(sys._getframe(1))
         self._carries_out = True
         try:
-            node.meta["values"] = tuple(self._carry_out(node, i) for i in range(len(self._examples)))
+            node.meta["values"] = tuple(
+                self._carry_out(node, i) for i in range(len(self._examples))
+            )
         except Exception as error:
             if node.op != "call_module":
                 raise
@@ -233,7 +237,11 @@ def trace(
         raise
     except Exception as error:
         lines = _lines_of(error)
-        reason = _PACKED if any("utils/rnn.py" in line for line in lines) else f"{type(error).__name__}: {error}"
+        reason = (
+            _PACKED
+            if any("utils/rnn.py" in line for line in lines)
+            else f"{type(error).__name__}: {error}"
+        )
         users = [line for line in lines if not line.startswith(_OWN)]
         place = users[-1] if users else type(module).__name__
         raise Refused(f"{place}\n    {reason}") from error

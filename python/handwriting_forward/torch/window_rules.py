@@ -42,7 +42,13 @@ def _bias(bias: Any, otherwise: int) -> Floats:
 
 
 def _convolve(
-    step: Step, weight: Any, bias: Any, stride: Any, edges: tuple[int, int], dilation: Any, groups: int
+    step: Step,
+    weight: Any,
+    bias: Any,
+    stride: Any,
+    edges: tuple[int, int],
+    dilation: Any,
+    groups: int,
 ) -> Flow:
     outputs, _, taps = weight.shape
     kind: Any = model.StreamConv1d if step.streaming else model.Conv1d
@@ -76,8 +82,14 @@ def conv1d(step: Step, module: nn.Conv1d) -> Flow:
 
 @rule(functional.conv1d)
 def functional_conv1d(
-    step: Step, input: Any, weight: Any, bias: Any = None, stride: Any = 1, padding: Any = 0,
-    dilation: Any = 1, groups: int = 1,
+    step: Step,
+    input: Any,
+    weight: Any,
+    bias: Any = None,
+    stride: Any = 1,
+    padding: Any = 0,
+    dilation: Any = 1,
+    groups: int = 1,
 ) -> Flow:
     """`Conv1d`, streaming `StreamConv1d`"""
     step.frames_last()
@@ -91,9 +103,20 @@ def conv_transpose1d(step: Step, module: nn.ConvTranspose1d) -> Flow:
     flow = step.frames_last()
     kind: Any = model.StreamConvTranspose1d if step.streaming else model.ConvTranspose1d
     edge = _one(module.padding)
-    window = (module.kernel_size[0], module.stride[0], edge, edge, module.dilation[0], module.groups)
+    window = (
+        module.kernel_size[0],
+        module.stride[0],
+        edge,
+        edge,
+        module.dilation[0],
+        module.groups,
+    )
     layer: Any = kind(
-        flow.dim, module.out_channels, *window, array_of(module.weight), _bias(module.bias, 0),
+        flow.dim,
+        module.out_channels,
+        *window,
+        array_of(module.weight),
+        _bias(module.bias, 0),
         output_padding=_one(module.output_padding),
     )
     return step.add(layer)
@@ -101,26 +124,41 @@ def conv_transpose1d(step: Step, module: nn.ConvTranspose1d) -> Flow:
 
 @rule(nn.MaxPool1d)
 def max_pool1d(step: Step, module: nn.MaxPool1d) -> Flow:
-    """`MaxPool1d`, streaming `StreamMaxPool1d`; with padding right after `ReLU`, `Sigmoid` or `Softmax`"""
+    """`MaxPool1d`, streaming `StreamMaxPool1d`; with padding right after `ReLU`, `Sigmoid` or
+    `Softmax`"""
     return functional_max_pool1d(
-        step, step.inputs[0], module.kernel_size, module.stride, module.padding, module.dilation,
-        module.ceil_mode, module.return_indices,
+        step,
+        step.inputs[0],
+        module.kernel_size,
+        module.stride,
+        module.padding,
+        module.dilation,
+        module.ceil_mode,
+        module.return_indices,
     )
 
 
 @rule(functional.max_pool1d)
 def functional_max_pool1d(
-    step: Step, input: Any, kernel_size: Any, stride: Any = None, padding: Any = 0,
-    dilation: Any = 1, ceil_mode: bool = False, return_indices: bool = False,
+    step: Step,
+    input: Any,
+    kernel_size: Any,
+    stride: Any = None,
+    padding: Any = 0,
+    dilation: Any = 1,
+    ceil_mode: bool = False,
+    return_indices: bool = False,
 ) -> Flow:
-    """`MaxPool1d`, streaming `StreamMaxPool1d`; with padding right after `ReLU`, `Sigmoid` or `Softmax`"""
+    """`MaxPool1d`, streaming `StreamMaxPool1d`; with padding right after `ReLU`, `Sigmoid` or
+    `Softmax`"""
     flow = step.frames_last()
     if ceil_mode or return_indices:
         raise Unmapped("ceil_mode or return_indices", "pooling without them")
     edge = _one(padding)
     if edge and not isinstance(flow.data.layer, _NEVER_NEGATIVE):
         raise Unmapped(
-            "padding, which the layer takes as 0, of what may be negative", "pooling right after a ReLU"
+            "padding, which the layer takes as 0, of what may be negative",
+            "pooling right after a ReLU",
         )
     kind = model.StreamMaxPool1d if step.streaming else model.MaxPool1d
     taps = _one(kernel_size)
@@ -172,13 +210,18 @@ def _is_simple(module: Any) -> bool:
 
 @rule(nn.Conv2d)
 def conv2d(step: Step, module: nn.Conv2d) -> Flow:
-    """`SimpleConv2d1x3s2`, on lines x planes x frames x columns; kernel (1, 3), stride (1, 2), padding (0, 1)"""
+    """`SimpleConv2d1x3s2`, on lines x planes x frames x columns; kernel (1, 3), stride (1, 2),
+    padding (0, 1)"""
     flow = step.plane()
     if not _is_simple(module):
         raise Unmapped("another form of Conv2d", _PLANES_FORM)
     dims = (flow.planes, module.out_channels, flow.dim, (flow.dim + 1) // 2)
     kernel = array_of(module.weight)[:, :, 0]
-    return step.add(model.SimpleConv2d1x3s2(*dims, kernel=kernel, bias_vector=_bias(module.bias, module.out_channels)))
+    return step.add(
+        model.SimpleConv2d1x3s2(
+            *dims, kernel=kernel, bias_vector=_bias(module.bias, module.out_channels)
+        )
+    )
 
 
 @rule(nn.ConvTranspose2d)
@@ -189,4 +232,8 @@ def conv_transpose2d(step: Step, module: nn.ConvTranspose2d) -> Flow:
         raise Unmapped("another form of ConvTranspose2d", f"{_PLANES_FORM}, output_padding (0, 1)")
     dims = (flow.planes, module.out_channels, flow.dim, 2 * flow.dim)
     kernel = array_of(module.weight)[:, :, 0].transpose(1, 0, 2).copy()
-    return step.add(model.SimpleDeconv2d1x3s2(*dims, kernel=kernel, bias_vector=_bias(module.bias, module.out_channels)))
+    return step.add(
+        model.SimpleDeconv2d1x3s2(
+            *dims, kernel=kernel, bias_vector=_bias(module.bias, module.out_channels)
+        )
+    )
