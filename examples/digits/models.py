@@ -147,7 +147,7 @@ SETTINGS = {
 }
 
 
-CHOSEN = "fsmn"  # the one with the lowest validation error, shipped as model.bin
+CHOSEN = "conv-gru"  # the one with the lowest validation error, shipped as model.bin
 
 
 def build(name: str) -> nn.ModuleList:

@@ -9,17 +9,17 @@ tool=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# The outputs of both networks of both models, by the tool that the arguments before name.
+# The outputs of both networks of every model, by the tool that the arguments before name.
 outputs() {
   local folder=$1 line
   shift
   mkdir "$folder"
-  for model in model model-fixed; do
-    for line in examples/digits/lines/*[05].npy; do
+  for model in examples/digits/models/*.bin; do
+    for line in examples/digits/lines/*0.npy; do
       local name
-      name=$folder/$model-$(basename "$line")
-      "$@" "$tool" forward "examples/digits/$model.bin" "$line" "$name"
-      "$@" "$tool" forward "examples/digits/$model.bin" "$name" "$name-2" --network 2
+      name=$folder/$(basename "$model" .bin)-$(basename "$line")
+      "$@" "$tool" forward "$model" "$line" "$name"
+      "$@" "$tool" forward "$model" "$name" "$name-2" --network 2
     done
   done
 }

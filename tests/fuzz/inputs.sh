@@ -7,9 +7,9 @@ set -euo pipefail
 rm -rf "$3"
 "$1" "$3"
 # Models of real size, behind a plan of their width: 8 values a frame.
-for model in model model-fixed; do
-  { printf '\010\000\026\003\024\005\001\003'; cat "$2/../../examples/digits/$model.bin"; } \
-    >"$3/recognizer/digits-$model"
+for model in "$2"/../../examples/digits/models/*.bin; do
+  { printf '\010\000\026\003\024\005\001\003'; cat "$model"; } \
+    >"$3/recognizer/digits-$(basename "$model")"
 done
 shopt -s nullglob
 for corpus in "$2"/corpus/*.tar.xz; do

@@ -4,14 +4,14 @@
 
     print(export("model.bin", [reader, classes], features))
 
-`rule` registers how a module of one's own becomes layers, `table` lists what is mapped, and
-`PositionalEncoding` and `Fsmn` are modules for which the library has a layer.
+`rule` registers how a module of one's own becomes layers, `table` and, as Markdown, `table_text` list
+what is mapped, and `PositionalEncoding` and `Fsmn` are modules for which the library has a layer.
 """
 
 from . import dense_rules, flow_rules, sequence_rules, window_rules  # noqa: F401  register rules
 from .exporting import LayerReport, NetworkReport, Report, export
 from .modules import Fsmn, PositionalEncoding
-from .rules import Flow, Step, Unmapped, array_of, name_of, rule, table
+from .rules import Flow, Step, Unmapped, array_of, name_of, rule, table, table_text
 
 __all__ = [
     "Flow",
@@ -27,4 +27,5 @@ __all__ = [
     "name_of",
     "rule",
     "table",
+    "table_text",
 ]

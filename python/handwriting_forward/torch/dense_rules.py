@@ -154,7 +154,7 @@ def functional_hardtanh(
 
 @rule(functional.relu6)
 def functional_relu6(step: Step, input: Any, inplace: bool = False) -> Flow:
-    """`ReLU`, `AddShift` and `Rescale`"""
+    """`AddShift`, `ReLU` and `Rescale`"""
     return _clamped(step, step.rows(), 0.0, 6.0)
 
 

@@ -92,12 +92,23 @@ def table() -> dict[Any, Entry]:
     return dict(_rules)
 
 
+def table_text() -> str:
+    """The rules of this package as a table in Markdown: what is mapped, and the layers it becomes."""
+    rows: dict[str, list[str]] = {}
+    for target, entry in _rules.items():
+        if entry.own:
+            rows.setdefault(entry.summary, []).append(f"`{name_of(target)}`")
+    lines = [f"| {', '.join(dict.fromkeys(names))} | {layers} |" for layers, names in rows.items()]
+    return "\n".join(["| PyTorch | layers |", "| --- | --- |", *lines])
+
+
 _HOMES = (
     ("torch.nn.modules", "nn"),
     ("torch.nn.functional", "functional"),
     ("torch._C._nn", "functional"),
     ("torch._jit_internal", "functional"),
     ("_operator", "operator"),
+    (f"{__package__}.modules", __package__),
     ("torch", "torch"),
 )
 
@@ -268,4 +279,5 @@ __all__ = [
     "rule_of_module",
     "rule_of_target",
     "table",
+    "table_text",
 ]
