@@ -36,4 +36,11 @@ class ForkedError(HandwritingError, RuntimeError):
 
 
 class ExportError(HandwritingError):
-    """A PyTorch module that cannot be exported, or an export that differs from it."""
+    """A PyTorch module that cannot be exported, or an export that differs from it.
+
+    problems: what is wrong, each with its place.
+    """
+
+    def __init__(self, *problems: str) -> None:
+        super().__init__("\n".join(problems))
+        self.problems = problems

@@ -2,14 +2,15 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
 from dataclasses import dataclass, replace
 from pathlib import Path
 from typing import Any
 
 import numpy as np
+import torch
 from numpy.typing import ArrayLike
 from torch import nn
 
@@ -143,7 +144,7 @@ def export(
         return _write_checked(Path(path), compiled, lines, tolerance, features is None, check_fixed)
 
 
-@contextmanager
+@contextlib.contextmanager
 def _evaluation(modules: Sequence[nn.Module]) -> Iterator[None]:
     """Evaluation mode, and then the mode that every module had."""
     modes = [(each, each.training) for module in modules for each in module.modules()]
@@ -202,11 +203,21 @@ def _compile(modules: Sequence[nn.Module], dim: int, streaming: bool) -> list[Co
             ]
             dim = compiled[-1].output_dim
         except ExportError as error:
-            problems += [f"network {number}: {each}" for each in str(error).split("\n\n")]
+            problems += [f"network {number}: {each}" for each in error.problems]
+            dim = _dim_behind(module, dim)
+        if dim == 0:
             break
     if problems:
-        raise ExportError("\n".join(problems))
+        raise ExportError(*problems)
     return compiled
+
+
+def _dim_behind(module: nn.Module, dim: int) -> int:
+    """The columns that a module gives; 0 where it does not run."""
+    with torch.no_grad(), contextlib.suppress(Exception):
+        given = module(torch.zeros(1, RANDOM_FRAMES, dim))
+        return int(given.shape[-1]) if isinstance(given, torch.Tensor) else 0
+    return 0
 
 
 def _values_not_finite(layers: Sequence[model.Layer]) -> Iterator[str]:

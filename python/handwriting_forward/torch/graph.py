@@ -72,7 +72,7 @@ def compile_module(module: nn.Module, dim: int, streaming: bool) -> Compiled:
     compiler = _Compiler(root, graph, dim, streaming)
     compiler.visit_all()
     if compiler.problems:
-        raise ExportError("\n".join(compiler.problems))
+        raise ExportError(*compiler.problems)
     chain = compiler.chain
     _fold_column_scalings(chain)
     firsts = {k: v[0] if isinstance(v, tuple) else v for k, v in compiler.flows.items()}
@@ -147,6 +147,7 @@ class _Compiler:
             kind = node.target if module is None else type(module)
             instead = INSTEAD.get(kind, OWN_RULE)
             self._refuse(node, "no layer of the library computes it", instead)
+            self._assume(node, inputs[0])
             return
         flows = [self.flows[each.name] for each in inputs]
         step = Step(
@@ -165,10 +166,23 @@ class _Compiler:
             self._check(result, _shapes(node)[0])
         except Unmapped as unmapped:
             self._refuse(node, str(unmapped), unmapped.instead)
+            self._assume(node, inputs[0])
             return
         self.flows[node.name] = result
         if self._is_in_place(node):
             self.flows[inputs[0].name] = result
+
+    def _assume(self, node: fx.Node, first: fx.Node) -> None:
+        """Goes on behind what could not be mapped, where it keeps the axes of its input, so that
+        what follows is looked at as well."""
+        before, after, flow = _shapes(first)[0], _shapes(node)[0], self.flows[first.name]
+        if len(before) != len(after) or not isinstance(flow, Flow) or "columns" not in flow.axes:
+            return
+        sizes = dict(zip(flow.axes, after))
+        if all(sizes[axis] == size for axis, size in zip(flow.axes, before) if axis != "columns"):
+            self._lost.discard(node.name)
+            self.chain.current = Data(sizes["columns"], flow.planes)
+            self.flows[node.name] = Flow(self.chain.current, flow.axes)
 
     def _call(self, rule: Any, step: Step, node: fx.Node, module: nn.Module | None) -> Any:
         args = [self._plain(each) for each in node.args]
