@@ -179,6 +179,11 @@ def load(name: str, path: Path | None = None) -> nn.ModuleList:
     return networks.eval()
 
 
+def shipped() -> list[nn.Module]:
+    """The networks of the shipped model."""
+    return list(load(CHOSEN))
+
+
 def export(networks: nn.ModuleList, path: Path, frames: np.ndarray) -> Report:
     """Writes a model file of the library and its fixed-point form, checked against PyTorch on the
     frames of a line."""

@@ -31,6 +31,7 @@ def _function(place: str) -> Any:
         raise argparse.ArgumentTypeError(f"{file}: a Python file wanted")
     module = importlib.util.module_from_spec(specification)
     sys.path.insert(0, str(Path(file).resolve().parent))
+    sys.modules[specification.name] = module  # where its dataclasses look for it
     specification.loader.exec_module(module)
     if not callable(getattr(module, name, None)):
         raise argparse.ArgumentTypeError(f"{file}: no function {name}")

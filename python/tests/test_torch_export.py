@@ -305,7 +305,10 @@ def test_takes_features_as_they_come(tmp_path: Path) -> None:
 
 def test_runs_from_the_shell(tmp_path: Path) -> None:
     (tmp_path / "checkpoint.py").write_text(
+        "from __future__ import annotations\n"
+        "from dataclasses import dataclass\n"
         "from torch import nn\n"
+        "@dataclass\nclass Settings:\n    dim: int\n"
         "def build():\n    return [nn.Sequential(nn.Linear(8, 6), nn.ReLU()), nn.Linear(6, 4)]\n"
         "def wrong():\n    return [nn.GELU()]\n"
     )
@@ -331,3 +334,30 @@ def test_runs_from_the_shell(tmp_path: Path) -> None:
         done = run(place, "wrong.bin")
         assert done.returncode == 2 and message in done.stderr
     assert not (tmp_path / "wrong.bin").exists()
+
+
+README = (Path(__file__).parents[1] / "README.md").read_text("utf-8")
+
+
+def test_the_readme_shows_all_rules() -> None:
+    shown = README.partition("<!-- rules -->\n")[2].partition("\n<!-- /rules -->")[0]
+    assert shown == exporter.table_text()
+
+
+def test_the_readme_runs(tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: Any) -> None:
+    monkeypatch.chdir(tmp_path)
+    (tmp_path / "examples").symlink_to(Path(__file__).parents[2] / "examples")
+    first, second, third = (each.partition("\n```")[0] for each in README.split("```python\n")[1:])
+    output = README.partition("example.py\n")[2].partition("\n```")[0]
+    try:
+        for block in (first, second, third):
+            exec(compile(block, "README.md", "exec"), {"__name__": "readme"})
+            if block is first:
+                shown = capsys.readouterr().out.splitlines()
+                wanted = output.splitlines()
+                assert [each.split()[:2] for each in shown] == [each.split()[:2] for each in wanted]
+                labels, found = shown[-1].partition("] (")[::2]
+                assert labels.strip("[") == found.partition(")")[0]
+    finally:
+        for target in [each for each in exporter.table() if "Gain" in str(each)]:
+            exporter.rules._rules.pop(target)
