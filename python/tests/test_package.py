@@ -41,7 +41,7 @@ def test_the_wheel_works_outside_the_tree(environment, digits, tmp_path):
     assert done.returncode == 0, done.stdout
     (wheel,) = tmp_path.glob("*.whl")
     names = [Path(name).name for name in zipfile.ZipFile(wheel).namelist()]
-    for wanted in ("py.typed", "_core.pyi", "recognizer.py", "dense.py"):
+    for wanted in ("py.typed", "_core.pyi", "recognizer.py", "dense.py", "export.py", "tracer.py"):
         assert wanted in names
 
     done = run(environment / "pip", "install", "--no-deps", "--no-index", wheel)
