@@ -220,12 +220,23 @@ def _dim_behind(module: nn.Module, dim: int) -> int:
     return 0
 
 
+def _arrays(value: Any, name: str) -> Iterator[tuple[str, Floats]]:
+    """The arrays of a layer and of what is in it, by their names."""
+    if isinstance(value, np.ndarray):
+        yield name, value
+    elif isinstance(value, list):
+        for i, each in enumerate(value):
+            yield from _arrays(each, f"{name}[{i}]")
+    elif hasattr(value, "__dict__"):
+        for part, each in vars(value).items():
+            yield from _arrays(each, f"{name}.{part}" if name else part)
+
+
 def _values_not_finite(layers: Sequence[model.Layer]) -> Iterator[str]:
     for position, layer in enumerate(layers):
-        for name, value in vars(layer).items():
-            for each in vars(value).values() if hasattr(value, "input_weights") else [value]:
-                if isinstance(each, np.ndarray) and not np.isfinite(each).all():
-                    yield f"layer {position} {layer.marker}: {name} has values that are not finite"
+        for name, values in _arrays(layer, ""):
+            if not np.isfinite(values).all():
+                yield f"layer {position} {layer.marker}: {name} has values that are not finite"
 
 
 def _write_checked(
@@ -236,24 +247,32 @@ def _write_checked(
     is_random: bool,
     check_fixed: bool,
 ) -> Report:
+    fixed_path, fixed = None, b""
     try:
-        stored = model.model_bytes([each.layers for each in networks])
-        reports = _check(stored, networks, lines, tolerance)
-        fixed = _core.convert(stored, path.name, True)[0] if check_fixed else b""
-        if check_fixed:
-            reports = _with_fixed(reports, stored, fixed, networks, lines[-1])
+        content = model.model_bytes([each.layers for each in networks])
+        with contextlib.ExitStack() as files:
+            stored = files.enter_context(_named_at_the_end(path, content))
+            reports = _check(stored, networks, lines, tolerance)
+            if check_fixed:
+                fixed_path = path.with_name(f"{path.stem}-fixed{path.suffix}")
+                content = _core.convert(stored, path.name, True)[0]
+                fixed = files.enter_context(_named_at_the_end(fixed_path, content))
+                reports = _with_fixed(reports, stored, fixed, networks, lines[-1])
+    except ExportError:
+        raise
     except HandwritingError as error:
-        raise error if isinstance(error, ExportError) else ExportError(str(error)) from error
-    fixed_path = path.with_name(f"{path.stem}-fixed{path.suffix}") if check_fixed else None
-    for name, content in [(path, stored)] + ([(fixed_path, fixed)] if fixed_path else []):
-        _write(name, content)
+        raise ExportError(str(error)) from error
     return Report(path, len(stored), tuple(reports), is_random, fixed_path, len(fixed))
 
 
-def _write(path: Path, content: bytes) -> None:
+@contextlib.contextmanager
+def _named_at_the_end(path: Path, content: bytes) -> Iterator[bytes]:
+    """Writes a file beside its target and gives what is read back; it takes its name when all that is
+    done with it has gone well."""
     temporary = path.with_name(f"{path.name}.{os.getpid()}.tmp")
     try:
         temporary.write_bytes(content)
+        yield temporary.read_bytes()
         os.replace(temporary, path)
     finally:
         temporary.unlink(missing_ok=True)
@@ -287,9 +306,6 @@ def _check_network(
     of_recognizer = len(networks) == _OF_A_RECOGNIZER
     blocker = checks.first_without_stream(network.layers)
     chunk = CHUNK if blocker is None or (of_recognizer and index == 1) else None
-    exact = (
-        [checks.run_torch(network, each) for each in lines] if network.rounded.parameters else []
-    )
     with checks.as_stored(networks):
         try:
             apart, counts, outputs = checks.check_network(
@@ -308,8 +324,11 @@ def _check_network(
         raise ExportError(
             f"{counts} frames give {given}: a recognizer's networks give as many frames as they get"
         )
-    rounding = [checks.deviation(a, b).absolute for a, b in zip(exact, outputs)]
-    return _report(network, apart, max(rounding, default=None), counts, chunk), outputs
+    rounding = None
+    if network.rounded.parameters:
+        exact = [checks.run_torch(network, each) for each in lines if len(each) in counts]
+        rounding = max(checks.deviation(a, b).absolute for a, b in zip(exact, outputs))
+    return _report(network, apart, rounding, counts, chunk), outputs
 
 
 def _report(
@@ -325,21 +344,12 @@ def _report(
             layer.marker,
             int(layer.input_dim or 0),
             int(layer.output_dim or 0),
-            _parameters(layer),
+            sum(values.size for _, values in _arrays(layer, "")),
             network.paths.get(owner, ""),
         )
         for i, (layer, owner) in enumerate(zip(network.layers, network.owners))
     )
     return NetworkReport(apart.absolute, apart.largest, rounding, tuple(counts), chunk, layers)
-
-
-def _parameters(value: Any) -> int:
-    """Values of the arrays of a layer and of those in it."""
-    if isinstance(value, np.ndarray):
-        return value.size
-    if isinstance(value, list):
-        return sum(map(_parameters, value))
-    return sum(map(_parameters, vars(value).values())) if hasattr(value, "__dict__") else 0
 
 
 def _with_fixed(
