@@ -146,7 +146,7 @@ def test_names_everything_that_cannot_be_mapped(tmp_path: Path) -> None:
     ]
     assert len(caught.value.problems) == len(wanted)
     for problem, part in zip(caught.value.problems, wanted):
-        assert part in problem and "2 x 61 x 6 -> 2 x 61 x 6" in problem
+        assert part in problem and "2 x 64 x 6 -> 2 x 64 x 6" in problem
 
 
 class Two(nn.Module):

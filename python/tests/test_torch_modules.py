@@ -110,6 +110,19 @@ class Residual(nn.Module):
         return h.transpose(1, 2)
 
 
+class Halves(nn.Module):
+    """A skip connection around a stride, for even numbers of frames."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.down = nn.Conv1d(5, 6, 4, stride=2, padding=1)
+        self.up = nn.ConvTranspose1d(6, 4, 4, stride=2, padding=1)
+
+    def forward(self, x: Any) -> Any:
+        x = x.transpose(1, 2)
+        return torch.cat([x, self.up(self.down(x).relu())], 1).transpose(1, 2)
+
+
 class Planes(nn.Module):
     """Columns halved and doubled plane by plane."""
 
@@ -196,6 +209,7 @@ LAYERS: list[tuple[str, Callable[[], nn.Module], int]] = [
     ("Fsmn", lambda: Fsmn(5, 3, 2, stride=2), 5),
     ("Fsmn", lambda: nn.Sequential(nn.Linear(5, 4), Fsmn(4, 2, 0)), 5),
     ("ConcatenateComponent", Residual, 5),
+    ("ConcatenateComponent", Halves, 5),
     (
         "ConcatenateComponent",
         lambda: Do(lambda p, q, x: torch.cat([x, p(x), q(x)], 2), nn.Linear(5, 3), nn.Linear(5, 2)),

@@ -22,9 +22,9 @@ from torch.fx.node import map_arg
 from ..errors import ExportError
 from .rules import INSTEAD, name_of
 
-# Lines and frames of the two examples: primes, so that no width is taken for one of them, and apart,
-# so that strides leave different numbers of frames.
-EXAMPLES = ((2, 61), (3, 101))
+# Lines and frames of the two examples: frames that strides divide, and so far apart that strides leave
+# different numbers of them.
+EXAMPLES = ((2, 64), (3, 192))
 
 _OWN = (str(Path(torch.__file__).parent), str(Path(__file__).parent))
 _PLAIN = (int, float, bool, torch.dtype, torch.device, torch.layout)
