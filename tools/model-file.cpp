@@ -1,6 +1,5 @@
 #include "tools/model-file.h"
 
-#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -108,7 +107,7 @@ FilePointer ModelSource::Open() const {
 std::string BytesOfFile(const std::string& path) {
   const FilePointer file = OpenForReading(path);
   std::string bytes;
-  std::array<char, 1 << 16> piece;
+  std::vector<char> piece(1 << 16);
   while (const size_t count = std::fread(piece.data(), 1, piece.size(), file.get())) {
     bytes.append(piece.data(), count);
   }
