@@ -52,7 +52,7 @@ class Recognizer(Handle[_core.Recognizer]):
     ) -> None:
         self._nbest = _count(nbest, "nbest")
         self._max_frames = _count(max_frames, "max_frames")
-        self._labels = None if labels is None else _names_of(labels)
+        self._labels = None if labels is None else labels_of(labels)
         self._spare: list[_core.Recognizer] = []
         content, name = content_of(model)
         super().__init__(content, name, self._compile(content, name))
@@ -220,7 +220,8 @@ def _count(value: int, what: str) -> int:
     return value
 
 
-def _names_of(labels: Labels) -> tuple[str, ...]:
+def labels_of(labels: Labels) -> tuple[str, ...]:
+    """Names of classes, or those in a file of them. Raises InputError."""
     if isinstance(labels, (str, os.PathLike)):
         try:
             lines = Path(labels).read_text("utf-8-sig").split("\n")

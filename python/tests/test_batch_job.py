@@ -1,0 +1,1 @@
+"""A batch in one process: its shards, its records, its manifest."""
