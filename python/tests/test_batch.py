@@ -1,85 +1,30 @@
-"""A batch in one process, and on the workers of a Dask scheduler, with what may go wrong there."""
+"""A batch in one process."""
 
 from __future__ import annotations
 
-import importlib.util
 import json
-import os
 import resource
 import signal
 import subprocess
-import sys
-import time
-from collections.abc import Callable, Iterator
 from pathlib import Path
-from typing import Any
 
-import handwriting_forward
 import numpy as np
-import pytest
+from batch_support import Start, batch, content, done, made_lines, start, wanted  # noqa: F401
 from handwriting_forward.batch import write_store
 
-PACKAGE = str(Path(handwriting_forward.__file__).parents[1])
-HAS_DASK = importlib.util.find_spec("distributed") is not None
-on_dask = pytest.mark.skipif(not HAS_DASK, reason="Dask distributed is not installed")
 
-Start = Callable[..., subprocess.Popen]
-
-
-@pytest.fixture
-def start(tmp_path: Path) -> Iterator[Start]:
-    """Starts Python programs; those that still run at the end of a test are killed."""
-    started = []
-
-    def run(*arguments: Any, preload: str = "", **options: Any) -> subprocess.Popen:
-        environment = {**os.environ, "PYTHONPATH": f"{PACKAGE}:{tmp_path}", "HOME": str(tmp_path)}
-        command = [sys.executable, "-B", *map(str, arguments)]
-        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True} | options
-        started.append(
-            subprocess.Popen(command, cwd=tmp_path, env=environment, start_new_session=True, **options)
-        )
-        return started[-1]
-
-    yield run
-    for process in started:
-        try:
-            os.killpg(process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        process.communicate()
-
-
-def made_lines(count: int) -> list[np.ndarray]:
-    rng = np.random.default_rng(count)
-    return [rng.random((int(rng.integers(5, 60)), 8), np.float32) for _ in range(count)]
-
-
-def batch(start: Start, digits: Path, *arguments: Any, **options: Any) -> subprocess.Popen:
-    command = ["-m", "handwriting_forward.batch", digits / "model.bin", *arguments]
-    return start(*command, **options)
-
-
-def done(process: subprocess.Popen, seconds: float = 60) -> tuple[int, str, str]:
-    out, err = process.communicate(timeout=seconds)
-    return process.returncode, out, err
-
-
-def content(folder: Path) -> dict[str, bytes]:
-    return {each.name: each.read_bytes() for each in folder.iterdir()}
-
-
-def wanted(start: Start, digits: Path, tmp_path: Path, *arguments: Any) -> dict[str, bytes]:
-    """What one process makes of it."""
-    assert done(batch(start, digits, *arguments, "--out", "wanted", "--workers", 0))[0] == 0
-    return content(tmp_path / "wanted")
-
-
-def test_records_are_those_of_the_tool(start: Start, digits: Path, tool: str, tmp_path: Path) -> None:
+def test_records_are_those_of_the_tool(
+    start: Start, digits: Path, tool: str, tmp_path: Path
+) -> None:  # noqa: F811
     labels = digits / "labels.txt"
     np.save(tmp_path / "wrong.npy", np.zeros((3, 5), np.float32))
     (tmp_path / "text.npy").write_text("no array")
-    names = [*sorted((digits / "lines").glob("*.npy")), tmp_path / "wrong.npy", tmp_path / "text.npy",
-             tmp_path / "absent.npy"]
+    names = [
+        *sorted((digits / "lines").glob("*.npy")),
+        tmp_path / "wrong.npy",
+        tmp_path / "text.npy",
+        tmp_path / "absent.npy",
+    ]
     (tmp_path / "list.txt").write_text("\n".join(map(str, names)))
     arguments = ("list.txt", "--labels", labels, "--workers", 0, "--shard", 7)
     code, out, err = done(batch(start, digits, *arguments, "--out", "out"))
@@ -100,7 +45,9 @@ def test_records_are_those_of_the_tool(start: Start, digits: Path, tool: str, tm
     assert [manifest[key] for key in ("lines", "errors", "shards")] == [23, 3, 4]
 
 
-def test_a_second_run_does_what_is_missing(start: Start, digits: Path, tmp_path: Path) -> None:
+def test_a_second_run_does_what_is_missing(
+    start: Start, digits: Path, tmp_path: Path
+) -> None:  # noqa: F811
     write_store(tmp_path / "s.npz", made_lines(40))
     arguments = ("s.npz", "--shard", 6, "--workers", 0)
     before = wanted(start, digits, tmp_path, "s.npz", "--shard", 6)
@@ -126,7 +73,9 @@ def test_a_second_run_does_what_is_missing(start: Start, digits: Path, tmp_path:
     assert content(tmp_path / "out") == before
 
 
-def test_what_makes_no_batch_is_refused(start: Start, digits: Path, tmp_path: Path) -> None:
+def test_what_makes_no_batch_is_refused(
+    start: Start, digits: Path, tmp_path: Path
+) -> None:  # noqa: F811
     (tmp_path / "full").mkdir()
     (tmp_path / "full/part-00000000.jsonl").write_text("")
     for arguments, code, message in [
@@ -142,7 +91,9 @@ def test_what_makes_no_batch_is_refused(start: Start, digits: Path, tmp_path: Pa
     assert not (tmp_path / "out").exists()
 
 
-def test_a_full_disk_loses_nothing(start: Start, digits: Path, tmp_path: Path) -> None:
+def test_a_full_disk_loses_nothing(
+    start: Start, digits: Path, tmp_path: Path
+) -> None:  # noqa: F811
     write_store(tmp_path / "s.npz", made_lines(40))
     before = wanted(start, digits, tmp_path, "s.npz", "--shard", 30)
 

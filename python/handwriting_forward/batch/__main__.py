@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import logging
 import os
 import sys
 import time
@@ -101,6 +102,7 @@ def _work(job: Job, given: argparse.Namespace, progress: Progress) -> None:
 
 def main(arguments: Sequence[str] | None = None) -> int:
     given = _options().parse_args(arguments)
+    logging.disable(logging.CRITICAL)  # what Dask has to say of connections that break
     try:
         job = _job_of(given)
         job.open()

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import asyncio
+import concurrent.futures
 import contextlib
 import logging
 import os
@@ -24,6 +26,8 @@ from .work import recognizer_of, records_of, text_of, work_on
 IN_FLIGHT = 4  # shards a thread
 _LOOK = 1.0  # seconds between looks at the scheduler
 _LOST_AFTER = 15.0  # seconds without it
+_CANCELLED = (asyncio.CancelledError, concurrent.futures.CancelledError)
+_GONE = "the scheduler is gone"
 
 
 class BatchError(HandwritingError):
@@ -168,9 +172,12 @@ class Run:
                 self._write(shard, self._isolated(shard.first, shard.end))
         except VersionsDiffer as error:
             raise BatchError(str(error)) from error
+        except _CANCELLED as error:
+            lost = self._is_lost()
+            raise BatchError(_GONE if lost else "cancelled at the scheduler") from error
         except (CommClosedError, OSError) as error:
             if self._is_lost():
-                raise BatchError("the scheduler is gone") from error
+                raise BatchError(_GONE) from error
             raise
         finally:
             self._probe.unlink(missing_ok=True)
@@ -212,6 +219,10 @@ class Run:
                 self._submit(shard)
             except distributed.KilledWorker:
                 self._suspects.append(shard)
+            except (VersionsDiffer, OSError, *_CANCELLED):
+                raise
+            except Exception as error:
+                raise BatchError(f"{shard.file}: {type(error).__name__}: {error}") from error
             else:
                 self._write(shard, outcome)
             future.release()
@@ -223,7 +234,7 @@ class Run:
             distributed.wait(futures, timeout=_LOOK, return_when="FIRST_COMPLETED")
         except (TimeoutError, distributed.TimeoutError):
             if self._is_lost():
-                raise BatchError("the scheduler is gone") from None
+                raise BatchError(_GONE) from None
 
     def _is_lost(self) -> bool:
         return self._client.status != "running"
@@ -259,7 +270,6 @@ class Run:
 @contextlib.contextmanager
 def client_of(scheduler: str | None, workers: int) -> Iterator[distributed.Client]:
     """A client of a scheduler that runs, or of a cluster of its own on the loopback interface."""
-    logging.getLogger("distributed").setLevel(logging.CRITICAL)
     try:
         with contextlib.ExitStack() as stack:
             if scheduler is None:
@@ -267,6 +277,7 @@ def client_of(scheduler: str | None, workers: int) -> Iterator[distributed.Clien
                     distributed.LocalCluster(
                         n_workers=workers, threads_per_worker=1, host="127.0.0.1",
                         dashboard_address="127.0.0.1:0",
+                        silence_logs=logging.CRITICAL,
                     )  # fmt: skip
                 )
                 client = distributed.Client(cluster)

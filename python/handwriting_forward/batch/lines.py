@@ -147,10 +147,7 @@ def _member(path: str, name: str) -> Floats:
         lengths = struct.unpack("<26xHH", file.read(30))
         file.seek(sum(lengths), os.SEEK_CUR)
         version = _format.read_magic(file)
-        read = {
-            (1, 0): _format.read_array_header_1_0,
-            (2, 0): _format.read_array_header_2_0,
-        }
+        read = {(1, 0): _format.read_array_header_1_0, (2, 0): _format.read_array_header_2_0}
         if version not in read:
             raise ValueError(f"version {version} of its arrays")
         shape, is_fortran, dtype = read[version](file)
