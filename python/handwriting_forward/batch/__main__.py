@@ -50,7 +50,11 @@ def _options() -> argparse.ArgumentParser:
     )  # fmt: skip
     parser.add_argument("--nbest", type=_count(1), default=10, metavar="N", help="default: 10")
     parser.add_argument(
-        "--shard", type=_count(1), default=500, metavar="N", help="lines of a shard (default: 500)"
+        "--shard",
+        type=_count(1),
+        default=2000,
+        metavar="N",
+        help="lines of a shard (default: 2000)",
     )
     return parser
 
@@ -95,6 +99,7 @@ def _work(job: Job, given: argparse.Namespace, progress: Progress) -> None:
             f"Dask distributed is missing ({error}): apt install python3-distributed, or --workers 0"
         ) from error
     with cluster.client_of(given.scheduler, given.workers) as client:
+        progress.start()
         cluster.Run(
             client, job, lambda each: progress.add(each.counts, each.worker, each.seconds)
         ).work()

@@ -19,9 +19,15 @@ class Progress:
         self._lines = lines
         self._done = done
         self._begin = time.monotonic()
+        self._start = 0.0
         self._drawn = 0.0
         self._by_worker: dict[str, tuple[Counts, float]] = defaultdict(lambda: (Counts(), 0.0))
         self._is_shown = sys.stderr.isatty()
+
+    def start(self) -> None:
+        """The workers are there: what took until now is told apart."""
+        now = time.monotonic()
+        self._start, self._begin = now - self._begin, now
 
     def add(self, counts: Counts, worker: str, seconds: float) -> None:
         """A shard has been done."""
@@ -57,7 +63,8 @@ class Progress:
             f"{worker or 'lost':28} {_text_of(counts, seconds)}"
             for worker, (counts, seconds) in sorted(self._by_worker.items())
         ]
-        return "\n".join([*rows, f"{'together':28} {_text_of(total, spent)}"])
+        start = f"{'start of the workers':28} {self._start:44.1f} s"
+        return "\n".join([*rows, f"{'together':28} {_text_of(total, spent)}", start])
 
 
 def _text_of(counts: Counts, seconds: float) -> str:
